@@ -1,0 +1,53 @@
+# The README's commands. Each starts by installing what the project needs (idempotent).
+#   make demo    build, then run the demo on the bundled example network
+#   make test    build, then run every test
+# More: make build | asan-test | tsan-test | bench | fuzz | fuzz-long | format | clean
+BUILD      ?= build
+JOBS       ?= $(shell nproc)
+CMAKE_ARGS ?=
+CTEST_ARGS ?=
+
+.PHONY: deps build test demo asan-test tsan-test bench fuzz fuzz-long format clean
+
+deps:
+	@bash scripts/install-deps
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) -G Ninja $(CMAKE_ARGS)
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+demo: build
+	$(BUILD)/tools/tunnelctl/tunnelctl --version
+	$(BUILD)/tools/tunnelctl/tunnelctl demo
+
+asan-test:
+	$(MAKE) test BUILD=build-asan CMAKE_ARGS="-DTUNNEL_SANITIZE=address"
+
+tsan-test:
+	$(MAKE) test BUILD=build-tsan CMAKE_ARGS="-DTUNNEL_SANITIZE=thread"
+
+bench: deps
+	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DTUNNEL_TESTS=OFF -DTUNNEL_BENCH=ON
+	cmake --build build-bench -j $(JOBS)
+	bash bench/run build-bench
+
+# Short bounded fuzz runs of every target (CI); fuzz-long runs each for FUZZ_SECONDS.
+FUZZ_SECONDS ?= 20
+fuzz: deps
+	CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DTUNNEL_FUZZ=ON -DTUNNEL_TESTS=OFF -DTUNNEL_SANITIZE=address
+	cmake --build build-fuzz -j $(JOBS)
+	bash fuzz/run build-fuzz $(FUZZ_SECONDS)
+
+fuzz-long:
+	$(MAKE) fuzz FUZZ_SECONDS=600
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz

@@ -1,0 +1,70 @@
+#include "testing/TempRoot.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+
+namespace Testing {
+
+TempRoot::TempRoot() {
+   std::string tmpl = (std::filesystem::temp_directory_path() / "tunnel-test-XXXXXX").string();
+   if (!::mkdtemp(tmpl.data())) {
+      std::perror("mkdtemp");
+      std::abort();
+   }
+   path_ = tmpl;
+   if (const char* old = std::getenv("TUNNEL_SHMEM_ROOT")) {
+      previous_ = old;
+      hadPrevious_ = true;
+   }
+   ::setenv("TUNNEL_SHMEM_ROOT", path_.c_str(), 1);
+}
+
+TempRoot::~TempRoot() {
+   std::error_code ec;
+   std::filesystem::remove_all(path_, ec);
+   if (hadPrevious_) {
+      ::setenv("TUNNEL_SHMEM_ROOT", previous_.c_str(), 1);
+   } else {
+      ::unsetenv("TUNNEL_SHMEM_ROOT");
+   }
+}
+
+pid_t forkChild(const std::function<int()>& body) {
+   std::fflush(nullptr);
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      int rc = 99;
+      try {
+         rc = body();
+      } catch (const std::exception& e) {
+         std::fprintf(stderr, "child %d threw: %s\n", ::getpid(), e.what());
+      }
+      std::fflush(nullptr);
+      ::_exit(rc);
+   }
+   return pid;
+}
+
+int waitChild(pid_t pid) {
+   int status = 0;
+   while (::waitpid(pid, &status, 0) < 0) {
+   }
+   if (WIFEXITED(status)) return WEXITSTATUS(status);
+   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+   return -1;
+}
+
+std::string sourcePath(const std::string& relative) {
+#ifdef TUNNEL_SOURCE_DIR
+   return std::string(TUNNEL_SOURCE_DIR) + "/" + relative;
+#else
+   return relative;
+#endif
+}
+
+}  // namespace Testing
