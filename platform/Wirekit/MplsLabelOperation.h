@@ -1,0 +1,105 @@
+// MplsLabelOperation: what a via does to the label stack, bounded to kMaxLabels pushed labels so
+// that it is a fixed 48-byte value and fits a via in shared memory. See MplsLabel.h for the kinds.
+//
+// Byte form (kSerializedSize = 48, little-endian):
+//    struct {
+//       u8  kind;          // MplsOpKind, must agree with pops and count
+//       u8  count;         // pushed labels, 0..11
+//       u8  pops;          // labels popped first, 0..255
+//       u8  pad;           // zero
+//       u32 labels[11];    // outermost first; each <= 0xFFFFF; places >= count are zero
+//    };
+//
+// smush joins the operations of a tunnel that rides on another tunnel (see smush below).
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <iosfwd>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "Wirekit/MplsLabel.h"
+
+namespace Wirekit {
+
+class MplsLabelOperation {
+  public:
+   static constexpr size_t kMaxLabels = 11;
+   static constexpr size_t kSerializedSize = 48;
+
+   // The operation that does nothing (kind none).
+   constexpr MplsLabelOperation() noexcept = default;
+   // Parses the text form ("", "push 100 200", "swap 300", "pop 1", "pop 2 push 5"); throws
+   // Vela::ParseException on bad text and LabelStackOverflow beyond kMaxLabels.
+   explicit MplsLabelOperation(std::string_view text);
+
+   // Factories. Labels are outermost first. Each throws Vela::RangeException for a label above
+   // kMaxMplsLabel and LabelStackOverflow for more than kMaxLabels labels or kMaxMplsPopCount pops.
+   // An empty push is none; an empty swap is pop 1; pop 0 is none.
+   static MplsLabelOperation push(std::span<const uint32_t> labels);
+   static MplsLabelOperation push(std::initializer_list<uint32_t> labels) {
+      return push(std::span<const uint32_t>(labels.begin(), labels.size()));
+   }
+   // Replaces the top label by `labels` (one label: a plain swap).
+   static MplsLabelOperation swap(std::span<const uint32_t> labels);
+   static MplsLabelOperation swap(std::initializer_list<uint32_t> labels) {
+      return swap(std::span<const uint32_t>(labels.begin(), labels.size()));
+   }
+   static MplsLabelOperation pop(unsigned count = 1);
+   // The general form: pop `pops` labels, then push `labels`.
+   static MplsLabelOperation popAndPush(unsigned pops, std::span<const uint32_t> labels);
+   static MplsLabelOperation parse(std::string_view text) { return MplsLabelOperation(text); }
+
+   constexpr MplsOpKind kind() const noexcept { return static_cast<MplsOpKind>(kind_); }
+   constexpr bool isNone() const noexcept { return kind() == MplsOpKind::none; }
+   constexpr unsigned popCount() const noexcept { return pops_; }
+   constexpr size_t labelCount() const noexcept { return count_; }
+   // Pushed labels, outermost first.
+   std::span<const uint32_t> labels() const noexcept { return {labels_.data(), count_}; }
+   // REQUIRES: i < labelCount().
+   uint32_t label(size_t i) const;
+
+   // The operation of a tunnel (this, the outer operation) carried over another tunnel whose via
+   // does `inner`: first this operation is applied to the packet, then `inner`, so the inner
+   // tunnel's labels end up above this one's. Throws LabelStackOverflow when the result would push
+   // more than kMaxLabels labels or pop more than kMaxMplsPopCount. Rule table in the source.
+   MplsLabelOperation smush(const MplsLabelOperation& inner) const;
+
+   // One-at-a-time, continuing from `seed`, over kind, pops, count and the live labels (u32 each,
+   // least significant byte first).
+   uint32_t hash(uint32_t seed = 0) const noexcept;
+
+   std::string stringValue() const;
+
+   void serialize(uint8_t* out) const noexcept;
+   // Reads exactly kSerializedSize bytes; throws FormatError when they are not the byte form of
+   // an operation (kind, count, pops and padding checked; labels range-checked; unused places 0).
+   static MplsLabelOperation deserialize(const uint8_t* in);
+
+   friend bool operator==(const MplsLabelOperation&, const MplsLabelOperation&) noexcept = default;
+   // Kind, then pops, then the labels lexicographically (a shorter prefix first).
+   friend std::strong_ordering operator<=>(const MplsLabelOperation& a,
+                                           const MplsLabelOperation& b) noexcept;
+
+  private:
+   uint8_t kind_ = 0;
+   uint8_t count_ = 0;
+   uint8_t pops_ = 0;
+   uint8_t pad_ = 0;
+   std::array<uint32_t, kMaxLabels> labels_{};  // places >= count_ are zero
+};
+
+// smush(outer, inner) == outer.smush(inner).
+inline MplsLabelOperation smush(const MplsLabelOperation& outer, const MplsLabelOperation& inner) {
+   return outer.smush(inner);
+}
+
+std::string valueToStrep(const MplsLabelOperation& op);
+std::ostream& operator<<(std::ostream& os, const MplsLabelOperation& op);
+
+}  // namespace Wirekit
