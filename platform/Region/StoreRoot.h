@@ -1,0 +1,18 @@
+// The directory under which every shared-memory table lives: "/var/shmem" unless the environment
+// variable TUNNEL_SHMEM_ROOT names another one (tests always do).
+#pragma once
+
+#include <string>
+
+namespace Region {
+
+constexpr const char* kDefaultStoreRoot = "/var/shmem";
+constexpr const char* kStoreRootVariable = "TUNNEL_SHMEM_ROOT";
+
+// Read on every call, so a test that changes the variable sees the new root.
+std::string storeRoot();
+
+// Creates `dir` and its missing parents (mode 0755); throws Region::Error on failure.
+void makeDirectories(const std::string& dir);
+
+}  // namespace Region

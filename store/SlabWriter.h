@@ -1,0 +1,97 @@
+// SlabWriter: the writer's side of one slab file (one size class). It formats the file, hands out
+// and takes back entries through the free list in the header, grows the file when the list runs
+// dry, and validates the file.
+//
+// Publication to readers. Entry headers and payloads are written before the slot that names the
+// entry is published (the slot's flags word is the release point). When the slab grows, the new
+// entries are formatted and numEntries stored before the resize counter is advanced with release
+// order, so a reader that sees the new counter (acquire) maps a file whose entries are all valid.
+//
+// Errors: lookups and validation throw Loom::CorruptionException with a text that begins with the
+// slab's name (its file path).
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Region/MappedFile.h"
+#include "store/Slab.h"
+
+namespace Tessel {
+
+class SlabWriter {
+  public:
+   // REQUIRES: entrySize is a multiple of 8 and > kSlabEntryHeaderSize.
+   SlabWriter(std::string path, uint32_t entrySize, uint32_t relume);
+
+   // Creates (truncating) the file with initialEntries(entrySize) free entries.
+   void create();
+   // Maps the existing file read-write, validates its header (any relume) and stamps this
+   // writer's relume. Throws Loom::CorruptionException with the validation reason, or
+   // Region::Error when the file cannot be mapped.
+   void attach();
+   // Maps the existing file read-only for inspection (validate, lookup); nothing is written.
+   void attachReadOnly();
+   void detach();
+   bool attached() const { return bool(file_); }
+
+   // The entry at `index`. Throws "{}::getEntry() index: {} is beyond farthest possible index: {}"
+   // when index >= numEntries (farthest possible index is numEntries - 1).
+   SlabEntryHeader* getEntry(uint32_t index);
+   // getEntry plus the occupancy checks: "{}::lookup() entry at index: {} is marked unoccupied",
+   // "{}::lookup() encountered payloadSize: {}, but max payloadSize:{} at index: {}".
+   SlabEntryHeader* lookup(uint32_t index);
+   uint8_t* payload(SlabEntryHeader* entry) {
+      return reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize;
+   }
+
+   // Pops the free list, growing the slab first when it is empty. The entry comes back with
+   // payloadSize 0 and clientData kNone; the caller fills the payload, then sets clientData and
+   // payloadSize. REQUIRES: attached read-write.
+   uint32_t alloc();
+   // Marks the entry free (payloadSize -1) and pushes it on the free list.
+   // REQUIRES: the entry is occupied (asserted: "freeing unoccupied entry {} of {}").
+   void free(uint32_t index);
+
+   // Grows the file to newNumEntries entries and adds the new ones to the free list.
+   // REQUIRES: newNumEntries > numEntries(), free list empty.
+   void resize(uint32_t newNumEntries);
+   // Releases the free tail: numEntries drops to just past the last occupied entry (never below
+   // the initial count), the free list is rebuilt from the remaining free entries, and the tail's
+   // pages are punched out (the file keeps its length). Returns true when it shrank.
+   bool shrink();
+   // Pushes entries [start, end) on the free list in ascending order.
+   // REQUIRES: the free list is empty ("{}::addFreeEntries() free-list isn't empty").
+   void addFreeEntries(uint32_t start, uint32_t end);
+
+   // Header checks, then a walk of the free list and of every entry. Throws on the first finding.
+   void validate();
+
+   SlabHeader* header() const { return reinterpret_cast<SlabHeader*>(file_.data()); }
+   uint32_t entrySize() const { return entrySize_; }
+   uint32_t maxPayload() const { return entrySize_ - Dock::kSlabEntryHeaderSize; }
+   uint32_t numEntries() const;
+   uint32_t numOccupied() const;
+   uint32_t relume() const { return relume_; }
+   const std::string& name() const { return path_; }
+   const Region::MappedFile& file() const { return file_; }
+
+  private:
+   SlabEntryHeader* entry(uint32_t index) const {
+      return reinterpret_cast<SlabEntryHeader*>(entryAt(file_.data(), entrySize_, index));
+   }
+   void checkHeader(uint32_t wantedRelume);
+
+   std::string path_;
+   uint32_t entrySize_;
+   uint32_t relume_;
+   Region::MappedFile file_;
+};
+
+// Validates a slab file that no SlabWriter holds (mapped read-only for the check):
+// "{}::validateUnattached() cannot attach to shmem {} size:{}: {}" when it cannot be mapped,
+// "{}::validateUnattached, validation failed on an empty slab, reason: {}" when a slab with no
+// occupied entries fails; other failures as SlabWriter::validate. Throws Loom::CorruptionException.
+void validateUnattached(const std::string& path, uint32_t entrySize);
+
+}  // namespace Tessel
