@@ -27,6 +27,12 @@
 
 namespace Tunnel::TunnelTable {
 
+// Leading blanks of a dump line: the "%*c" forms pad with `indent` blanks; the forms used at
+// indent 0 have none.
+inline Vela::String dumpIndent(int indent) {
+   return indent > 0 ? Vela::String(static_cast<size_t>(indent), ' ') : Vela::String();
+}
+
 class TunnelId {
   public:
    static constexpr const char* kTypeName = "Tunnel::TunnelTable::TunnelId";
