@@ -1,8 +1,8 @@
-#include "Vela/Hash.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
+
+#include "Vela/Hash.h"
 
 namespace {
 
@@ -12,6 +12,32 @@ TEST(OneAtATimeHash, MatchesPublishedVectors) {
    const char* fox = "The quick brown fox jumps over the lazy dog";
    EXPECT_EQ(Vela::oneAtATime(fox, std::strlen(fox)), 0x519e91f5u);
    EXPECT_EQ(Vela::oneAtATime("", 0), 0u);
+}
+
+// Vectors from a separate reference implementation (which also reproduces the published ones).
+// Bytes at or above 0x80 catch a signed-char step; the 1 KiB input catches any width slip.
+TEST(OneAtATimeHash, MatchesReferenceVectors) {
+   EXPECT_EQ(Vela::oneAtATime("abc", 3), 0xed131f5bu);
+   EXPECT_EQ(Vela::oneAtATime("hello world", 11), 0x3e4a5a57u);
+   const uint8_t ff[1] = {0xff};
+   EXPECT_EQ(Vela::oneAtATime(ff, 1), 0xc7b20f1du);
+   const uint8_t mixed[3] = {0x80, 0x00, 0xfe};
+   EXPECT_EQ(Vela::oneAtATime(mixed, 3), 0x19b358a6u);
+   uint8_t kib[1024];
+   for (size_t i = 0; i < sizeof kib; ++i) kib[i] = static_cast<uint8_t>(i);
+   EXPECT_EQ(Vela::oneAtATime(kib, sizeof kib), 0x342d02c0u);
+   // Tunnel identifiers: (type 3, index 7) and the largest valid value.
+   static_assert(Vela::oneAtATimeOf(uint64_t{0x300000000007}) == 0x24768ac8u);
+   EXPECT_EQ(Vela::oneAtATimeOf(uint64_t{0x1FFFFFFFFFFFF}), 0x586867ebu);
+}
+
+TEST(OneAtATimeHash, SeedContinuesFromGivenState) {
+   const uint8_t bytes[4] = {1, 2, 3, 4};
+   EXPECT_EQ(Vela::oneAtATime(bytes, 4, 0x1234u),
+             Vela::HashMixer(0x1234u).addBytes(bytes, 4).finish());
+   EXPECT_EQ(Vela::oneAtATimeOf(uint32_t{0x04030201}, 0x1234u),
+             Vela::oneAtATime(bytes, 4, 0x1234u));
+   EXPECT_NE(Vela::oneAtATime(bytes, 4, 1u), Vela::oneAtATime(bytes, 4, 0u));
 }
 
 TEST(OneAtATimeHash, IntegersAreHashedLeastSignificantByteFirst) {

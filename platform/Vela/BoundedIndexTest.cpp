@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "Vela/BoundedIndex.h"
+
+namespace {
+
+struct ViaTag {
+   static constexpr const char* typeName = "Tunnel::TunnelTable::ViaIndex";
+};
+struct TepTag {
+   static constexpr const char* typeName = "Tunnel::TunnelTable::TepIndex";
+};
+struct NameTag {
+   static constexpr const char* typeName = "Tunnel::TunnelTable::NameIndex";
+};
+struct OffsetTag {
+   static constexpr const char* typeName = "Test::OffsetIndex";
+};
+
+using ViaIndex = Vela::BoundedIndex<ViaTag, uint16_t, 0, 599>;
+using TepIndex = Vela::BoundedIndex<TepTag, uint32_t, 0, 15>;
+using NameIndex = Vela::BoundedIndex<NameTag, uint8_t, 0, 127>;
+using OffsetIndex = Vela::BoundedIndex<OffsetTag, uint8_t, 5, 9>;
+
+template <typename I>
+std::string rangeText() {
+   const std::string t = I::TagType::typeName;
+   return t + "::value < " + t + "::min or > " + t + "::max not allowed";
+}
+
+template <typename I, typename F>
+void expectRangeError(F&& f) {
+   try {
+      f();
+      ADD_FAILURE() << "no RangeException";
+   } catch (const Vela::RangeException& e) {
+      EXPECT_EQ(e.what(), rangeText<I>());
+   }
+}
+
+template <typename I>
+class BoundedIndexTest : public ::testing::Test {};
+using IndexTypes = ::testing::Types<ViaIndex, TepIndex, NameIndex, OffsetIndex>;
+TYPED_TEST_SUITE(BoundedIndexTest, IndexTypes);
+
+TYPED_TEST(BoundedIndexTest, AcceptsExactlyItsRangeAndNamesTypeWhenRefusing) {
+   using I = TypeParam;
+   constexpr uint64_t lo = I::min().value();
+   constexpr uint64_t hi = I::max().value();
+   EXPECT_EQ(I::capacity, hi - lo + 1);
+   EXPECT_EQ(I(lo).value(), lo);
+   EXPECT_EQ(I(hi).value(), hi);
+   EXPECT_EQ(I().value(), lo);
+   expectRangeError<I>([] { I{hi + 1}; });
+   expectRangeError<I>([] { I{-1}; });
+   // A wide value whose low bits would fit must not be truncated into the range.
+   expectRangeError<I>([] { I{(uint64_t{1} << 40) + lo}; });
+   if constexpr (lo > 0) expectRangeError<I>([] { I{lo - 1}; });
+}
+
+TYPED_TEST(BoundedIndexTest, IncrementStopsAtMaxWithoutChangingValue) {
+   using I = TypeParam;
+   I i = I::max();
+   expectRangeError<I>([&] { ++i; });
+   expectRangeError<I>([&] { i++; });
+   EXPECT_EQ(i, I::max());
+
+   I j = I::min();
+   EXPECT_EQ((j++).value(), I::min().value());
+   EXPECT_EQ(j.value(), I::min().value() + 1);
+   j += I::capacity - 2;
+   EXPECT_EQ(j, I::max());
+   expectRangeError<I>([&] { j += 1u; });
+   expectRangeError<I>([&] { j += uint64_t{1} << 63; });
+   EXPECT_EQ(j, I::max());
+   j += -1;
+   EXPECT_EQ(j.value(), I::max().value() - 1);
+   I k = I::min();
+   expectRangeError<I>([&] { k += -1; });
+}
+
+TYPED_TEST(BoundedIndexTest, OrdersByValueAndPrintsDecimal) {
+   using I = TypeParam;
+   const I a = I::min();
+   const I b = I::max();
+   EXPECT_LT(a, b);
+   EXPECT_NE(a, b);
+   EXPECT_EQ(a, I(I::min().value()));
+   std::ostringstream os;
+   os << b;
+   EXPECT_EQ(os.str(), std::to_string(I::max().value()));
+}
+
+TEST(BoundedIndex, ViaIndexBoundaryTexts) {
+   EXPECT_NO_THROW(ViaIndex(599));
+   try {
+      (void)ViaIndex(600);
+      FAIL() << "600 accepted";
+   } catch (const Vela::RangeException& e) {
+      EXPECT_STREQ(e.what(),
+                   "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or "
+                   "> Tunnel::TunnelTable::ViaIndex::max not allowed");
+   }
+   EXPECT_THROW(TepIndex(16), Vela::RangeException);
+   EXPECT_THROW(NameIndex(128), Vela::RangeException);
+}
+
+TEST(BoundedIndex, IntegerLimits) {
+   EXPECT_EQ(Vela::maxU8(), 255u);
+   EXPECT_EQ(Vela::maxU16(), 65535u);
+   EXPECT_EQ(Vela::maxU32(), 4294967295u);
+   EXPECT_EQ(Vela::maxU64(), 18446744073709551615ull);
+   static_assert(std::is_same_v<Vela::Id64, uint64_t>);
+   static_assert(Vela::BoundedIndexType<ViaIndex>);
+   static_assert(!Vela::BoundedIndexType<uint16_t>);
+}
+
+}  // namespace

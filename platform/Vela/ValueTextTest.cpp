@@ -1,0 +1,205 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "Vela/BoundedIndex.h"
+#include "Vela/ValueText.h"
+
+namespace {
+
+using Vela::ParseException;
+using Vela::RangeException;
+using Vela::String;
+using Vela::ValueTextBuilder;
+using Vela::ValueTextParser;
+
+constexpr const char* kTunnelId = "Tunnel::TunnelTable::TunnelId";
+
+template <typename E, typename F>
+std::string errorOf(F&& f) {
+   try {
+      f();
+   } catch (const E& e) {
+      return e.what();
+   }
+   return "(no exception)";
+}
+
+TEST(ValueText, BuilderWritesFieldsInCallOrder) {
+   EXPECT_EQ(ValueTextBuilder(kTunnelId).field("value", "123").str(),
+             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 123})");
+   ValueTextBuilder b("Tunnel::TunnelRedist::TunnelInfo");
+   b.field("tunnelId", ValueTextBuilder(kTunnelId).field("value", "7").str());
+   b.field("igpMetric", Vela::renderUnsigned(4294967295u));
+   EXPECT_EQ(b.str(),
+             "Value('Tunnel::TunnelRedist::TunnelInfo', ** {'tunnelId': "
+             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 7}), 'igpMetric': 4294967295})");
+   EXPECT_EQ(ValueTextBuilder("T").str(), "Value('T', ** {})");
+}
+
+TEST(ValueText, RendersScalarsAndArrays) {
+   EXPECT_EQ(Vela::renderUnsigned(0), "0");
+   EXPECT_EQ(Vela::renderUnsigned(18446744073709551615ull), "18446744073709551615");
+   EXPECT_EQ(Vela::renderBool(true), "True");
+   EXPECT_EQ(Vela::renderBool(false), "False");
+   EXPECT_EQ(Vela::renderString("it's a\\b"), "'it\\'s a\\\\b'");
+   EXPECT_EQ(Vela::renderFloat(0.1f), "0.1");
+   EXPECT_EQ(Vela::renderFloat(1.0f), "1.0");
+   EXPECT_EQ(Vela::renderFloat(-0.0), "-0.0");
+   EXPECT_EQ(Vela::renderFloat(2.5), "2.5");
+   EXPECT_EQ(Vela::renderArray(std::vector<String>{}), "[]");
+   EXPECT_EQ(Vela::renderArray(std::vector<String>{"1"}), "[1]");
+   EXPECT_EQ(Vela::renderArray(std::vector<String>{"'a'", "Value('X', ** {})"}),
+             "['a', Value('X', ** {})]");
+}
+
+TEST(ValueText, FloatsReadBackBitExact) {
+   const float fs[] = {0.1f,
+                       1.0f / 3,
+                       1e-45f,
+                       std::numeric_limits<float>::max(),
+                       1e20f,
+                       100.0f,
+                       std::numeric_limits<float>::infinity()};
+   for (float f : fs) {
+      EXPECT_EQ(Vela::parseFloat(Vela::renderFloat(f)), f) << Vela::renderFloat(f);
+   }
+   const double ds[] = {0.1, 1.0 / 3, 5e-324, 1.7976931348623157e308, -1e100};
+   for (double d : ds) {
+      EXPECT_EQ(Vela::parseDouble(Vela::renderFloat(d)), d) << Vela::renderFloat(d);
+   }
+   EXPECT_TRUE(std::isnan(Vela::parseFloat(Vela::renderFloat(std::nanf("")))));
+   EXPECT_EQ(Vela::renderFloat(-std::numeric_limits<double>::infinity()), "-inf");
+}
+
+TEST(ValueText, ParserFindsFieldsSkippingNestedValuesArraysAndStrings) {
+   const String text =
+       "Value('Tunnel::X', ** {'a': Value('Tunnel::Y', ** {'p': 1, 'q': [2, 3]}), "
+       "'b': [Value('Z', ** {'r': 'x, }y'}), 4], 'c': 'it\\'s, ok}', 'd': True, 'e': 42, "
+       "'f': (1, 2), 'g': 1.5}";
+   const String full = text + ")";
+   ValueTextParser p(full.begin(), full.end(), "Tunnel::X");
+   EXPECT_EQ(p.field("a"), "Value('Tunnel::Y', ** {'p': 1, 'q': [2, 3]})");
+   EXPECT_EQ(p.field("b"), "[Value('Z', ** {'r': 'x, }y'}), 4]");
+   EXPECT_EQ(p.readString("c"), "it's, ok}");
+   EXPECT_TRUE(p.readBool("d"));
+   EXPECT_EQ(p.readUnsigned<uint8_t>("e"), 42u);
+   EXPECT_EQ(p.field("f"), "(1, 2)");
+   EXPECT_EQ(p.readDouble("g"), 1.5);
+   EXPECT_TRUE(p.has("a"));
+   EXPECT_FALSE(p.has("h"));
+
+   const std::string_view nested = p.field("a");
+   ValueTextParser inner(nested, "Tunnel::Y");
+   EXPECT_EQ(inner.readUnsigned<uint32_t>("p"), 1u);
+   EXPECT_EQ(inner.field("q"), "[2, 3]");
+
+   ValueTextParser empty(std::string_view("Value('E', ** {})"), "E");
+   EXPECT_FALSE(empty.has("x"));
+}
+
+TEST(ValueText, BuilderOutputParsesBack) {
+   ValueTextBuilder b("Tunnel::TunnelFib::GreEncap");
+   b.field("name", Vela::renderString("gre'1\\"))
+       .field("up", Vela::renderBool(false))
+       .field("bw", Vela::renderFloat(12.75f))
+       .field("ids", Vela::renderArray(std::vector<String>{"1", "2"}))
+       .field("metric", Vela::renderUnsigned(65535));
+   const String text = b.str();
+   ValueTextParser p(text.begin(), text.end(), "Tunnel::TunnelFib::GreEncap");
+   EXPECT_EQ(p.readString("name"), "gre'1\\");
+   EXPECT_FALSE(p.readBool("up"));
+   EXPECT_EQ(p.readFloat("bw"), 12.75f);
+   EXPECT_EQ(p.field("ids"), "[1, 2]");
+   EXPECT_EQ(p.readUnsigned<uint16_t>("metric"), 65535u);
+}
+
+TEST(ValueText, ErrorsNameTheAttributeBeingRead) {
+   const auto err = [](std::string_view text, std::string_view type, auto read) {
+      return errorOf<ParseException>([&] { read(ValueTextParser(text, type)); });
+   };
+   const auto readValue = [](const ValueTextParser& p) { p.readUnsigned<uint64_t>("value"); };
+   EXPECT_EQ(err("Value('Tunnel::TunnelTable::TunnelId', ** {'value': x1})", kTunnelId, readValue),
+             "cannot read attribute 'value' of Tunnel::TunnelTable::TunnelId: expected an unsigned "
+             "number, got \"x1\"");
+   EXPECT_EQ(err("Value('Tunnel::TunnelTable::TunnelId', ** {'value': -1})", kTunnelId, readValue),
+             "cannot read attribute 'value' of Tunnel::TunnelTable::TunnelId: expected an unsigned "
+             "number, got \"-1\"");
+   EXPECT_EQ(err("Value('Tunnel::TunnelTable::TunnelId', ** {'value': })", kTunnelId, readValue),
+             "cannot read attribute 'value' of Tunnel::TunnelTable::TunnelId: expected an unsigned "
+             "number, got \"\"");
+   EXPECT_EQ(err("Value('Tunnel::TunnelTable::EncapId', ** {'value': 1})", kTunnelId, readValue),
+             "cannot read attribute 'value' of Tunnel::TunnelTable::TunnelId: text does not start "
+             "with \"Value('Tunnel::TunnelTable::TunnelId', ** {\"");
+   EXPECT_EQ(err("Value('T', ** {'other': 1})", "T", readValue),
+             "cannot read attribute 'value' of T: attribute not present");
+   EXPECT_EQ(err("Value('T', ** {'value': 1}", "T", readValue),
+             "cannot read attribute 'value' of T: expected \")\" at offset 26");
+   EXPECT_EQ(err("Value('T', ** {'value': 1}) ", "T", readValue),
+             "cannot read attribute 'value' of T: unexpected text after the value at offset 27");
+   EXPECT_EQ(err("Value('T', ** {'value': 1,'b': 2})", "T", readValue),
+             "cannot read attribute 'value' of T: expected \", \" at offset 25");
+   EXPECT_EQ(err("Value('T', ** {'value': 1, 'value': 2})", "T", readValue),
+             "cannot read attribute 'value' of T: attribute 'value' appears twice");
+   EXPECT_EQ(err("Value('T', ** {'value': 'abc})", "T", readValue),
+             "cannot read attribute 'value' of T: unterminated string in attribute 'value'");
+   EXPECT_EQ(err("Value('T', ** {'value': [1, 2})", "T", readValue),
+             "cannot read attribute 'value' of T: expected \"}\" at offset 30");
+   EXPECT_EQ(err("Value('T', ** {'value': [1, 2", "T", readValue),
+             "cannot read attribute 'value' of T: unterminated value of attribute 'value'");
+   EXPECT_EQ(err("Value('T', ** {'value': 70000})", "T",
+                 [](const ValueTextParser& p) { p.readUnsigned<uint16_t>("value"); }),
+             "cannot read attribute 'value' of T: expected a 16-bit unsigned number, got "
+             "\"70000\"");
+   EXPECT_EQ(
+       err("Value('T', ** {'up': true})", "T", [](const ValueTextParser& p) { p.readBool("up"); }),
+       "cannot read attribute 'up' of T: expected True or False, got \"true\"");
+   EXPECT_EQ(
+       err("Value('T', ** {'s': 'a'b'c'})", "T", [](const ValueTextParser& p) { p.readString("s"); }),
+       "cannot read attribute 's' of T: expected a quoted string, got \"'a'b'c'\"");
+   EXPECT_EQ(
+       err("Value('T', ** {'f': 1.5x})", "T", [](const ValueTextParser& p) { p.readFloat("f"); }),
+       "cannot read attribute 'f' of T: expected a floating point number, got \"1.5x\"");
+}
+
+struct ViaTag {
+   static constexpr const char* typeName = "Tunnel::TunnelTable::ViaIndex";
+};
+using ViaIndex = Vela::BoundedIndex<ViaTag, uint16_t, 0, 599>;
+
+// A value type's text constructor, written the way every value type writes it.
+ViaIndex viaIndexFromText(std::string_view text) {
+   ValueTextParser p(text, "Tunnel::TunnelTable::ViaIndex");
+   return p.readField(
+       "value", [](std::string_view t) { return ViaIndex(Vela::parseUnsigned<uint64_t>(t)); });
+}
+
+TEST(ValueText, RangeErrorWhileReadingNamesTheAttribute) {
+   EXPECT_EQ(viaIndexFromText("Value('Tunnel::TunnelTable::ViaIndex', ** {'value': 599})").value(),
+             599u);
+   EXPECT_EQ(errorOf<RangeException>([] {
+                viaIndexFromText("Value('Tunnel::TunnelTable::ViaIndex', ** {'value': 600})");
+             }),
+             "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
+             "Tunnel::TunnelTable::ViaIndex::max not allowed (reading attribute 'value')");
+
+   // Nested reads stack the context: the outer attribute wraps the inner one.
+   const String outer =
+       "Value('Outer', ** {'via': Value('Tunnel::TunnelTable::ViaIndex', ** {'value': 1000})})";
+   ValueTextParser p(outer.begin(), outer.end(), "Outer");
+   EXPECT_EQ(errorOf<RangeException>([&] { p.readField("via", viaIndexFromText); }),
+             "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
+             "Tunnel::TunnelTable::ViaIndex::max not allowed (reading attribute 'value') (reading "
+             "attribute 'via')");
+   const String bad = "Value('Outer', ** {'via': Value('Other', ** {'value': 1})})";
+   ValueTextParser q(bad.begin(), bad.end(), "Outer");
+   EXPECT_EQ(errorOf<ParseException>([&] { q.readField("via", viaIndexFromText); }),
+             "cannot read attribute 'via' of Outer: cannot read attribute 'value' of "
+             "Tunnel::TunnelTable::ViaIndex: text does not start with "
+             "\"Value('Tunnel::TunnelTable::ViaIndex', ** {\"");
+}
+
+}  // namespace
