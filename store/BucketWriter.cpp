@@ -1,0 +1,139 @@
+// The shared bucket file: creation in place, resizing brackets, header check.
+#include "store/BucketWriter.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include "Region/MappedFile.h"
+#include "Vela/Assert.h"
+
+namespace Dock {
+
+BucketWriter::BucketWriter() = default;
+BucketWriter::~BucketWriter() = default;
+
+namespace {
+size_t fileSizeFor(uint32_t numBuckets) {
+   return kBucketHeaderSize + size_t(numBuckets) * sizeof(uint32_t);
+}
+bool exists(const std::string& path) {
+   struct stat st;
+   return ::stat(path.c_str(), &st) == 0;
+}
+}  // namespace
+
+uint32_t BucketWriter::checkOf(const BucketHeader& h) {
+   // FNV-1a over magic..relume and hashSeed.
+   uint32_t x = 0x811c9dc5u;
+   auto feed = [&x](const void* p, size_t n) {
+      const auto* b = static_cast<const unsigned char*>(p);
+      for (size_t i = 0; i < n; ++i) {
+         x ^= b[i];
+         x *= 0x01000193u;
+      }
+   };
+   feed(&h.magic, sizeof h.magic);
+   feed(&h.version, sizeof h.version);
+   feed(&h.relume, sizeof h.relume);
+   feed(&h.hashSeed, sizeof h.hashSeed);
+   return x;
+}
+
+void BucketWriter::map() {
+   header_ = reinterpret_cast<BucketHeader*>(file_->data());
+   heads_ = reinterpret_cast<std::atomic<uint32_t>*>(file_->data() + kBucketHeaderSize);
+}
+
+void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t hashSeed,
+                          uint32_t numBuckets) {
+   VELA_ASSERT(numBuckets > 0 && (numBuckets & (numBuckets - 1)) == 0);
+   const size_t size = fileSizeFor(numBuckets);
+   if (exists(path)) {
+      file_ = std::make_unique<Region::MappedFile>(Region::MappedFile::openReadWrite(path));
+      if (file_->fileSize() < size) file_->resize(size);
+   } else {
+      file_ = std::make_unique<Region::MappedFile>(Region::MappedFile::create(path, size));
+   }
+   map();
+   // An odd counter while the header and heads are rewritten: a plain reader retries.
+   const uint64_t old =
+       file_->size() >= kBucketHeaderSize ? header_->sizeWord.load(std::memory_order_relaxed) : 0;
+   uint32_t counter = sizeWordCounter(old) | 1u;
+   header_->sizeWord.store(makeSizeWord(counter, numBuckets), std::memory_order_relaxed);
+   std::atomic_thread_fence(std::memory_order_release);  // pairs with the reader's acquire fence
+   header_->magic = kBucketMagic;
+   header_->version = kBucketVersion;
+   header_->relume = relume;
+   header_->hashSeed = hashSeed;
+   header_->check = checkOf(*header_);
+   for (uint32_t i = 0; i < numBuckets; ++i) heads_[i].store(kNone, std::memory_order_relaxed);
+   numBuckets_ = numBuckets;
+   header_->sizeWord.store(makeSizeWord(counter + 1, numBuckets), std::memory_order_release);
+}
+
+void BucketWriter::detach() {
+   file_.reset();
+   header_ = nullptr;
+   heads_ = nullptr;
+   numBuckets_ = 0;
+}
+
+void BucketWriter::beginResize(uint32_t newCount) {
+   VELA_ASSERT(newCount > 0 && (newCount & (newCount - 1)) == 0);
+   const size_t size = fileSizeFor(newCount);
+   if (file_->fileSize() < size) {
+      file_->resize(size);
+      map();
+   }
+   for (uint32_t i = numBuckets_; i < newCount; ++i) {
+      heads_[i].store(kNone, std::memory_order_relaxed);
+   }
+   const uint64_t old = header_->sizeWord.load(std::memory_order_relaxed);
+   // Release: the emptied heads are visible with the new count. The fence orders the odd
+   // counter before the relinking stores; it pairs with the reader's acquire fence before its
+   // second load of sizeWord.
+   header_->sizeWord.store(makeSizeWord(sizeWordCounter(old) + 1, newCount),
+                           std::memory_order_release);
+   std::atomic_thread_fence(std::memory_order_release);
+   numBuckets_ = newCount;
+}
+
+void BucketWriter::endResize(uint32_t finalCount) {
+   VELA_ASSERT(finalCount > 0 && finalCount <= numBuckets_);
+   numBuckets_ = finalCount;
+   const uint64_t old = header_->sizeWord.load(std::memory_order_relaxed);
+   // Release: the relinked chains are visible before the even counter.
+   header_->sizeWord.store(makeSizeWord(sizeWordCounter(old) + 1, finalCount),
+                           std::memory_order_release);
+}
+
+bool BucketWriter::validate(uint32_t relume, uint32_t hashSeed, std::string& reason) const {
+   if (header_ == nullptr || file_->size() < kBucketHeaderSize) {
+      reason = "bucket file too short";
+      return false;
+   }
+   if (header_->magic != kBucketMagic) {
+      reason = fmt::format("bad magic: {:x}", header_->magic);
+      return false;
+   }
+   if (header_->version != kBucketVersion) {
+      reason = fmt::format("bad version: {}", header_->version);
+      return false;
+   }
+   if (header_->relume != relume) {
+      reason = fmt::format("bad relume:{} wanted:{}", header_->relume, relume);
+      return false;
+   }
+   if (header_->hashSeed != hashSeed || header_->check != checkOf(*header_)) {
+      reason = fmt::format("checksum fail: {:x} != {:x}", checkOf(*header_), header_->check);
+      return false;
+   }
+   const uint32_t n = sizeWordNumSlots(header_->sizeWord.load(std::memory_order_relaxed));
+   if (n == 0 || (n & (n - 1)) != 0 || file_->fileSize() < fileSizeFor(n)) {
+      reason = fmt::format("bad numBuckets: {} file size:{}", n, file_->fileSize());
+      return false;
+   }
+   return true;
+}
+
+}  // namespace Dock

@@ -1,0 +1,72 @@
+// BucketWriter: the heads of the key hash chains, kept in the table's shared bucket file so that
+// plain readers can search the writer's chains.
+//
+//   struct BucketFile {            // see BucketHeader in store/Layout.h
+//      BucketHeader header;        // magic, version, relume, sizeWord, hashSeed, check
+//      atomic<uint32_t> heads[];   // numBuckets slot indices, kNone for an empty chain
+//   };
+//
+// A key's bucket is keyHash % numBuckets. The count starts at kInitialBuckets and is always a
+// power of two. Changing the count (the writer's rehash) brackets the relinking with two
+// increments of the resize counter in sizeWord: the counter is odd while chains are being moved,
+// so a plain reader that sees an odd counter, or a counter that changed across its walk, retries.
+// The file only grows; a smaller count leaves the tail unused.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "store/Layout.h"
+
+namespace Region {
+class MappedFile;
+}
+
+namespace Dock {
+
+// Initial number of buckets of a new table: small, since the count doubles with occupancy.
+constexpr uint32_t kInitialBuckets = 16;
+
+class BucketWriter {
+  public:
+   BucketWriter();
+   ~BucketWriter();
+
+   // Creates <path> (or reuses the file in place, never shrinking it, so that readers mapping it
+   // are not cut short) with numBuckets empty heads.
+   void create(const std::string& path, uint32_t relume, uint32_t hashSeed, uint32_t numBuckets);
+   void detach();
+   bool attached() const { return header_ != nullptr; }
+
+   uint32_t numBuckets() const { return numBuckets_; }
+   uint32_t head(uint32_t bucket) const { return heads_[bucket].load(std::memory_order_relaxed); }
+   // Release: the slot's words, stored before it is linked, are visible to a reader that
+   // acquires the head.
+   void headIs(uint32_t bucket, uint32_t slot) {
+      heads_[bucket].store(slot, std::memory_order_release);
+   }
+   uint32_t bucketOf(uint32_t keyHash) const { return keyHash & (numBuckets_ - 1); }
+
+   // Starts a change of the bucket count: grows the file to hold `count` heads if needed, empties
+   // the heads beyond the current count, publishes `count` with an odd counter. The caller
+   // relinks, then calls endResize with the final count (smaller than `count` for a shrink).
+   void beginResize(uint32_t count);
+   void endResize(uint32_t finalCount);
+
+   // Checks the header against the relume and seed; returns false with a reason.
+   bool validate(uint32_t relume, uint32_t hashSeed, std::string& reason) const;
+   const BucketHeader* header() const { return header_; }
+
+  private:
+   void map();
+   static uint32_t checkOf(const BucketHeader& h);
+
+   std::unique_ptr<Region::MappedFile> file_;
+   BucketHeader* header_ = nullptr;
+   std::atomic<uint32_t>* heads_ = nullptr;
+   uint32_t numBuckets_ = 0;
+};
+
+}  // namespace Dock
