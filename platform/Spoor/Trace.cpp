@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -41,21 +42,26 @@ struct Registry {
    Registry() {
       if (const char* env = std::getenv("SPOOR_TRACE")) configureLocked(env);
    }
+   // The whole specification is checked before any of it is applied, so a malformed one
+   // changes nothing.
    bool configureLocked(std::string_view spec) {
+      std::vector<std::pair<std::string_view, int>> items;
       while (!spec.empty()) {
          auto comma = spec.find(',');
          std::string_view item = spec.substr(0, comma);
          spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
          auto slash = item.rfind('/');
-         if (slash == std::string_view::npos || slash + 1 >= item.size()) return false;
+         if (slash == std::string_view::npos || slash == 0 || slash + 1 >= item.size()) {
+            return false;
+         }
          int level = 0;
          for (char c : item.substr(slash + 1)) {
             if (c < '0' || c > '9') return false;
-            level = level * 10 + (c - '0');
+            level = std::min(level * 10 + (c - '0'), kMaxLevel);  // larger levels mean "all"
          }
-         if (level > kMaxLevel) level = kMaxLevel;
-         setLocked(item.substr(0, slash), level);
+         items.emplace_back(item.substr(0, slash), level);
       }
+      for (auto [module, level] : items) setLocked(module, level);
       return true;
    }
    void setLocked(std::string_view module, int level) {
@@ -136,6 +142,10 @@ Capture::Capture(int maxLevel) : impl_(std::make_shared<Impl>()) {
    {
       std::lock_guard lock(registry().mutex);
       for (auto& [name, h] : registry().handles) previousLevels_.emplace_back(name, h->level());
+      // Levels configured for modules that have no handle yet, which "*" below would forget.
+      for (auto& [name, level] : registry().configured) {
+         if (!registry().handles.count(name)) previousConfigured_.emplace_back(name, level);
+      }
       previousLevels_.emplace_back("*", registry().defaultLevel);
    }
    levelIs("*", maxLevel);
@@ -148,7 +158,13 @@ Capture::~Capture() {
    std::lock_guard lock(registry().mutex);
    registry().setLocked("*", previousLevels_.back().second);
    previousLevels_.pop_back();
-   for (auto& [name, level] : previousLevels_) registry().handles.find(name)->second->levelIs(level);
+   for (auto& [name, level] : previousLevels_)
+      registry().handles.find(name)->second->levelIs(level);
+   for (auto& [name, level] : previousConfigured_) {
+      auto it = registry().handles.find(name);
+      if (it != registry().handles.end()) it->second->levelIs(level);  // created meanwhile
+      registry().configured[name] = level;
+   }
 }
 
 std::vector<Record> Capture::records() const {

@@ -93,6 +93,7 @@ class Capture {
    std::shared_ptr<Impl> impl_;
    std::shared_ptr<Sink> previousSink_;
    std::vector<std::pair<std::string, int>> previousLevels_;
+   std::vector<std::pair<std::string, int>> previousConfigured_;
 };
 
 }  // namespace Spoor

@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Spoor/Trace.h"
+#include "testing/TempRoot.h"
+
+namespace {
+
+// Every test uses its own module names: the registry is process-wide.
+
+// Counts how often it is formatted, to see whether a disabled line formats anything.
+struct Counted {
+   int* formats;
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<Counted> {
+   constexpr auto parse(format_parse_context& ctx) { return ctx.begin(); }
+   template <typename Ctx>
+   auto format(const Counted& c, Ctx& ctx) const {
+      ++*c.formats;
+      return fmt::format_to(ctx.out(), "counted");
+   }
+};
+
+namespace {
+
+TEST(SpoorConfigure, SpecificationSetsModuleLevelsIncludingModulesNotYetSeen) {
+   Spoor::Handle& a = Spoor::handle("Cfg.A");
+   Spoor::Handle& b = Spoor::handle("Cfg.B");
+   EXPECT_EQ(&a, &Spoor::handle("Cfg.A"));  // one handle per module
+   EXPECT_EQ(a.module(), "Cfg.A");
+   EXPECT_EQ(a.level(), -1);  // off until configured
+
+   EXPECT_TRUE(Spoor::configure("Cfg.A/3,Cfg.B/9,Cfg.Later/4"));
+   EXPECT_EQ(a.level(), 3);
+   EXPECT_EQ(b.level(), 9);
+   EXPECT_EQ(Spoor::handle("Cfg.Later").level(), 4);
+
+   // Levels above the top mean "everything", however many digits.
+   EXPECT_TRUE(Spoor::configure("Cfg.A/12,Cfg.B/99999999999999999999"));
+   EXPECT_EQ(a.level(), Spoor::kMaxLevel);
+   EXPECT_EQ(b.level(), Spoor::kMaxLevel);
+
+   // A module name may itself contain '/': the level follows the last one.
+   EXPECT_TRUE(Spoor::configure("Cfg/Sub/2"));
+   EXPECT_EQ(Spoor::handle("Cfg/Sub").level(), 2);
+
+   EXPECT_TRUE(Spoor::configure(""));
+   EXPECT_TRUE(Spoor::configure("Cfg.A/1,"));  // a trailing comma ends the list
+   EXPECT_EQ(a.level(), 1);
+}
+
+TEST(SpoorConfigure, MalformedSpecificationIsRefusedAndChangesNothing) {
+   Spoor::Handle& a = Spoor::handle("Bad.A");
+   Spoor::levelIs("Bad.A", 5);
+   for (const char* spec : {"Bad.A", "Bad.A/", "Bad.A/x", "Bad.A/-1", "/3", "Bad.A/1,,Bad.A/2",
+                            "Bad.A/1,Bad.B", "Bad.A/1 "}) {
+      EXPECT_FALSE(Spoor::configure(spec)) << spec;
+      EXPECT_EQ(a.level(), 5) << spec;
+   }
+   EXPECT_EQ(Spoor::handle("Bad.B").level(), -1);
+}
+
+TEST(SpoorConfigure, WildcardSetsEveryModuleAndLaterItemsOverrideIt) {
+   Spoor::Handle& a = Spoor::handle("Star.A");
+   Spoor::levelIs("Star.A", 8);
+   EXPECT_TRUE(Spoor::configure("*/2,Star.B/7"));
+   EXPECT_EQ(a.level(), 2);  // "*" overrides what was set before it
+   EXPECT_EQ(Spoor::handle("Star.B").level(), 7);
+   EXPECT_EQ(Spoor::handle("Star.New").level(), 2);  // and applies to modules created later
+   EXPECT_TRUE(Spoor::configure("Star.A/6,*/1"));
+   EXPECT_EQ(a.level(), 1);
+   Spoor::levelIs("*", -1);
+   EXPECT_EQ(a.level(), -1);
+   EXPECT_EQ(Spoor::handle("Star.Newer").level(), -1);
+}
+
+TEST(SpoorLevels, LevelIsOnUpToTheThresholdAndMinusOneTurnsTheModuleOff) {
+   Spoor::Handle& h = Spoor::handle("Lvl");
+   Spoor::levelIs("Lvl", 5);
+   for (int level = 0; level <= Spoor::kMaxLevel; ++level) EXPECT_EQ(h.enabled(level), level <= 5);
+   EXPECT_FALSE(Spoor::handle("Lvl.Other").enabled(0));  // per module
+   h.levelIs(-1);
+   EXPECT_FALSE(h.enabled(0));
+   h.levelIs(0);
+   EXPECT_TRUE(h.enabled(0));
+   EXPECT_FALSE(h.enabled(1));
+}
+
+TEST(SpoorCapture, RecordsModuleLevelAndTextOfEnabledLinesOnly) {
+   Spoor::Handle& h = Spoor::handle("Cap.Mod");
+   Spoor::Handle& other = Spoor::handle("Cap.Other");
+   Spoor::levelIs("Cap.Mod", 2);
+   Spoor::configure("Cap.Later/6");  // configured, no handle yet
+   {
+      Spoor::Capture cap(4);
+      SPOOR_TRACE(h, 4, "quiesced {} type:{}", "/var/shmem/x", 7);
+      SPOOR_TRACE(h, 5, "too detailed {}", 1);
+      SPOOR_TRACE(other, 0, "other module");
+      auto records = cap.records();
+      ASSERT_EQ(records.size(), 2u);
+      EXPECT_EQ(records[0].module, "Cap.Mod");
+      EXPECT_EQ(records[0].level, 4);
+      EXPECT_EQ(records[0].text, "quiesced /var/shmem/x type:7");
+      EXPECT_EQ(records[1].module, "Cap.Other");
+      EXPECT_EQ(records[1].level, 0);
+      EXPECT_EQ(cap.count("Cap.Mod", "quiesced"), 1u);
+      EXPECT_EQ(cap.count("Cap.Other", "quiesced"), 0u);
+      EXPECT_EQ(cap.count("", "module"), 1u);
+      EXPECT_TRUE(cap.contains("type:7"));
+      EXPECT_FALSE(cap.contains("too detailed"));
+      cap.clear();
+      EXPECT_TRUE(cap.records().empty());
+   }
+   // The levels from before the capture are back, also for a module that had no handle yet.
+   EXPECT_EQ(h.level(), 2);
+   EXPECT_EQ(other.level(), -1);
+   EXPECT_EQ(Spoor::handle("Cap.Later").level(), 6);
+   {
+      Spoor::Capture nested(9);
+      Spoor::handle("Cap.During").write(9, "made during a capture");
+      EXPECT_EQ(nested.count("Cap.During", "made during"), 1u);
+   }
+   EXPECT_EQ(Spoor::handle("Cap.During").level(), -1);
+}
+
+TEST(SpoorCapture, ConcurrentWritersLoseNoLine) {
+   Spoor::Capture cap;
+   constexpr int kThreads = 4, kLines = 500;
+   std::vector<std::thread> threads;
+   for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([t] {
+         Spoor::Handle& h = Spoor::handle(fmt::format("Conc.{}", t % 2));
+         for (int i = 0; i < kLines; ++i) SPOOR_TRACE(h, 3, "line {} {}", t, i);
+      });
+   }
+   for (auto& t : threads) t.join();
+   EXPECT_EQ(cap.records().size(), size_t(kThreads * kLines));
+   EXPECT_EQ(cap.count("Conc.0", "line"), size_t(2 * kLines));
+   EXPECT_EQ(cap.count("", "line 3 499"), 1u);
+}
+
+TEST(SpoorSink, FileSinkAppendsOneLinePerRecord) {
+   Testing::TempRoot dir;
+   std::string path = dir.path() + "/trace.log";
+   Spoor::Handle& h = Spoor::handle("File.Mod");
+   Spoor::levelIs("File.Mod", 9);
+   auto previous = Spoor::sinkIs(Spoor::fileSink(path));
+   SPOOR_TRACE(h, 3, "hello {}", 1);
+   h.write(9, "second line");
+   Spoor::sinkIs(Spoor::fileSink(path));  // a new sink on the same file appends
+   SPOOR_TRACE(h, 0, "third");
+   Spoor::sinkIs(previous);
+   SPOOR_TRACE(h, 0, "not in the file");
+
+   std::ifstream in(path);
+   std::vector<std::string> lines;
+   for (std::string line; std::getline(in, line);) lines.push_back(line);
+   ASSERT_EQ(lines.size(), 3u);
+   std::string pid = std::to_string(::getpid());
+   EXPECT_TRUE(
+       std::regex_match(lines[0], std::regex("[0-9]+\\.[0-9]{6} " + pid + " File\\.Mod 3 hello 1")))
+       << lines[0];
+   EXPECT_TRUE(std::regex_match(lines[1], std::regex(".* File\\.Mod 9 second line"))) << lines[1];
+   EXPECT_TRUE(std::regex_match(lines[2], std::regex(".* File\\.Mod 0 third"))) << lines[2];
+
+   EXPECT_EQ(Spoor::fileSink(dir.path() + "/no/such/dir/trace.log"), nullptr);
+}
+
+TEST(SpoorTrace, TextIsFormattedOnlyWhenTheLevelIsOn) {
+   Spoor::Handle& h = Spoor::handle("Fmt.Mod");
+   Spoor::levelIs("Fmt.Mod", 3);
+   Spoor::Capture cap(-1);  // every module off, lines recorded when a level is switched on
+   int formats = 0, evaluated = 0;
+   SPOOR_TRACE(h, 0, "{} {}", Counted{&formats}, ++evaluated);
+   EXPECT_EQ(formats, 0);
+   EXPECT_EQ(evaluated, 0);  // not even the arguments are evaluated
+   EXPECT_TRUE(cap.records().empty());
+   h.levelIs(3);
+   SPOOR_TRACE(h, 4, "{} {}", Counted{&formats}, ++evaluated);
+   EXPECT_EQ(formats, 0);
+   SPOOR_TRACE(h, 3, "{} {}", Counted{&formats}, ++evaluated);
+   EXPECT_EQ(formats, 1);
+   EXPECT_EQ(evaluated, 1);
+   EXPECT_EQ(cap.count("Fmt.Mod", "counted 1"), 1u);
+}
+
+// The environment variable is read once, when the registry is first used, so it is checked in
+// a fresh process: this test runs itself again with SPOOR_TRACE set.
+TEST(SpoorEnvironment, ThresholdsComeFromTheEnvironmentVariable) {
+   if (std::getenv("SPOOR_TEST_CHILD")) {
+      EXPECT_EQ(Spoor::handle("Env.A").level(), 4);
+      EXPECT_EQ(Spoor::handle("Env.B").level(), 1);  // from "*"
+      EXPECT_TRUE(Spoor::handle("Env.A").enabled(4));
+      EXPECT_FALSE(Spoor::handle("Env.A").enabled(5));
+      return;
+   }
+   pid_t child = Testing::forkChild([] {
+      ::setenv("SPOOR_TRACE", "*/1,Env.A/4", 1);
+      ::setenv("SPOOR_TEST_CHILD", "1", 1);
+      ::alarm(60);  // survives exec: a hung child cannot hang the test
+      const char* args[] = {
+          "spoor_tests", "--gtest_filter=SpoorEnvironment.ThresholdsComeFromTheEnvironmentVariable",
+          nullptr};
+      ::execv("/proc/self/exe", const_cast<char* const*>(args));
+      return 98;
+   });
+   EXPECT_EQ(Testing::waitChild(child), 0);
+}
+
+}  // namespace
