@@ -14,4 +14,12 @@ LabelStackOverflow LabelStackOverflow::pops(size_t needed, size_t capacity) {
        fmt::format("label operation pops {} labels; at most {} allowed", needed, capacity));
 }
 
+std::string printableText(std::string_view text) {
+   std::string s(text);
+   for (char& c : s) {
+      if (c < 0x20 || c > 0x7e) c = '?';
+   }
+   return s;
+}
+
 }  // namespace Wirekit

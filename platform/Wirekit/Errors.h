@@ -10,6 +10,8 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <string_view>
 
 #include "Vela/Exception.h"
 
@@ -28,5 +30,9 @@ class LabelStackOverflow : public Vela::Exception {
    // "label operation pops <needed> labels; at most <capacity> allowed"
    static LabelStackOverflow pops(size_t needed, size_t capacity);
 };
+
+// Text echoed in a parse error: bytes outside printable ASCII become '?', so a message never
+// carries a NUL or a control character.
+std::string printableText(std::string_view text);
 
 }  // namespace Wirekit

@@ -104,7 +104,7 @@ std::optional<uint64_t> parseHex(std::string_view s, uint64_t max) {
 }
 
 [[noreturn]] void badName(std::string_view name) {
-   throw Vela::ParseException(fmt::format("invalid interface name '{}'", name));
+   throw Vela::ParseException(fmt::format("invalid interface name '{}'", printableText(name)));
 }
 
 [[noreturn]] void badRange() {

@@ -20,7 +20,7 @@ namespace {
 constexpr std::string_view kNoneText = "none";
 
 [[noreturn]] void badText(std::string_view text) {
-   throw Vela::ParseException(fmt::format("invalid IP address '{}'", text));
+   throw Vela::ParseException(fmt::format("invalid IP address '{}'", printableText(text)));
 }
 
 }  // namespace

@@ -52,11 +52,12 @@ IpGenPrefix::IpGenPrefix(std::string_view text) {
    if (text == kNoneText) return;
    const auto slash = text.find('/');
    if (slash == std::string_view::npos) {
-      throw Vela::ParseException(fmt::format("invalid IP prefix '{}': no length", text));
+      throw Vela::ParseException(
+          fmt::format("invalid IP prefix '{}': no length", printableText(text)));
    }
    const IpGenAddr address(text.substr(0, slash));
    if (address.isNone()) {
-      throw Vela::ParseException(fmt::format("invalid IP prefix '{}'", text));
+      throw Vela::ParseException(fmt::format("invalid IP prefix '{}'", printableText(text)));
    }
    // Canonical decimal: digits only, no leading zero, at most three digits.
    const auto digits = text.substr(slash + 1);
@@ -70,7 +71,8 @@ IpGenPrefix::IpGenPrefix(std::string_view text) {
       length = length * 10 + static_cast<unsigned>(c - '0');
    }
    if (!ok || length > address.bitLength()) {
-      throw Vela::ParseException(fmt::format("invalid IP prefix '{}': bad length", text));
+      throw Vela::ParseException(
+          fmt::format("invalid IP prefix '{}': bad length", printableText(text)));
    }
    *this = IpGenPrefix(address, length);
 }

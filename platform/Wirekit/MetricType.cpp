@@ -31,7 +31,7 @@ MetricType metricTypeFromString(std::string_view text) {
    for (size_t i = 0; i < kNames.size(); ++i) {
       if (kNames[i] == text) return static_cast<MetricType>(i);
    }
-   throw Vela::ParseException(fmt::format("invalid metric type '{}'", text));
+   throw Vela::ParseException(fmt::format("invalid metric type '{}'", printableText(text)));
 }
 
 void serializeMetricType(MetricType type, uint8_t* out) noexcept {

@@ -80,7 +80,8 @@ std::string format(unsigned pops, std::span<const uint32_t> labels) {
 
 void parse(std::string_view text, unsigned& pops, std::vector<uint32_t>& labels) {
    auto bad = [&](std::string_view why) {
-      throw Vela::ParseException(fmt::format("invalid label operation '{}': {}", text, why));
+      throw Vela::ParseException(
+          fmt::format("invalid label operation '{}': {}", printableText(text), why));
    };
    const auto w = words(text);
    pops = 0;
@@ -90,7 +91,7 @@ void parse(std::string_view text, unsigned& pops, std::vector<uint32_t>& labels)
       if (i == w.size()) bad("no labels");
       for (; i < w.size(); ++i) {
          const auto l = number(w[i], kMaxMplsLabel);
-         if (!l) bad(fmt::format("bad label '{}'", w[i]));
+         if (!l) bad(fmt::format("bad label '{}'", printableText(w[i])));
          labels.push_back(*l);
       }
    };
@@ -105,16 +106,16 @@ void parse(std::string_view text, unsigned& pops, std::vector<uint32_t>& labels)
    } else if (w[0] == "pop") {
       if (w.size() < 2) bad("no pop count");
       const auto n = number(w[1], kMaxMplsPopCount);
-      if (!n || *n == 0) bad(fmt::format("bad pop count '{}'", w[1]));
+      if (!n || *n == 0) bad(fmt::format("bad pop count '{}'", printableText(w[1])));
       pops = *n;
       i = 2;
       if (i < w.size()) {
-         if (w[i] != "push") bad(fmt::format("unexpected '{}'", w[i]));
+         if (w[i] != "push") bad(fmt::format("unexpected '{}'", printableText(w[i])));
          ++i;
          readLabels();
       }
    } else {
-      bad(fmt::format("unknown operation '{}'", w[0]));
+      bad(fmt::format("unknown operation '{}'", printableText(w[0])));
    }
 }
 
