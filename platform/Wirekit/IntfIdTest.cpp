@@ -1,0 +1,273 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Vela/Exception.h"
+#include "Vela/Hash.h"
+#include "Wirekit/Errors.h"
+#include "Wirekit/IntfId.h"
+
+using Wirekit::DynamicTunnelIntfId;
+using Wirekit::FormatError;
+using Wirekit::IntfId;
+using Wirekit::IntfKind;
+
+namespace {
+
+IntfId viaBytes(const IntfId& i) {
+   std::array<uint8_t, 8> b;
+   i.serialize(b.data());
+   return IntfId::deserialize(b.data());
+}
+
+TEST(IntfId, NamesRoundTripThroughCodeAndBytes) {
+   const std::vector<std::string> names = {
+       "",
+       "Ethernet0",
+       "Ethernet1",
+       "Ethernet2/1",
+       "Ethernet3/1/4",
+       "Ethernet65535/65535/65535",
+       "Management1",
+       "Management1/1",
+       "Loopback0",
+       "Loopback65535",
+       "Vlan1",
+       "Vlan4094",
+       "Port-Channel10",
+       "Vxlan1",
+       "Tunnel0",
+       "Tunnel70000",
+       "Tunnel4294967295",
+       "DynamicTunnel0x0",
+       "DynamicTunnel0x900000000005",
+       "DynamicTunnel0xffffffffffffff",
+   };
+   for (const std::string& n : names) {
+      SCOPED_TRACE(n);
+      const IntfId i(n);
+      EXPECT_EQ(i.name(), n);
+      EXPECT_EQ(Wirekit::valueToStrep(i), n);
+      std::ostringstream os;
+      os << i;
+      EXPECT_EQ(os.str(), n);
+      EXPECT_EQ(IntfId::fromCode(i.code()), i);
+      EXPECT_EQ(viaBytes(i), i);
+      EXPECT_EQ(i.hash(), Vela::oneAtATimeOf(i.code()));
+      EXPECT_EQ(std::hash<IntfId>()(i), i.hash());
+   }
+   EXPECT_TRUE(IntfId().isEmpty());
+   EXPECT_EQ(IntfId(""), IntfId());
+}
+
+TEST(IntfId, CodesFollowTheDocumentedLayout) {
+   EXPECT_EQ(IntfId().code(), 0u);
+   EXPECT_EQ(IntfId("Ethernet2/1").code(),
+             (uint64_t{1} << 56) | (uint64_t{2} << 40) | (uint64_t{1} << 24) | 2);
+   EXPECT_EQ(IntfId("Ethernet3/1/4").code(),
+             (uint64_t{1} << 56) | (uint64_t{3} << 40) | (uint64_t{1} << 24) | (4 << 8) | 3);
+   EXPECT_EQ(IntfId("Vlan100").code(), (uint64_t{4} << 56) | (uint64_t{100} << 40) | 1);
+   EXPECT_EQ(IntfId("Tunnel5").code(), (uint64_t{7} << 56) | 5);
+   EXPECT_EQ(IntfId::tunnelIntf(5), IntfId("Tunnel5"));
+   EXPECT_EQ(DynamicTunnelIntfId::tunnelIdToIntfId(0x900000000005).code(),
+             (uint64_t{8} << 56) | 0x900000000005);
+   std::array<uint8_t, 8> b;
+   IntfId("Ethernet2/1").serialize(b.data());
+   const std::array<uint8_t, 8> expected = {0x02, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x01};
+   EXPECT_EQ(b, expected);
+   EXPECT_EQ(IntfId::ordinary(IntfKind::ethernet, 2, 1), IntfId("Ethernet2/1"));
+   EXPECT_EQ(IntfId::ordinary(IntfKind::management, 1), IntfId("Management1"));
+   EXPECT_EQ(IntfId::ordinary(IntfKind::ethernet, 3, 1, 4), IntfId("Ethernet3/1/4"));
+}
+
+TEST(IntfId, RejectsUnknownAndNonCanonicalNames) {
+   const std::vector<std::string> bad = {
+       "ethernet1",
+       "Ethernet",
+       "Ethernet01",
+       "Ethernet1/",
+       "Ethernet/1",
+       "Ethernet1//2",
+       "Ethernet1/2/3/4",
+       "Ethernet65536",
+       "Ethernet1/65536",
+       "Ethernet+1",
+       "Ethernet-1",
+       " Ethernet1",
+       "Ethernet1 ",
+       "Ethernet1.100",
+       "Management1/2/3",
+       "Loopback1/1",
+       "Vlan0",
+       "Vlan4095",
+       "Tunnel",
+       "Tunnel01",
+       "Tunnel4294967296",
+       "Tunnel-1",
+       "Tunnel1/1",
+       "DynamicTunnel5",
+       "DynamicTunnel0x",
+       "DynamicTunnel0X5",
+       "DynamicTunnel0x05",
+       "DynamicTunnel0xABC",
+       "DynamicTunnel0x100000000000000",
+       "DynamicTunnel",
+       "Foo1",
+       "Port-Channel",
+       "Vxlan1/1",
+       std::string("Ethernet1\0", 10),
+   };
+   for (const std::string& n : bad) {
+      SCOPED_TRACE(n);
+      try {
+         IntfId i(n);
+         ADD_FAILURE() << "accepted as code " << i.code();
+      } catch (const Vela::ParseException& e) {
+         EXPECT_EQ(std::string(e.what()),
+                   "invalid interface name '" + Wirekit::printableText(n) + "'");
+      }
+   }
+}
+
+TEST(IntfId, OrdinaryRefusesNumbersTheKindCannotTake) {
+   const std::string text =
+       "Wirekit::IntfId::value < Wirekit::IntfId::min or > Wirekit::IntfId::max not allowed";
+   auto expectRange = [&](auto make) {
+      try {
+         make();
+         ADD_FAILURE();
+      } catch (const Vela::RangeException& e) {
+         EXPECT_EQ(e.what(), text);
+      }
+   };
+   expectRange([] { return IntfId::ordinary(IntfKind::vlan, 0); });
+   expectRange([] { return IntfId::ordinary(IntfKind::vlan, 4095); });
+   expectRange([] { return IntfId::ordinary(IntfKind::ethernet, 65536); });
+   expectRange([] { return IntfId::ordinary(IntfKind::ethernet, 1, 65536); });
+   expectRange([] { return IntfId::ordinary(IntfKind::management, 1, 1, 1); });
+   expectRange([] { return IntfId::ordinary(IntfKind::loopback, 1, 1); });
+   expectRange([] { return IntfId::ordinary(IntfKind::tunnel, 1); });
+   expectRange([] { return IntfId::ordinary(IntfKind::dynamicTunnel, 1); });
+   expectRange([] { return IntfId::ordinary(IntfKind::empty, 1); });
+   expectRange([] { return IntfId::ordinary(static_cast<IntfKind>(200), 1); });
+}
+
+TEST(IntfId, OrderFollowsKindThenNumbers) {
+   const std::vector<IntfId> sorted = {
+       IntfId(),
+       IntfId("Ethernet1"),
+       IntfId("Ethernet1/1"),
+       IntfId("Ethernet1/1/1"),
+       IntfId("Ethernet1/2"),
+       IntfId("Ethernet2"),
+       IntfId("Ethernet10"),
+       IntfId("Management1"),
+       IntfId("Loopback0"),
+       IntfId("Vlan1"),
+       IntfId("Port-Channel1"),
+       IntfId("Vxlan1"),
+       IntfId("Tunnel0"),
+       IntfId("Tunnel4294967295"),
+       IntfId("DynamicTunnel0x0"),
+       IntfId("DynamicTunnel0x1"),
+   };
+   for (size_t i = 0; i < sorted.size(); ++i) {
+      for (size_t j = 0; j < sorted.size(); ++j) {
+         EXPECT_EQ(sorted[i] < sorted[j], i < j) << sorted[i] << " vs " << sorted[j];
+         EXPECT_EQ(sorted[i] == sorted[j], i == j) << sorted[i] << " vs " << sorted[j];
+      }
+   }
+}
+
+TEST(IntfId, TunnelInterfacesCarryTheirPortNumber) {
+   for (uint32_t port : {0u, 1u, 65535u, 70000u, 0xFFFFFFFFu}) {
+      const IntfId t = IntfId::tunnelIntf(port);
+      EXPECT_TRUE(t.isTunnelIntf());
+      EXPECT_FALSE(DynamicTunnelIntfId::isDynamicTunnelIntfId(t));
+      EXPECT_EQ(t.tunnelPort(), port);
+      EXPECT_EQ(t.name(), "Tunnel" + std::to_string(port));
+   }
+   EXPECT_FALSE(IntfId("Ethernet1").isTunnelIntf());
+   EXPECT_FALSE(IntfId().isTunnelIntf());
+   EXPECT_FALSE(DynamicTunnelIntfId::tunnelIdToIntfId(5).isTunnelIntf());
+   EXPECT_DEATH(IntfId("Ethernet1").tunnelPort(),
+                "IntfId::tunnelPort of an interface that is not a tunnel");
+}
+
+TEST(IntfId, DynamicTunnelInterfacesRoundTripTunnelIdentifiers) {
+   std::vector<uint64_t> values = {0,
+                                   1,
+                                   0x900000000005,
+                                   (uint64_t{1} << 49) - 1,
+                                   uint64_t{1} << 49,
+                                   DynamicTunnelIntfId::kMaxTunnelIdValue};
+   for (int bit = 0; bit < 56; ++bit) values.push_back(uint64_t{1} << bit);
+   std::mt19937_64 rng(7);
+   for (int i = 0; i < 20000; ++i) values.push_back(rng() & ((uint64_t{1} << 49) - 1));
+   for (uint64_t v : values) {
+      const IntfId i = DynamicTunnelIntfId::tunnelIdToIntfId(v);
+      ASSERT_TRUE(DynamicTunnelIntfId::isDynamicTunnelIntfId(i)) << v;
+      ASSERT_EQ(DynamicTunnelIntfId::tunnelId(i), v);
+      ASSERT_EQ(viaBytes(i), i);
+      ASSERT_EQ(IntfId(i.name()), i);
+   }
+   // Distinct tunnels, distinct interfaces, ordered like the identifiers.
+   EXPECT_LT(DynamicTunnelIntfId::tunnelIdToIntfId(0x300000000007),
+             DynamicTunnelIntfId::tunnelIdToIntfId(0x300000000008));
+   try {
+      DynamicTunnelIntfId::tunnelIdToIntfId(DynamicTunnelIntfId::kMaxTunnelIdValue + 1);
+      ADD_FAILURE();
+   } catch (const Vela::RangeException& e) {
+      EXPECT_STREQ(e.what(),
+                   "Wirekit::DynamicTunnelIntfId::tunnelId < "
+                   "Wirekit::DynamicTunnelIntfId::minTunnelId or > "
+                   "Wirekit::DynamicTunnelIntfId::maxTunnelId not allowed");
+   }
+   for (const char* n : {"", "Ethernet1", "Tunnel5", "Vlan10"}) {
+      EXPECT_FALSE(DynamicTunnelIntfId::isDynamicTunnelIntfId(IntfId(n))) << n;
+   }
+   EXPECT_DEATH(DynamicTunnelIntfId::tunnelId(IntfId::tunnelIntf(5)),
+                "DynamicTunnelIntfId::tunnelId of an interface that is not a dynamic tunnel");
+}
+
+TEST(IntfId, CodesNoInterfaceHasAreRejected) {
+   auto expectBad = [](uint64_t code) {
+      EXPECT_THROW(IntfId::fromCode(code), FormatError) << std::hex << code;
+      std::array<uint8_t, 8> b;
+      for (int i = 0; i < 8; ++i) b[i] = static_cast<uint8_t>(code >> (8 * i));
+      EXPECT_THROW(IntfId::deserialize(b.data()), FormatError) << std::hex << code;
+   };
+   // Unknown kinds, with and without payload.
+   for (uint64_t kind = 9; kind < 256; ++kind) {
+      expectBad(kind << 56);
+      expectBad((kind << 56) | 1);
+   }
+   // The empty kind with any payload bit.
+   for (int bit = 0; bit < 56; ++bit) expectBad(uint64_t{1} << bit);
+   const uint64_t eth = uint64_t{1} << 56;
+   expectBad(eth);                                                  // no numbers
+   expectBad(eth | (uint64_t{1} << 40) | 4);                        // reserved bit
+   expectBad(eth | (uint64_t{1} << 40) | 0x80 | 1);                 // reserved bit
+   expectBad(eth | (uint64_t{1} << 40) | (uint64_t{1} << 24) | 1);  // number beyond count
+   expectBad(eth | (uint64_t{1} << 40) | (uint64_t{1} << 8) | 2);   // number beyond count
+   expectBad((uint64_t{2} << 56) | (uint64_t{1} << 40) | 3);        // Management takes 2
+   expectBad((uint64_t{3} << 56) | (uint64_t{1} << 40) | 2);        // Loopback takes 1
+   expectBad((uint64_t{4} << 56) | 1);                              // Vlan0
+   expectBad((uint64_t{4} << 56) | (uint64_t{4095} << 40) | 1);     // Vlan4095
+   for (int bit = 32; bit < 56; ++bit) expectBad((uint64_t{7} << 56) | (uint64_t{1} << bit));
+   try {
+      IntfId::fromCode(uint64_t{9} << 56);
+      ADD_FAILURE();
+   } catch (const FormatError& e) {
+      EXPECT_STREQ(e.what(), "Wirekit::IntfId: unknown interface kind 9");
+   }
+   // Every code the parser makes is accepted.
+   EXPECT_NO_THROW(IntfId::fromCode(eth | (uint64_t{1} << 40) | 1));
+   EXPECT_NO_THROW(IntfId::fromCode((uint64_t{8} << 56) | ((uint64_t{1} << 56) - 1)));
+}
+
+}  // namespace
