@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <sstream>
+
+#include "TunnelTable/TunnelId.h"
+#include "Vela/Exception.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+constexpr const char* kRangeText =
+    "Tunnel::TunnelTable::TunnelId::value < Tunnel::TunnelTable::TunnelId::minValue or > "
+    "Tunnel::TunnelTable::TunnelId::maxValue not allowed";
+
+// Written out here, independently of the library's hash code.
+uint32_t referenceHash(uint64_t value) {
+   uint32_t h = 0;
+   for (int i = 0; i < 8; ++i) {
+      h += static_cast<uint8_t>(value >> (8 * i));
+      h += h << 10;
+      h ^= h >> 6;
+   }
+   h += h << 3;
+   h ^= h >> 11;
+   h += h << 15;
+   return h;
+}
+
+TunnelId fromText(const Vela::String& text) {
+   return TunnelId(text.begin(), text.end());
+}
+
+TEST(TunnelIdTest, TypeAndIndexReadBackFromTheBitLayout) {
+   const TunnelId id(TunnelId::convertToTunnelValue(TunnelType::staticInterfaceTunnel, 5));
+   EXPECT_EQ(id.value(), 0x900000000005u);
+   EXPECT_EQ(id.tunnelType(), TunnelType::staticInterfaceTunnel);
+   EXPECT_EQ(id.tunnelIndex(), 5u);
+   // Bit 43 is carried but belongs to neither field.
+   const TunnelId bit43((uint64_t{3} << 44) | (uint64_t{1} << 43) | 7);
+   EXPECT_EQ(bit43.tunnelType(), TunnelType::ldpTunnel);
+   EXPECT_EQ(bit43.tunnelIndex(), 7u);
+   EXPECT_EQ(TunnelId(0x7FFFFFFFFFFu).tunnelIndex(), 0x7FFFFFFFFFFu);
+   EXPECT_EQ(TunnelId().value(), 0u);
+}
+
+TEST(TunnelIdTest, FlexAlgoIndexIsOnlyTheLow35Bits) {
+   const TunnelId id((uint64_t{21} << 44) | 0x800000001u);
+   EXPECT_EQ(id.tunnelType(), TunnelType::isisFlexAlgoTunnel);
+   EXPECT_EQ(id.tunnelIndex(), 1u);
+   EXPECT_EQ(TunnelId((uint64_t{21} << 44) | 0x7FFFFFFFFu).tunnelIndex(), 0x7FFFFFFFFu);
+   // The dropped bits still belong to the value: the ids differ, their indices do not.
+   EXPECT_NE(id, TunnelId((uint64_t{21} << 44) | 1));
+   EXPECT_EQ(id.dumpLine(0), "TunnelId: (Type: IS-IS Flex Algo, Index: 1)\n");
+   // Any other type keeps all 43 bits.
+   EXPECT_EQ(TunnelId((uint64_t{22} << 44) | 0x800000001u).tunnelIndex(), 0x800000001u);
+}
+
+TEST(TunnelIdTest, ValueRangeIsCheckedWithItsText) {
+   const TunnelId max(0x1FFFFFFFFFFFFu);
+   EXPECT_EQ(max.tunnelType(), TunnelType::reservedTunnel31);
+   EXPECT_EQ(max.tunnelIndex(), 0x7FFFFFFFFFFu);
+   for (uint64_t bad : {uint64_t{0x2000000000000}, ~uint64_t{0}, uint64_t{1} << 63}) {
+      try {
+         TunnelId id(bad);
+         ADD_FAILURE() << "accepted " << bad;
+      } catch (const Vela::RangeException& e) {
+         EXPECT_STREQ(e.what(), kRangeText);
+      }
+   }
+   // From text the same failure names the attribute being read.
+   try {
+      fromText("Value('Tunnel::TunnelTable::TunnelId', ** {'value': 562949953421312})");
+      ADD_FAILURE();
+   } catch (const Vela::RangeException& e) {
+      EXPECT_EQ(Vela::String(e.what()), Vela::String(kRangeText) + " (reading attribute 'value')");
+   }
+   // And from bytes.
+   std::array<uint8_t, 8> bytes{0, 0, 0, 0, 0, 0, 2, 0};
+   EXPECT_THROW(TunnelId::deserialize(bytes.data()), Vela::RangeException);
+}
+
+TEST(TunnelIdTest, OrderIsTheUnsignedValueSoTypesSortFirst) {
+   const TunnelId bigIndexOfType2(
+       TunnelId::convertToTunnelValue(TunnelType::bgpLuTunnel, 0x7FFFFFFFFFFu));
+   const TunnelId smallIndexOfType3(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, 0));
+   EXPECT_LT(bigIndexOfType2, smallIndexOfType3);
+   EXPECT_LT(TunnelId(0x300000000005u), TunnelId(0x300000000006u));
+   EXPECT_LT(TunnelId(0x0u), TunnelId(0x1F0000000000u));
+   EXPECT_GT(TunnelId(0x1F0000000000u), TunnelId(0x160000000000u));
+   EXPECT_EQ(TunnelId(0x300000000005u), TunnelId(0x300000000005u));
+}
+
+TEST(TunnelIdTest, HashIsOneAtATimeOverTheValueBytesLeastSignificantFirst) {
+   for (uint64_t v : {uint64_t{0}, uint64_t{0x900000000005}, uint64_t{0x1FFFFFFFFFFFF},
+                      uint64_t{0x0102030405060708 & 0x1FFFFFFFFFFFF}}) {
+      EXPECT_EQ(TunnelId(v).hash(), referenceHash(v)) << v;
+   }
+   // Fixed values, so a change of byte order or of the final steps shows even if both sides
+   // above changed together.
+   EXPECT_EQ(TunnelId(0).hash(), 0u);
+   EXPECT_EQ(TunnelId(0x900000000005u).hash(), 0x53AF0CEDu);
+   EXPECT_EQ(std::hash<TunnelId>()(TunnelId(0x900000000005u)), 0x53AF0CEDu);
+}
+
+TEST(TunnelIdTest, TextFormRoundTrips) {
+   const TunnelId id(0x900000000005u);
+   const Vela::String text =
+       "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 158329674399749})";
+   EXPECT_EQ(valueToStrep(id), text);
+   std::ostringstream os;
+   os << id;
+   EXPECT_EQ(os.str(), text);
+   EXPECT_EQ(fromText(text), id);
+   EXPECT_EQ(fromText(valueToStrep(TunnelId(0x1FFFFFFFFFFFFu))), TunnelId(0x1FFFFFFFFFFFFu));
+   EXPECT_THROW(fromText("Value('Tunnel::TunnelTable::TunnelId', ** {'value': x})"),
+                Vela::ParseException);
+   EXPECT_THROW(fromText("Value('Tunnel::TunnelTable::EncapId', ** {'value': 1})"),
+                Vela::ParseException);
+}
+
+TEST(TunnelIdTest, DumpLinesHaveTheirIndentOnlyWhenNonZero) {
+   const TunnelId id(0x300000000007u);
+   EXPECT_EQ(id.dumpLine(0), "TunnelId: (Type: LDP, Index: 7)\n");
+   EXPECT_EQ(id.dumpLine(3), "   TunnelId: (Type: LDP, Index: 7)\n");
+   EXPECT_EQ(id.nextHopDumpLine(0), "nextHopTunnelId: (Type: LDP, Index: 7)\n");
+   EXPECT_EQ(id.nextHopDumpLine(2), "  nextHopTunnelId: (Type: LDP, Index: 7)\n");
+   EXPECT_EQ(id.typeCliStr(), "LDP");
+   EXPECT_EQ(TunnelId::tunnelTypeToCliStrep(TunnelType::ldpTunnel, true), "LDP tunnel");
+}
+
+TEST(TunnelIdTest, ByteFormIsTheValueLittleEndian) {
+   std::array<uint8_t, TunnelId::kSerializedSize> bytes{};
+   TunnelId(0x900000000005u).serialize(bytes.data());
+   EXPECT_EQ(bytes, (std::array<uint8_t, 8>{0x05, 0, 0, 0, 0, 0x90, 0, 0}));
+   EXPECT_EQ(TunnelId::deserialize(bytes.data()), TunnelId(0x900000000005u));
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable
