@@ -1,0 +1,344 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <deque>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Vela/Exception.h"
+#include "Vela/Hash.h"
+#include "Wirekit/Errors.h"
+#include "Wirekit/MplsLabelOperation.h"
+
+using Wirekit::FormatError;
+using Wirekit::LabelStackOverflow;
+using Wirekit::MplsLabelOperation;
+using Wirekit::MplsOpKind;
+using Op = MplsLabelOperation;
+
+namespace {
+
+std::array<uint8_t, 48> bytesOf(const Op& op) {
+   std::array<uint8_t, 48> b;
+   b.fill(0xEE);
+   op.serialize(b.data());
+   return b;
+}
+
+template <typename F>
+std::string errorOf(F&& f) {
+   try {
+      f();
+   } catch (const std::exception& e) {
+      return e.what();
+   }
+   return "(no error)";
+}
+
+TEST(MplsLabelOperation, TextFormsRoundTrip) {
+   const std::vector<std::pair<Op, const char*>> rows = {
+       {Op(), ""},
+       {Op::push({100}), "push 100"},
+       {Op::push({100, 200}), "push 100 200"},
+       {Op::swap({300}), "swap 300"},
+       {Op::swap({300, 400}), "swap 300 400"},
+       {Op::pop(1), "pop 1"},
+       {Op::pop(3), "pop 3"},
+       {Op::pop(255), "pop 255"},
+       {Op::popAndPush(2, std::vector<uint32_t>{5}), "pop 2 push 5"},
+       {Op::push({0, 1048575}), "push 0 1048575"},
+   };
+   for (const auto& [op, text] : rows) {
+      SCOPED_TRACE(text);
+      EXPECT_EQ(Wirekit::valueToStrep(op), text);
+      std::ostringstream os;
+      os << op;
+      EXPECT_EQ(os.str(), text);
+      EXPECT_EQ(Op(text), op);
+      EXPECT_EQ(Op::deserialize(bytesOf(op).data()), op);
+   }
+   // Blanks are free; "pop 1 push" is a swap.
+   EXPECT_EQ(Op("  push   1  2 "), Op::push({1, 2}));
+   EXPECT_EQ(Op("pop 1 push 5"), Op::swap({5}));
+   EXPECT_EQ(Op("   "), Op());
+}
+
+TEST(MplsLabelOperation, KindFollowsPopsAndPushes) {
+   EXPECT_EQ(Op().kind(), MplsOpKind::none);
+   EXPECT_EQ(Op::push({1}).kind(), MplsOpKind::push);
+   EXPECT_EQ(Op::swap({1}).kind(), MplsOpKind::swap);
+   EXPECT_EQ(Op::pop(1).kind(), MplsOpKind::pop);
+   EXPECT_EQ(Op::popAndPush(2, std::vector<uint32_t>{1}).kind(), MplsOpKind::pop);
+   EXPECT_EQ(Op::popAndPush(1, std::vector<uint32_t>{1}), Op::swap({1}));
+   EXPECT_EQ(Op::push(std::span<const uint32_t>()), Op());
+   EXPECT_EQ(Op::swap(std::span<const uint32_t>()), Op::pop(1));
+   EXPECT_EQ(Op::pop(0), Op());
+   const Op op = Op::swap({7, 8, 9});
+   EXPECT_EQ(op.popCount(), 1u);
+   EXPECT_EQ(op.labelCount(), 3u);
+   EXPECT_EQ(op.label(0), 7u);
+   EXPECT_EQ(op.label(2), 9u);
+   EXPECT_DEATH(op.label(3), "i < labelCount\\(\\)");
+   EXPECT_EQ(Wirekit::valueToStrep(MplsOpKind::swap), "swap");
+}
+
+TEST(MplsLabelOperation, RejectsBadTextLabelsAndOverfullStacks) {
+   const std::vector<std::string> bad = {
+       "push",
+       "swap",
+       "pop",
+       "pop 0",
+       "pop 256",
+       "push 1048576",
+       "push -1",
+       "push 01",
+       "push 1,2",
+       "Push 1",
+       "pop 1 swap 2",
+       "pop 2 push",
+       "push 1 pop 2",
+       "x",
+       "push 4294967296",
+       "push 99999999999",
+       "pop 1 1",
+   };
+   for (const std::string& t : bad) {
+      SCOPED_TRACE(t);
+      EXPECT_THROW(Op{t}, Vela::ParseException);
+   }
+   EXPECT_EQ(errorOf([] { Op("push 1048576"); }),
+             "invalid label operation 'push 1048576': bad label '1048576'");
+   EXPECT_EQ(errorOf([] { Op("pop 0"); }), "invalid label operation 'pop 0': bad pop count '0'");
+   EXPECT_EQ(errorOf([] { Op("jump 1"); }),
+             "invalid label operation 'jump 1': unknown operation 'jump'");
+
+   EXPECT_NO_THROW(Op::push({1048575}));
+   EXPECT_EQ(errorOf([] { Op::push({1048576}); }),
+             "Wirekit::MplsLabel::value < Wirekit::MplsLabel::min or > Wirekit::MplsLabel::max "
+             "not allowed");
+   EXPECT_THROW(Op::swap({5, 0xFFFFFFFF}), Vela::RangeException);
+
+   const std::vector<uint32_t> eleven(11, 16), twelve(12, 16);
+   EXPECT_EQ(Op::push(eleven).labelCount(), 11u);
+   EXPECT_EQ(errorOf([&] { Op::push(twelve); }),
+             "label stack of 12 labels exceeds the capacity of 11");
+   EXPECT_THROW(Op::swap(twelve), LabelStackOverflow);
+   EXPECT_THROW(Op("push 1 2 3 4 5 6 7 8 9 10 11 12"), LabelStackOverflow);
+   EXPECT_EQ(errorOf([] { Op::pop(256); }), "label operation pops 256 labels; at most 255 allowed");
+}
+
+// The stack a packet leaves with, topmost first, after `op` acts on `stack`; nullopt when it pops
+// more labels than there are.
+std::optional<std::deque<uint32_t>> apply(const Op& op, std::deque<uint32_t> stack) {
+   if (op.popCount() > stack.size()) return std::nullopt;
+   stack.erase(stack.begin(), stack.begin() + op.popCount());
+   const auto l = op.labels();
+   stack.insert(stack.begin(), l.begin(), l.end());
+   return stack;
+}
+
+TEST(MplsLabelOperation, SmushJoinsOuterThenInnerByTheRuleTable) {
+   struct Row {
+      const char* outer;
+      const char* inner;
+      const char* result;
+   };
+   const std::vector<Row> table = {
+       {"", "", ""},
+       {"", "push 1", "push 1"},
+       {"push 1", "", "push 1"},
+       {"swap 5", "", "swap 5"},
+       {"pop 2", "", "pop 2"},
+       {"", "pop 2", "pop 2"},
+       {"push 200", "push 100", "push 100 200"},
+       {"push 1 2", "push 3 4", "push 3 4 1 2"},
+       {"push 1 2", "swap 9", "push 9 2"},
+       {"push 1", "swap 9", "push 9"},
+       {"push 1", "swap 8 9", "push 8 9"},
+       {"push 1 2", "pop 1", "push 2"},
+       {"push 1 2", "pop 2", ""},
+       {"push 1 2", "pop 3", "pop 1"},
+       {"swap 5", "push 6", "swap 6 5"},
+       {"swap 5", "swap 6", "swap 6"},
+       {"swap 5 6", "swap 7", "swap 7 6"},
+       {"swap 5", "pop 1", "pop 1"},
+       {"swap 5 6", "pop 1", "swap 6"},
+       {"swap 5", "pop 2", "pop 2"},
+       {"pop 1", "push 7", "swap 7"},
+       {"pop 2", "push 7", "pop 2 push 7"},
+       {"pop 1", "swap 7", "pop 2 push 7"},
+       {"pop 1", "pop 1", "pop 2"},
+       {"pop 2 push 5", "pop 1", "pop 2"},
+       {"pop 2 push 5", "push 6", "pop 2 push 6 5"},
+       {"pop 2 push 5 6", "swap 7", "pop 2 push 7 6"},
+   };
+   for (const Row& r : table) {
+      SCOPED_TRACE(std::string("[") + r.outer + "] over [" + r.inner + "]");
+      const Op outer(r.outer), inner(r.inner);
+      EXPECT_EQ(outer.smush(inner).stringValue(), r.result);
+      EXPECT_EQ(Wirekit::smush(outer, inner), outer.smush(inner));
+   }
+}
+
+TEST(MplsLabelOperation, SmushActsLikeApplyingOuterThenInner) {
+   // Checked against a direct simulation of both operations on a concrete stack.
+   std::mt19937 rng(11);
+   auto randomOp = [&] {
+      const unsigned pops = rng() % 4 == 0 ? rng() % 4 : 0;
+      std::vector<uint32_t> labels(rng() % 5);
+      for (auto& l : labels) l = rng() % 1000;
+      return Op::popAndPush(pops, labels);
+   };
+   std::deque<uint32_t> stack;
+   for (uint32_t i = 0; i < 12; ++i) stack.push_back(5000 + i);
+   for (int i = 0; i < 5000; ++i) {
+      const Op outer = randomOp(), inner = randomOp();
+      const Op joined = outer.smush(inner);
+      const auto afterOuter = apply(outer, stack);
+      ASSERT_TRUE(afterOuter.has_value());
+      const auto viaBoth = apply(inner, *afterOuter);
+      ASSERT_TRUE(viaBoth.has_value());
+      ASSERT_EQ(apply(joined, stack), viaBoth) << outer << " / " << inner << " -> " << joined;
+   }
+}
+
+TEST(MplsLabelOperation, SmushRefusesWhatDoesNotFit) {
+   const std::vector<uint32_t> six(6, 20), eleven(11, 21);
+   EXPECT_EQ(errorOf([&] { Op::push(six).smush(Op::push(six)); }),
+             "label stack of 12 labels exceeds the capacity of 11");
+   EXPECT_THROW(Op::push(eleven).smush(Op::push({1})), LabelStackOverflow);
+   EXPECT_THROW(Op::swap(eleven).smush(Op::push({1})), LabelStackOverflow);
+   // Exactly full is fine: the swap replaces one of the eleven.
+   EXPECT_EQ(Op::push(eleven).smush(Op::swap({1})).labelCount(), 11u);
+   EXPECT_EQ(Op::push(six).smush(Op::push({1, 2, 3, 4, 5})).labelCount(), 11u);
+   EXPECT_EQ(errorOf([] { Op::pop(200).smush(Op::pop(100)); }),
+             "label operation pops 300 labels; at most 255 allowed");
+   EXPECT_EQ(Op::pop(200).smush(Op::pop(55)), Op::pop(255));
+}
+
+TEST(MplsLabelOperation, ByteFormIsHeaderThenElevenLabelPlaces) {
+   auto b = bytesOf(Op::push({100, 200}));
+   std::array<uint8_t, 48> expected{};
+   expected[0] = 1;
+   expected[1] = 2;
+   expected[4] = 100;
+   expected[8] = 200;
+   EXPECT_EQ(b, expected);
+
+   expected = {};
+   expected[0] = 2;
+   expected[1] = 1;
+   expected[2] = 1;
+   expected[4] = 0xFF;
+   expected[5] = 0xFF;
+   expected[6] = 0x0F;
+   EXPECT_EQ(bytesOf(Op::swap({0xFFFFF})), expected);
+
+   expected = {};
+   expected[0] = 3;
+   expected[2] = 3;
+   EXPECT_EQ(bytesOf(Op::pop(3)), expected);
+   EXPECT_EQ(bytesOf(Op()), (std::array<uint8_t, 48>{}));
+}
+
+TEST(MplsLabelOperation, DeserializeRejectsEveryInconsistentHeaderAndLabel) {
+   const auto full = bytesOf(Op::push(std::vector<uint32_t>(11, 7)));
+   const auto two = bytesOf(Op::push({100, 200}));
+   auto b = two;
+   // Every header (kind, count, pops) combination: valid only when the kind matches.
+   for (unsigned kind = 0; kind < 256; kind += (kind < 8 ? 1 : 37)) {
+      for (unsigned count = 0; count < 256; count += (count < 14 ? 1 : 61)) {
+         for (unsigned pops : {0u, 1u, 2u, 255u}) {
+            b = full;
+            b[0] = static_cast<uint8_t>(kind);
+            b[1] = static_cast<uint8_t>(count);
+            b[2] = static_cast<uint8_t>(pops);
+            for (size_t i = count; i < 11; ++i) {
+               for (int k = 0; k < 4; ++k) b[4 + 4 * i + k] = 0;
+            }
+            const bool valid = kind <= 3 && count <= 11 &&
+                               static_cast<unsigned>(Wirekit::mplsOpKindOf(pops, count)) == kind;
+            if (valid) {
+               const Op op = Op::deserialize(b.data());
+               EXPECT_EQ(bytesOf(op), b);
+            } else {
+               EXPECT_THROW(Op::deserialize(b.data()), FormatError)
+                   << kind << " " << count << " " << pops;
+            }
+         }
+      }
+   }
+   b = two;
+   b[0] = 4;
+   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data()); }),
+             "Wirekit::MplsLabelOperation: unknown kind 4");
+   b = two;
+   b[1] = 12;
+   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data()); }),
+             "Wirekit::MplsLabelOperation: label count 12 exceeds the capacity of 11");
+   b = two;
+   b[0] = 2;
+   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data()); }),
+             "Wirekit::MplsLabelOperation: kind 2 does not match 0 pops and 2 labels");
+   b = two;
+   b[3] = 1;
+   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data()); }),
+             "Wirekit::MplsLabelOperation: padding byte set");
+   // A label above 20 bits, in the first and the last live place.
+   b = two;
+   b[6] = 0x10;
+   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data()); }),
+             "Wirekit::MplsLabelOperation: label 1048676 out of range");
+   b = full;
+   b[47] = 0x80;
+   EXPECT_THROW(Op::deserialize(b.data()), FormatError);
+   // Any byte of an unused place.
+   for (size_t pos = 12; pos < 48; ++pos) {
+      b = two;
+      b[pos] = 1;
+      EXPECT_THROW(Op::deserialize(b.data()), FormatError) << pos;
+   }
+}
+
+TEST(MplsLabelOperation, HashCoversKindPopsAndLabelsFromTheSeed) {
+   const Op op = Op::swap({300, 400});
+   const uint32_t expected = Vela::HashMixer(9)
+                                 .add(uint8_t{2})
+                                 .add(uint8_t{1})
+                                 .add(uint32_t{2})
+                                 .add(uint32_t{300})
+                                 .add(uint32_t{400})
+                                 .finish();
+   EXPECT_EQ(op.hash(9), expected);
+   EXPECT_NE(op.hash(0), op.hash(9));
+   EXPECT_EQ(op.hash(), Op("swap 300 400").hash());
+   EXPECT_NE(Op::push({1, 2}).hash(), Op::push({2, 1}).hash());
+   EXPECT_NE(Op::push({1}).hash(), Op::swap({1}).hash());
+   EXPECT_NE(Op::pop(1).hash(), Op::pop(2).hash());
+}
+
+TEST(MplsLabelOperation, OrdersByKindThenPopsThenLabels) {
+   const std::vector<Op> sorted = {
+       Op(),
+       Op::push({1}),
+       Op::push({1, 2}),
+       Op::push({2}),
+       Op::swap({0}),
+       Op::swap({5, 1}),
+       Op::pop(1),
+       Op::popAndPush(2, std::vector<uint32_t>{}),
+       Op::popAndPush(2, std::vector<uint32_t>{3}),
+       Op::pop(3),
+   };
+   for (size_t i = 0; i < sorted.size(); ++i) {
+      for (size_t j = 0; j < sorted.size(); ++j) {
+         EXPECT_EQ(sorted[i] < sorted[j], i < j) << sorted[i] << " vs " << sorted[j];
+         EXPECT_EQ(sorted[i] == sorted[j], i == j) << sorted[i] << " vs " << sorted[j];
+      }
+   }
+}
+
+}  // namespace
