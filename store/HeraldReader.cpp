@@ -1,0 +1,174 @@
+// HeraldReader: reading the notification ring and bridging the futex wake to an eventfd.
+#include "store/HeraldReader.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Region/Error.h"
+#include "Region/MappedFile.h"
+#include "Spoor/Trace.h"
+#include "Vela/Exception.h"
+#include "store/Herald.h"
+
+namespace Dock {
+
+namespace {
+Spoor::Handle& trace() {
+   return Spoor::handle("Herald");
+}
+}  // namespace
+
+const Notification& HeraldReader::HeraldNotifications::at(uint32_t index) const {
+   if (index >= size_) {
+      throw Vela::Exception(fmt::format("out-of-range index:{} max:{}", index, size_));
+   }
+   return base_[index];
+}
+
+HeraldReader::HeraldReader() = default;
+HeraldReader::~HeraldReader() {
+   detach();
+}
+
+bool HeraldReader::attach(const std::string& dir, uint32_t relume, std::string& reason) {
+   detach();
+   const std::string path = Herald::path(dir);
+   Region::MappedFile file;
+   try {
+      file = Region::MappedFile::openReadOnly(path);
+   } catch (const Vela::Exception& e) {
+      reason = e.what();
+      return false;
+   }
+   const auto* header = reinterpret_cast<const HeraldHeader*>(file.data());
+   // Acquire on the magic pairs with the writer's release store of it after formatting.
+   if (file.size() < kHeraldHeaderSize ||
+       std::atomic_ref<uint64_t>(const_cast<uint64_t&>(header->magic))
+               .load(std::memory_order_acquire) != kHeraldMagic) {
+      reason = fmt::format("herald {} is not formatted", path);
+      return false;
+   }
+   if (!Herald::validate(*header, file.size(), relume, reason)) return false;
+   file_ = std::make_unique<Region::MappedFile>(std::move(file));
+   header_ = header;
+   ring_ = reinterpret_cast<const Notification*>(file_->data() + kHeraldHeaderSize);
+   mask_ = header_->capacity - 1;
+   half_ = header_->capacity / 2;
+   tables_[0] = HeraldNotifications(ring_, half_);
+   tables_[1] = HeraldNotifications(ring_ + half_, half_);
+   seqBase_ = header_->seqBase;
+   restartAt(writerPosition());
+
+   eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+   if (eventFd_ < 0) {
+      const int err = errno;
+      detach();
+      reason = Region::Error::fromErrno("eventfd", path, err).what();
+      return false;
+   }
+   stop_.store(false, std::memory_order_relaxed);
+   waiter_ = std::thread([this] { waiterLoop(); });
+   return true;
+}
+
+void HeraldReader::detach() {
+   stopWaiter();
+   if (eventFd_ >= 0) ::close(eventFd_);
+   eventFd_ = -1;
+   file_.reset();
+   header_ = nullptr;
+   ring_ = nullptr;
+   tables_[0] = tables_[1] = HeraldNotifications();
+   mask_ = half_ = current_ = 0;
+   pos_ = lastSeq_ = 0;
+}
+
+void HeraldReader::stopWaiter() {
+   if (!waiter_.joinable()) return;
+   stop_.store(true, std::memory_order_release);
+   // The waiter may be about to sleep: keep waking until it has seen the flag.
+   while (true) {
+      Herald::futexWake(header_->wakeWord);
+      if (stop_.load(std::memory_order_acquire) == false) break;  // waiter acknowledged
+      std::this_thread::yield();
+   }
+   waiter_.join();
+}
+
+void HeraldReader::waiterLoop() {
+   uint32_t seen = header_->wakeWord.load(std::memory_order_acquire);
+   while (!stop_.load(std::memory_order_acquire)) {
+      Herald::futexWait(header_->wakeWord, seen);
+      const uint32_t now = header_->wakeWord.load(std::memory_order_acquire);
+      if (now == seen) continue;  // spurious (another reader stopping its waiter) or EINTR
+      seen = now;
+      const uint64_t one = 1;
+      // A full eventfd counter (EAGAIN) still leaves it readable: nothing is lost.
+      [[maybe_unused]] ssize_t n = ::write(eventFd_, &one, sizeof(one));
+   }
+   stop_.store(false, std::memory_order_release);  // acknowledge
+}
+
+void HeraldReader::drainWake() {
+   uint64_t count;
+   while (::read(eventFd_, &count, sizeof(count)) > 0) {
+   }
+}
+
+uint32_t HeraldReader::relume() const {
+   return Herald::relumeOf(*header_);
+}
+
+void HeraldReader::restartAt(uint64_t position) {
+   pos_ = position;
+   lastSeq_ = position == 0 ? 0 : seqOf(position - 1);
+   current_ = uint32_t((position & mask_) / half_);
+}
+
+bool HeraldReader::entryAt(uint64_t position, Entry& out) const {
+   const uint32_t index = uint32_t(position & mask_);
+   const Notification& n = tables_[index / half_].at(index % half_);
+   const uint64_t expected = seqOf(position);
+   // Sequence lock per entry; the fence pairs with the writer's release fence after it marks
+   // the entry busy.
+   const uint64_t first = n.seq.load(std::memory_order_acquire);
+   out.slot = n.slot.load(std::memory_order_relaxed);
+   out.kind = n.kind.load(std::memory_order_relaxed);
+   std::atomic_thread_fence(std::memory_order_acquire);
+   const uint64_t second = n.seq.load(std::memory_order_relaxed);
+   out.position = position;
+   out.seq = first;
+   return first == expected && second == expected;
+}
+
+HeraldReader::Next HeraldReader::next(Entry& out) {
+   const uint64_t writer = writerPosition();
+   if (pos_ >= writer) return Next::kEmpty;
+   if (writer - pos_ > capacity()) return Next::kLapped;
+   if (!entryAt(pos_, out)) return Next::kLapped;
+   const uint32_t which = uint32_t((pos_ & mask_) / half_);
+   if (which != current_) {
+      current_ = which;
+      SPOOR_TRACE(trace(), 7, "herald swapped to table {} at position {}", which, pos_);
+   }
+   lastSeq_ = out.seq;
+   ++pos_;
+   return Next::kEntry;
+}
+
+bool HeraldReader::quiesced(uint64_t shadowSeq) const {
+   const uint64_t writer = writerPosition();
+   if (pos_ != writer) return false;
+   if (writer == 0) return shadowSeq == 0;
+   Entry latest;
+   if (!entryAt(writer - 1, latest)) {
+      SPOOR_TRACE(trace(), 5, "latest notification out-of-range");
+      return false;
+   }
+   SPOOR_TRACE(trace(), 9, "writerSeq:{} shadowSeq:{}", latest.seq, shadowSeq);
+   return latest.seq == shadowSeq;
+}
+
+}  // namespace Dock
