@@ -8,7 +8,7 @@
 // order, so a reader that sees the new counter (acquire) maps a file whose entries are all valid.
 //
 // Errors: lookups and validation throw Loom::CorruptionException with a text that begins with the
-// slab's name (its file path).
+// slab's name (its file name, "slab.07"); file-level reports name the full path.
 #pragma once
 
 #include <cstdint>
@@ -73,7 +73,9 @@ class SlabWriter {
    uint32_t numEntries() const;
    uint32_t numOccupied() const;
    uint32_t relume() const { return relume_; }
-   const std::string& name() const { return path_; }
+   const std::string& name() const { return name_; }
+   const std::string& path() const { return path_; }
+   bool readOnly() const { return file_.readOnly(); }
    const Region::MappedFile& file() const { return file_; }
 
   private:
@@ -81,8 +83,10 @@ class SlabWriter {
       return reinterpret_cast<SlabEntryHeader*>(entryAt(file_.data(), entrySize_, index));
    }
    void checkHeader(uint32_t wantedRelume);
+   void open(bool readOnly);
 
    std::string path_;
+   std::string name_;
    uint32_t entrySize_;
    uint32_t relume_;
    Region::MappedFile file_;

@@ -70,6 +70,7 @@ class WriterAllocator {
    LinearSizeConfig config_;
    uint32_t relume_;
    Mode mode_ = Mode::kDetached;
+   uint32_t validated_ = 0;  // bit per slab: its full walk has passed since it was attached
    std::array<std::unique_ptr<SlabWriter>, kNumClasses> slabs_;
 };
 

@@ -32,7 +32,8 @@ class MappedFile {
    MappedFile(const MappedFile&) = delete;
    MappedFile& operator=(const MappedFile&) = delete;
 
-   // Creates (or truncates) `path` to `size` zero bytes and maps it read-write.
+   // Creates `path` as a new file of `size` zero bytes and maps it read-write. An existing file
+   // is unlinked first, never truncated, so readers that still map it keep valid pages.
    static MappedFile create(const std::string& path, size_t size, mode_t mode = 0644);
    // Maps an existing file at its current size.
    static MappedFile openReadWrite(const std::string& path);

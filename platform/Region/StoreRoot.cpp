@@ -1,0 +1,32 @@
+#include "Region/StoreRoot.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "Region/Error.h"
+
+namespace Region {
+
+std::string storeRoot() {
+   const char* root = std::getenv(kStoreRootVariable);
+   return root && *root ? std::string(root) : std::string(kDefaultStoreRoot);
+}
+
+void makeDirectories(const std::string& dir) {
+   // Walk the components left to right; EEXIST is fine (another writer or reader got there first).
+   for (size_t pos = 1; pos <= dir.size(); ++pos) {
+      if (pos != dir.size() && dir[pos] != '/') continue;
+      std::string prefix = dir.substr(0, pos);
+      if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
+         throw Error::fromErrno("cannot create directory", prefix, errno);
+      }
+   }
+   struct stat st;
+   if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      throw Error::fromErrno("not a directory", dir, errno ? errno : ENOTDIR);
+   }
+}
+
+}  // namespace Region

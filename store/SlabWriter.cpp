@@ -1,0 +1,293 @@
+#include "store/SlabWriter.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+#include "Loom/CorruptionException.h"
+#include "Region/Error.h"
+#include "Spoor/Trace.h"
+#include "Vela/Assert.h"
+#include "store/Offset.h"
+
+namespace Tessel {
+
+namespace {
+
+Spoor::Handle& trace() {
+   return Spoor::handle("Tessel");
+}
+
+std::string baseName(const std::string& path) {
+   size_t slash = path.rfind('/');
+   return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+[[noreturn]] void corrupt(std::string text) {
+   throw Loom::CorruptionException(std::move(text));
+}
+
+}  // namespace
+
+SlabWriter::SlabWriter(std::string path, uint32_t entrySize, uint32_t relume)
+    : path_(std::move(path)), name_(baseName(path_)), entrySize_(entrySize), relume_(relume) {
+   VELA_ASSERT(entrySize % 8 == 0 && entrySize > Dock::kSlabEntryHeaderSize);
+}
+
+uint32_t SlabWriter::numEntries() const {
+   return header()->numEntries.load(std::memory_order_relaxed);
+}
+
+uint32_t SlabWriter::numOccupied() const {
+   return header()->numOccupied.load(std::memory_order_relaxed);
+}
+
+void SlabWriter::create() {
+   const uint32_t n = initialEntries(entrySize_);
+   file_ = Region::MappedFile::create(
+       path_, Region::checkedRegionSize(Dock::kSlabHeaderSize, n, entrySize_));
+   formatSlabHeader(header(), relume_, entrySize_, n);
+   addFreeEntries(0, n);
+   SPOOR_TRACE(trace(), 5, "{}::create() entrySize: {} entries: {}", name_, entrySize_, n);
+}
+
+void SlabWriter::checkHeader(uint32_t wantedRelume) {
+   std::string reason;
+   if (!validateSlabHeader(*header(), file_.size(), wantedRelume, reason)) corrupt(reason);
+   if (header()->entrySize != entrySize_) {
+      corrupt(fmt::format("{}::attach() entrySize: {} but expected: {}", name_, header()->entrySize,
+                          entrySize_));
+   }
+}
+
+void SlabWriter::open(bool readOnly) {
+   file_ = readOnly ? Region::MappedFile::openReadOnly(path_)
+                    : Region::MappedFile::openReadWrite(path_);
+   try {
+      // A restarted writer keeps files of an earlier generation: any relume is accepted here.
+      checkHeader(0);
+   } catch (...) {
+      file_.close();
+      throw;
+   }
+}
+
+void SlabWriter::attach() {
+   open(false);
+   stampSlabRelume(header(), relume_);
+}
+
+void SlabWriter::attachReadOnly() {
+   open(true);
+}
+
+void SlabWriter::detach() {
+   file_.close();
+}
+
+SlabEntryHeader* SlabWriter::getEntry(uint32_t index) {
+   // The mapping bound protects against a header whose numEntries outgrew the file.
+   const uint64_t limit = std::min<uint64_t>(numEntries(), entriesIn(file_.size(), entrySize_));
+   if (index >= limit) {
+      corrupt(fmt::format("{}::getEntry() index: {} is beyond farthest possible index: {}", name_,
+                          index, int64_t(limit) - 1));
+   }
+   return entry(index);
+}
+
+SlabEntryHeader* SlabWriter::lookup(uint32_t index) {
+   SlabEntryHeader* e = getEntry(index);
+   const int32_t size = e->payloadSize.load(std::memory_order_relaxed);
+   if (size < 0) {
+      corrupt(fmt::format("{}::lookup() entry at index: {} is marked unoccupied", name_, index));
+   }
+   if (uint32_t(size) > maxPayload()) {
+      corrupt(
+          fmt::format("{}::lookup() encountered payloadSize: {}, but max payloadSize:{} at "
+                      "index: {}",
+                      name_, size, maxPayload(), index));
+   }
+   return e;
+}
+
+uint32_t SlabWriter::alloc() {
+   VELA_ASSERT(file_ && !file_.readOnly() && "slab is not attached read-write");
+   SlabHeader* h = header();
+   if (h->freeList.load(std::memory_order_relaxed) == Dock::kNone) {
+      const uint32_t n = numEntries();
+      if (n > Offset::kMaxIndex) {
+         throw Region::Error(fmt::format("{}: slab is full at {} entries", path_, n));
+      }
+      resize(uint32_t(std::min<uint64_t>(uint64_t(n) + growthStep(n, entrySize_),
+                                         uint64_t(Offset::kMaxIndex) + 1)));
+      h = header();
+   }
+   const uint32_t index = h->freeList.load(std::memory_order_relaxed);
+   SlabEntryHeader* e = getEntry(index);
+   if (e->payloadSize.load(std::memory_order_relaxed) >= 0) {
+      corrupt(fmt::format("{}::alloc() free-list entry at index: {} is occupied", name_, index));
+   }
+   // Release fence: pairs with the acquire fence at the end of ReaderAllocator::copy. A reader
+   // still copying this entry's previous value that sees any byte written from here on is then
+   // guaranteed to see the slot flags change that retired the previous value, and discards its
+   // copy.
+   std::atomic_thread_fence(std::memory_order_release);
+   h->freeList.store(e->clientData.load(std::memory_order_relaxed), std::memory_order_relaxed);
+   e->clientData.store(Dock::kNone, std::memory_order_relaxed);
+   e->payloadSize.store(0, std::memory_order_relaxed);
+   h->numOccupied.store(h->numOccupied.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_relaxed);
+   return index;
+}
+
+void SlabWriter::free(uint32_t index) {
+   VELA_ASSERT(file_ && !file_.readOnly() && "slab is not attached read-write");
+   SlabEntryHeader* e = getEntry(index);
+   if (e->payloadSize.load(std::memory_order_relaxed) < 0) {
+      VELA_FAIL("freeing unoccupied entry {} of {}", index, name_);
+   }
+   SlabHeader* h = header();
+   e->payloadSize.store(-1, std::memory_order_relaxed);
+   e->clientData.store(h->freeList.load(std::memory_order_relaxed), std::memory_order_relaxed);
+   h->freeList.store(index, std::memory_order_relaxed);
+   h->numOccupied.store(h->numOccupied.load(std::memory_order_relaxed) - 1,
+                        std::memory_order_relaxed);
+}
+
+void SlabWriter::addFreeEntries(uint32_t start, uint32_t end) {
+   SPOOR_TRACE(trace(), 5, "{}::addFreeEntries() start: {} end: {}", name_, start, end);
+   SlabHeader* h = header();
+   if (h->freeList.load(std::memory_order_relaxed) != Dock::kNone) {
+      corrupt(fmt::format("{}::addFreeEntries() free-list isn't empty", name_));
+   }
+   VELA_ASSERT(start <= end && end <= entriesIn(file_.size(), entrySize_));
+   for (uint32_t i = start; i < end; ++i) {
+      SlabEntryHeader* e = entry(i);
+      e->payloadSize.store(-1, std::memory_order_relaxed);
+      e->clientData.store(i + 1 < end ? i + 1 : Dock::kNone, std::memory_order_relaxed);
+   }
+   if (start < end) h->freeList.store(start, std::memory_order_relaxed);
+}
+
+void SlabWriter::resize(uint32_t newNumEntries) {
+   const uint32_t old = numEntries();
+   VELA_ASSERT(newNumEntries > old);
+   file_.resize(Region::checkedRegionSize(Dock::kSlabHeaderSize, newNumEntries, entrySize_));
+   addFreeEntries(old, newNumEntries);
+   SlabHeader* h = header();
+   h->numEntries.store(newNumEntries, std::memory_order_relaxed);
+   // Release: a reader that sees the new counter (acquire, SlabReader::safeHeaderCopy) sees the
+   // grown file's new entries and numEntries. The fence after it orders the counter before any
+   // later header store, so a header copy that sees a later store also sees the new counter.
+   h->resizeCounter.store(h->resizeCounter.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_release);
+   std::atomic_thread_fence(std::memory_order_release);
+   SPOOR_TRACE(trace(), 5, "{}::resize() from {} entries to {}", name_, old, newNumEntries);
+}
+
+bool SlabWriter::shrink() {
+   VELA_ASSERT(file_ && !file_.readOnly() && "slab is not attached read-write");
+   const uint32_t n = numEntries();
+   uint32_t used = n;  // one past the last occupied entry
+   while (used > 0 && entry(used - 1)->payloadSize.load(std::memory_order_relaxed) < 0) --used;
+   // Keep two to four times the used prefix, as the slot table does with its occupancy.
+   const uint32_t target = std::max(initialEntries(entrySize_), used * 2);
+   if (uint64_t(used) * 4 > n || target >= n) return false;
+   // Rebuild the free list from the entries that remain, ascending.
+   SlabHeader* h = header();
+   uint32_t head = Dock::kNone;
+   for (uint32_t i = target; i-- > 0;) {
+      SlabEntryHeader* e = entry(i);
+      if (e->payloadSize.load(std::memory_order_relaxed) < 0) {
+         e->clientData.store(head, std::memory_order_relaxed);
+         head = i;
+      }
+   }
+   h->freeList.store(head, std::memory_order_relaxed);
+   h->numEntries.store(target, std::memory_order_relaxed);
+   // Release: pairs with the acquire load in SlabReader::safeHeaderCopy (see resize).
+   h->resizeCounter.store(h->resizeCounter.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_release);
+   std::atomic_thread_fence(std::memory_order_release);
+   // No slot names an entry past target (they are all free), so their pages can go.
+   file_.resize(Dock::kSlabHeaderSize + size_t(entrySize_) * target);
+   SPOOR_TRACE(trace(), 5, "{}::shrink() from {} entries to {}", name_, n, target);
+   return true;
+}
+
+void SlabWriter::validate() {
+   checkHeader(file_.readOnly() ? 0 : relume_);
+   const SlabHeader* h = header();
+   const uint32_t n = numEntries();
+   std::vector<bool> onFreeList(n, false);
+   uint32_t freeCount = 0;
+   for (uint32_t i = h->freeList.load(std::memory_order_relaxed); i != Dock::kNone;) {
+      if (i >= n) {
+         corrupt(fmt::format("{}::validate() free-list index: {} is beyond numEntries: {}", name_,
+                             i, n));
+      }
+      if (onFreeList[i]) {
+         corrupt(fmt::format("{}::validate() free-list visits index: {} twice", name_, i));
+      }
+      const SlabEntryHeader* e = entry(i);
+      if (e->payloadSize.load(std::memory_order_relaxed) >= 0) {
+         corrupt(fmt::format("{}::validate() found occupied entry with index: {} on free-list",
+                             name_, i));
+      }
+      onFreeList[i] = true;
+      ++freeCount;
+      i = e->clientData.load(std::memory_order_relaxed);
+   }
+   uint32_t occupied = 0;
+   for (uint32_t i = 0; i < n; ++i) {
+      const int32_t size = entry(i)->payloadSize.load(std::memory_order_relaxed);
+      if (size < 0) continue;
+      if (uint32_t(size) > maxPayload()) {
+         corrupt(fmt::format(
+             "{}::validate() found occupied entry with payloadSize:{}, but max payloadSize:{}",
+             name_, size, maxPayload()));
+      }
+      ++occupied;
+   }
+   const uint32_t headerOccupied = numOccupied();
+   if (occupied != headerOccupied) {
+      corrupt(fmt::format("{}::validate() found {} occupied entries, but header's numOccupied: {}",
+                          name_, occupied, headerOccupied));
+   }
+   if (uint64_t(freeCount) + occupied != n) {
+      corrupt(fmt::format(
+          "{}::validate() found {} entries on free-list and {} occupied entries, but header's "
+          "numEntries: {}",
+          name_, freeCount, occupied, n));
+   }
+}
+
+void validateUnattached(const std::string& path, uint32_t entrySize) {
+   SlabWriter slab(path, entrySize, 0);
+   Region::MappedFile probe;
+   try {
+      probe = Region::MappedFile::openReadOnly(path);
+   } catch (const Region::Error& e) {
+      struct stat st {};
+      ::stat(path.c_str(), &st);
+      corrupt(fmt::format("{}::validateUnattached() cannot attach to shmem {} size:{}: {}",
+                          slab.name(), path, st.st_size, e.what()));
+   }
+   // Empty means no occupied entry according to a header that is at least readable.
+   const bool empty = probe.size() >= Dock::kSlabHeaderSize &&
+                      reinterpret_cast<const SlabHeader*>(probe.data())
+                              ->numOccupied.load(std::memory_order_relaxed) == 0;
+   try {
+      slab.attachReadOnly();
+      slab.validate();
+   } catch (const Loom::CorruptionException& e) {
+      if (!empty) throw;
+      corrupt(fmt::format("{}::validateUnattached, validation failed on an empty slab, reason: {}",
+                          slab.name(), e.what()));
+   }
+}
+
+}  // namespace Tessel
