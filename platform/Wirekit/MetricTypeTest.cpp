@@ -1,0 +1,55 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <sstream>
+
+#include "Vela/Exception.h"
+#include "Wirekit/Errors.h"
+#include "Wirekit/MetricType.h"
+
+using Wirekit::MetricType;
+
+namespace {
+
+TEST(MetricType, DefaultIsIgpMetricOfValueOne) {
+   EXPECT_EQ(static_cast<uint32_t>(Wirekit::kDefaultMetricType), 1u);
+   EXPECT_EQ(Wirekit::kDefaultMetricType, MetricType::igpMetric);
+   EXPECT_EQ(Wirekit::valueToStrep(MetricType::igpMetric), "igpMetric");
+   std::ostringstream os;
+   os << MetricType::medMetric;
+   EXPECT_EQ(os.str(), "medMetric");
+}
+
+TEST(MetricType, NamesValuesAndBytesRoundTrip) {
+   for (uint32_t v = 0; v <= Wirekit::kMaxMetricTypeValue; ++v) {
+      const MetricType t = Wirekit::metricTypeFromValue(v);
+      EXPECT_EQ(static_cast<uint32_t>(t), v);
+      EXPECT_EQ(Wirekit::metricTypeFromString(Wirekit::valueToStrep(t)), t);
+      std::array<uint8_t, 4> b;
+      Wirekit::serializeMetricType(t, b.data());
+      EXPECT_EQ(b, (std::array<uint8_t, 4>{static_cast<uint8_t>(v), 0, 0, 0}));
+      EXPECT_EQ(Wirekit::deserializeMetricType(b.data()), t);
+   }
+}
+
+TEST(MetricType, UnknownValuesAndNamesAreRejected) {
+   for (uint32_t v : {6u, 255u, 256u, 0x01000001u, 0xFFFFFFFFu}) {
+      EXPECT_FALSE(Wirekit::isValidMetricType(v));
+      EXPECT_THROW(Wirekit::metricTypeFromValue(v), Wirekit::FormatError) << v;
+      std::array<uint8_t, 4> b;
+      for (int i = 0; i < 4; ++i) b[i] = static_cast<uint8_t>(v >> (8 * i));
+      EXPECT_THROW(Wirekit::deserializeMetricType(b.data()), Wirekit::FormatError) << v;
+   }
+   try {
+      Wirekit::metricTypeFromValue(6);
+      ADD_FAILURE();
+   } catch (const Wirekit::FormatError& e) {
+      EXPECT_STREQ(e.what(), "Wirekit::MetricType: unknown value 6");
+   }
+   for (const char* t : {"", "igp", "IgpMetric", "igpMetric ", "1"}) {
+      EXPECT_THROW(Wirekit::metricTypeFromString(t), Vela::ParseException) << t;
+   }
+   EXPECT_EQ(Wirekit::valueToStrep(static_cast<MetricType>(9)), "MetricType(9)");
+}
+
+}  // namespace
