@@ -1,0 +1,277 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <vector>
+
+#include "TunnelTable/ByteCursor.h"
+#include "TunnelTable/Via.h"
+#include "Vela/Exception.h"
+#include "Wirekit/Errors.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+using Wirekit::IntfId;
+using Wirekit::IpGenAddr;
+using Wirekit::MplsLabelOperation;
+
+Vela::String hexOf(const uint8_t* p, size_t n) {
+   static constexpr char kDigits[] = "0123456789abcdef";
+   Vela::String out;
+   for (size_t i = 0; i < n; ++i) {
+      out += kDigits[p[i] >> 4];
+      out += kDigits[p[i] & 15];
+   }
+   return out;
+}
+
+template <typename V>
+Vela::String bytesOf(const V& v) {
+   std::vector<uint8_t> bytes(V::kSerializedSize, 0xEE);
+   v.serialize(bytes.data());
+   return hexOf(bytes.data(), bytes.size());
+}
+
+std::vector<uint8_t> fromHex(const Vela::String& hex) {
+   std::vector<uint8_t> out;
+   for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+      out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+   }
+   return out;
+}
+
+template <typename V>
+V fromText(const Vela::String& text) {
+   return V(text.begin(), text.end());
+}
+
+Vela::String zeros(size_t bytes) {
+   return Vela::String(2 * bytes, '0');
+}
+
+const MplsVia kMplsVia(IpGenAddr("10.0.0.1"), IntfId("Ethernet1"), MplsLabelOperation("push 100"));
+
+TEST(ViaTest, MplsViaByteFormIsAddressInterfaceLabels) {
+   const Vela::String golden =
+       "04000000"
+       "0a000001" +
+       zeros(12) +           // nextHop 10.0.0.1
+       "0100000000010001" +  // Ethernet1
+       "01010000"
+       "64000000" +
+       zeros(40);  // push 100
+   ASSERT_EQ(golden.size(), 2u * 76);
+   EXPECT_EQ(bytesOf(kMplsVia), golden);
+   const std::vector<uint8_t> bytes = fromHex(golden);
+   EXPECT_EQ(MplsVia::deserialize(bytes.data()), kMplsVia);
+   EXPECT_EQ(bytesOf(MplsVia()), zeros(76));
+   std::vector<uint8_t> bad = bytes;
+   bad[0] = 5;  // no such address family
+   EXPECT_THROW(MplsVia::deserialize(bad.data()), Wirekit::FormatError);
+   bad = bytes;
+   bad[29] = 12;  // twelve labels do not fit the bounded operation
+   EXPECT_THROW(MplsVia::deserialize(bad.data()), Wirekit::FormatError);
+}
+
+TEST(ViaTest, ViaAndTunnelViaByteForms) {
+   const Via via(IpGenAddr("2001:db8::1"), IntfId("Ethernet2/1"));
+   const Vela::String viaGolden =
+       "06000000"
+       "20010db8" +
+       zeros(11) + "01" + "0200000100020001";
+   ASSERT_EQ(viaGolden.size(), 2u * 28);
+   EXPECT_EQ(bytesOf(via), viaGolden);
+   EXPECT_EQ(Via::deserialize(fromHex(viaGolden).data()), via);
+
+   const TunnelVia tv(IpGenAddr("10.0.0.1"), IntfId::tunnelIntf(5), EncapId(EncapType::gre, 7));
+   const Vela::String tvGolden =
+       "04000000"
+       "0a000001" +
+       zeros(12) + "0500000000000007" + "07000010";
+   ASSERT_EQ(tvGolden.size(), 2u * 32);
+   EXPECT_EQ(bytesOf(tv), tvGolden);
+   EXPECT_EQ(TunnelVia::deserialize(fromHex(tvGolden).data()), tv);
+   std::vector<uint8_t> bad = fromHex(tvGolden);
+   bad[31] = 0x70;  // EncapType 7
+   EXPECT_THROW(TunnelVia::deserialize(bad.data()), ByteFormatError);
+   EXPECT_EQ(TunnelVia().encapId(), EncapId());
+}
+
+TEST(ViaTest, MplsViaHashIsOneAtATimeOverTheThreeFieldHashes) {
+   auto reference = [](const MplsVia& v) {
+      const uint32_t parts[] = {v.nextHop().hash(), v.intfId().hash(), v.labels().hash(0)};
+      uint32_t h = 0;
+      for (uint32_t part : parts) {
+         for (int i = 0; i < 4; ++i) {
+            h += static_cast<uint8_t>(part >> (8 * i));
+            h += h << 10;
+            h ^= h >> 6;
+         }
+      }
+      h += h << 3;
+      h ^= h >> 11;
+      h += h << 15;
+      return h;
+   };
+   EXPECT_EQ(kMplsVia.hash(), reference(kMplsVia));
+   MplsVia other = kMplsVia;
+   other.labelsIs(MplsLabelOperation("push 101"));
+   EXPECT_NE(other, kMplsVia);
+   EXPECT_NE(other.hash(), kMplsVia.hash());
+   EXPECT_EQ(other.hash(), reference(other));
+   EXPECT_EQ(MplsVia().hash(), reference(MplsVia()));
+}
+
+TEST(ViaTest, EqualityAndOrderGoFieldByField) {
+   const MplsVia a(IpGenAddr("10.0.0.1"), IntfId("Ethernet2"), MplsLabelOperation("push 1"));
+   const MplsVia b(IpGenAddr("10.0.0.2"), IntfId("Ethernet1"), MplsLabelOperation(""));
+   EXPECT_LT(a, b);  // next hop decides first
+   EXPECT_LT(MplsVia(a.nextHop(), IntfId("Ethernet1"), a.labels()), a);
+   EXPECT_NE(MplsVia(a.nextHop(), a.intfId()), a);
+   EXPECT_EQ(Via(a.nextHop(), a.intfId()), Via(a.nextHop(), a.intfId()));
+   EXPECT_NE(TunnelVia(a.nextHop(), a.intfId(), EncapId(EncapType::gre, 1)),
+             TunnelVia(a.nextHop(), a.intfId(), EncapId(EncapType::gre, 2)));
+}
+
+TEST(ViaTest, DumpAndTextForms) {
+   EXPECT_EQ(kMplsVia.stringValue(), "nextHop: 10.0.0.1, intfId: Ethernet1, labels: [push 100]");
+   EXPECT_EQ(kMplsVia.dumpLine(0), "nextHop: 10.0.0.1, intfId: Ethernet1, labels: [push 100]\n");
+   EXPECT_EQ(kMplsVia.dumpLine(4),
+             "    nextHop: 10.0.0.1, intfId: Ethernet1, labels: [push 100]\n");
+   const Vela::String text =
+       "Value('Tunnel::TunnelTable::MplsVia', ** {'nextHop': '10.0.0.1', "
+       "'intfId': 'Ethernet1', 'labels': 'push 100'})";
+   EXPECT_EQ(valueToStrep(kMplsVia), text);
+   std::ostringstream os;
+   os << kMplsVia;
+   EXPECT_EQ(os.str(), text);
+   EXPECT_EQ(fromText<MplsVia>(text), kMplsVia);
+   EXPECT_EQ(fromText<MplsVia>(valueToStrep(MplsVia())), MplsVia());
+
+   const Via via(IpGenAddr("10.1.1.1"), IntfId("Vlan100"));
+   EXPECT_EQ(via.stringValue(), "nextHop: 10.1.1.1, intfId: Vlan100");
+   EXPECT_EQ(valueToStrep(via),
+             "Value('Tunnel::TunnelTable::Via', ** {'nextHop': '10.1.1.1', 'intfId': 'Vlan100'})");
+   EXPECT_EQ(fromText<Via>(valueToStrep(via)), via);
+
+   const TunnelVia tv(IpGenAddr("10.1.1.1"), IntfId("Ethernet3"), EncapId(EncapType::vxlan, 9));
+   EXPECT_EQ(tv.stringValue(), "nextHop: 10.1.1.1, intfId: Ethernet3, encapId: VXLAN 9");
+   EXPECT_EQ(fromText<TunnelVia>(valueToStrep(tv)), tv);
+   EXPECT_EQ(fromText<TunnelVia>(valueToStrep(TunnelVia())), TunnelVia());
+
+   EXPECT_THROW(fromText<MplsVia>("Value('Tunnel::TunnelTable::MplsVia', ** {'nextHop': "
+                                  "'10.0.0.300', 'intfId': 'Ethernet1', 'labels': ''})"),
+                Vela::ParseException);
+}
+
+TEST(ViaTest, TunnelIdViaLeadsIntoTheTunnel) {
+   const TunnelId target(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, 7));
+   const Via via = Via::tunnelIdVia(target);
+   EXPECT_EQ(via.nextHop(), IpGenAddr("0.0.0.0"));
+   EXPECT_TRUE(Wirekit::DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intfId()));
+   EXPECT_EQ(via.intfId(), Wirekit::DynamicTunnelIntfId::tunnelIdToIntfId(0x300000000007u));
+   EXPECT_TRUE(via.isTunnelIdVia());
+   EXPECT_EQ(via.viaTunnelId(), target);
+   EXPECT_FALSE(Via(IpGenAddr("10.0.0.1"), via.intfId()).isTunnelIdVia());
+   EXPECT_FALSE(Via(IpGenAddr("0.0.0.0"), IntfId("Ethernet1")).isTunnelIdVia());
+   EXPECT_DEATH(Via().viaTunnelId(), "assertion failed: isTunnelIdVia\\(\\)");
+}
+
+TEST(ViaTest, CollectionsHaveSixHundredPlaces) {
+   MplsViaArray vias;
+   vias.delAll();
+   EXPECT_EQ(vias.count(), 0u);
+   vias.is(599, kMplsVia);
+   EXPECT_EQ(vias.count(), 600u);
+   try {
+      vias.is(600, kMplsVia);
+      ADD_FAILURE();
+   } catch (const Vela::RangeException& e) {
+      EXPECT_STREQ(e.what(),
+                   "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
+                   "Tunnel::TunnelTable::ViaIndex::max not allowed");
+   }
+   EXPECT_EQ(vias.count(), 600u);
+   vias.del(599);
+   EXPECT_EQ(vias.count(), 0u);  // every place before it holds the default via
+   ViaArray plain;
+   plain.is(0, Via(IpGenAddr("10.0.0.1"), IntfId("Ethernet1")));
+   EXPECT_EQ(plain.count(), 1u);
+}
+
+// ---- MplsCosVia ----
+
+MplsCosVia cosVia() {
+   MplsCosVia v(IpGenAddr("10.0.0.1"), IntfId("Ethernet1"));
+   v.cosLabelsIs(5, MplsLabelOperation("swap 300"));
+   v.cosLabelsIs(0, MplsLabelOperation("pop 1"));
+   return v;
+}
+
+TEST(MplsCosViaTest, ByteFormCarriesOneOperationPerClassPresent) {
+   const MplsCosVia v = cosVia();
+   EXPECT_EQ(v.cosLabelsCount(), 2u);
+   EXPECT_EQ(v.serializeLen(), 29u + 2 * 48);
+   std::vector<uint8_t> bytes(v.serializeLen());
+   v.serialize(bytes.data());
+   const Vela::String golden =
+       "04000000"
+       "0a000001" +
+       zeros(12) + "0100000000010001" + "21" + "03000100" + zeros(44) +  // class 0: pop 1
+       "02010100"
+       "2c010000" +
+       zeros(40);  // class 5: swap 300
+   EXPECT_EQ(hexOf(bytes.data(), bytes.size()), golden);
+
+   EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 125), 125u);
+   EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 200), 125u);
+   EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 124), 0u);
+   EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 28), 0u);
+   MplsCosVia back;
+   back.deserialize(bytes.data(), 125);
+   EXPECT_EQ(back, v);
+
+   MplsCosVia untouched;
+   EXPECT_THROW(untouched.deserialize(bytes.data(), 124), ByteFormatError);
+   EXPECT_EQ(untouched, MplsCosVia());
+   bytes[28] = 0x23;  // claims a third class the bytes do not hold
+   EXPECT_THROW(untouched.deserialize(bytes.data(), 125), ByteFormatError);
+
+   const MplsCosVia empty;
+   EXPECT_EQ(empty.serializeLen(), 29u);
+   std::vector<uint8_t> small(29, 0xEE);
+   empty.serialize(small.data());
+   EXPECT_EQ(hexOf(small.data(), small.size()), zeros(29));
+}
+
+TEST(MplsCosViaTest, ClassesCompareAndPrint) {
+   MplsCosVia v = cosVia();
+   EXPECT_TRUE(v.cosLabelsHas(5));
+   EXPECT_FALSE(v.cosLabelsHas(4));
+   EXPECT_EQ(v.cosLabels(4), MplsLabelOperation());
+   EXPECT_EQ(v.stringValue(),
+             "nextHop: 10.0.0.1, intfId: Ethernet1, cosLabels: [0: pop 1, 5: swap 300]");
+   const Vela::String text =
+       "Value('Tunnel::TunnelTable::MplsCosVia', ** {'nextHop': "
+       "'10.0.0.1', 'intfId': 'Ethernet1', 'cosLabels': ['0: pop 1', "
+       "'5: swap 300']})";
+   EXPECT_EQ(valueToStrep(v), text);
+   EXPECT_EQ(fromText<MplsCosVia>(text), v);
+   EXPECT_EQ(fromText<MplsCosVia>(valueToStrep(MplsCosVia())), MplsCosVia());
+   EXPECT_THROW(fromText<MplsCosVia>("Value('Tunnel::TunnelTable::MplsCosVia', ** {'nextHop': "
+                                     "'10.0.0.1', 'intfId': 'Ethernet1', 'cosLabels': "
+                                     "['8: pop 1']})"),
+                Vela::RangeException);
+
+   MplsCosVia other = v;
+   EXPECT_EQ(other.cosLabelsDel(5), MplsLabelOperation("swap 300"));
+   EXPECT_NE(other, v);
+   other.cosLabelsIs(5, MplsLabelOperation("swap 300"));
+   EXPECT_EQ(other, v);
+   other.cosLabelsDelAll();
+   EXPECT_EQ(other, MplsCosVia(v.nextHop(), v.intfId()));
+   EXPECT_THROW(v.cosLabelsIs(8, MplsLabelOperation()), Vela::RangeException);
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable
