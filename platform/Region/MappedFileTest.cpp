@@ -1,0 +1,176 @@
+// Mapped files: create, grow, shrink without truncation, follow a writer's resize, read-only
+// mappings that really are read-only, and the size arithmetic that validation relies on.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "Region/Error.h"
+#include "Region/MappedFile.h"
+#include "Region/StoreRoot.h"
+#include "testing/TempRoot.h"
+
+namespace {
+
+TEST(MappedFile, CreateGrowAndReaderFollows) {
+   Testing::TempRoot root;
+   const std::string path = root.path() + "/f";
+   auto w = Region::MappedFile::create(path, 100);
+   ASSERT_TRUE(w);
+   EXPECT_EQ(w.size(), 100u);
+   EXPECT_EQ(w.fileSize(), 100u);
+   EXPECT_FALSE(w.readOnly());
+   for (size_t i = 0; i < 100; ++i) EXPECT_EQ(w.data()[i], 0) << i;
+   std::memcpy(w.data(), "hello", 5);
+
+   auto r = Region::MappedFile::openReadOnly(path);
+   EXPECT_TRUE(r.readOnly());
+   EXPECT_EQ(r.size(), 100u);
+   EXPECT_EQ(std::memcmp(r.data(), "hello", 5), 0);
+
+   w.resize(1 << 20);
+   EXPECT_EQ(w.size(), size_t(1) << 20);
+   EXPECT_EQ(std::memcmp(w.data(), "hello", 5), 0);
+   w.data()[(1 << 20) - 1] = 7;
+   EXPECT_EQ(r.size(), 100u);  // the reader keeps its view until it follows
+   r.remap();
+   EXPECT_EQ(r.size(), size_t(1) << 20);
+   EXPECT_EQ(r.data()[(1 << 20) - 1], 7);
+   EXPECT_EQ(std::memcmp(r.data(), "hello", 5), 0);
+}
+
+TEST(MappedFile, ShrinkKeepsLengthAndZeroesTheTail) {
+   Testing::TempRoot root;
+   const std::string path = root.path() + "/f";
+   const size_t big = 64 * 4096;
+   auto w = Region::MappedFile::create(path, big);
+   std::memset(w.data(), 0xab, big);
+   auto r = Region::MappedFile::openReadOnly(path);
+   struct stat before;
+   ASSERT_EQ(::stat(path.c_str(), &before), 0);
+
+   w.resize(4096 + 10);  // keeps the first two pages (the second partly used)
+   EXPECT_EQ(w.fileSize(), big);
+   EXPECT_EQ(w.size(), big);
+   struct stat after;
+   ASSERT_EQ(::stat(path.c_str(), &after), 0);
+   EXPECT_LT(after.st_blocks, before.st_blocks);
+   // A reader that still touches the tail reads zeros and does not fault.
+   EXPECT_EQ(r.data()[0], 0xab);
+   EXPECT_EQ(r.data()[4096 + 9], 0xab);
+   EXPECT_EQ(r.data()[2 * 4096], 0);
+   EXPECT_EQ(r.data()[big - 1], 0);
+   // Growing again within the old length reuses it.
+   w.resize(big / 2);
+   w.data()[big / 2 - 1] = 1;
+   EXPECT_EQ(r.data()[big / 2 - 1], 1);
+}
+
+TEST(MappedFile, CreateReplacesTheFileInsteadOfTruncatingIt) {
+   Testing::TempRoot root;
+   const std::string path = root.path() + "/f";
+   auto w = Region::MappedFile::create(path, 8192);
+   std::memset(w.data(), 0x11, 8192);
+   auto r = Region::MappedFile::openReadOnly(path);
+   auto w2 = Region::MappedFile::create(path, 16);
+   // The old reader keeps valid pages of the old file (a truncation would raise SIGBUS here).
+   EXPECT_EQ(r.data()[8191], 0x11);
+   EXPECT_EQ(w2.fileSize(), 16u);
+   EXPECT_EQ(w2.data()[0], 0);
+}
+
+TEST(MappedFile, ReadOnlyMappingFaultsOnWrite) {
+   Testing::TempRoot root;
+   const std::string path = root.path() + "/f";
+   { auto w = Region::MappedFile::create(path, 4096); }
+   pid_t pid = Testing::forkChild([&] {
+      auto r = Region::MappedFile::openReadOnly(path);
+      volatile uint8_t* p = r.data();
+      p[0] = 1;
+      return 0;
+   });
+   EXPECT_EQ(Testing::waitChild(pid), 128 + SIGSEGV);
+   // And the byte was not written.
+   auto r = Region::MappedFile::openReadOnly(path);
+   EXPECT_EQ(r.data()[0], 0);
+}
+
+TEST(MappedFile, OpenFailuresNameTheFile) {
+   Testing::TempRoot root;
+   const std::string path = root.path() + "/missing";
+   try {
+      Region::MappedFile::openReadOnly(path);
+      FAIL() << "opened a missing file";
+   } catch (const Region::Error& e) {
+      EXPECT_EQ(std::string(e.what()), "cannot open " + path + ": No such file or directory");
+   }
+   EXPECT_THROW(Region::MappedFile::openReadWrite(path), Region::Error);
+   EXPECT_THROW(Region::MappedFile::create(root.path() + "/no/such/dir/f", 10), Region::Error);
+}
+
+TEST(MappedFile, EmptyFileMapsToNothingAndFollowsGrowth) {
+   Testing::TempRoot root;
+   const std::string path = root.path() + "/f";
+   auto w = Region::MappedFile::create(path, 0);
+   auto r = Region::MappedFile::openReadOnly(path);
+   EXPECT_EQ(r.size(), 0u);
+   EXPECT_EQ(r.data(), nullptr);
+   w.resize(10);
+   w.data()[9] = 3;
+   EXPECT_FALSE(r.remap());  // nothing was mapped, so nothing moved
+   EXPECT_EQ(r.data()[9], 3);
+}
+
+TEST(MappedFile, MovedFromIsEmpty) {
+   Testing::TempRoot root;
+   auto a = Region::MappedFile::create(root.path() + "/f", 10);
+   Region::MappedFile b = std::move(a);
+   EXPECT_FALSE(a);  // NOLINT: checking the moved-from state is the point
+   EXPECT_TRUE(b);
+   EXPECT_EQ(b.size(), 10u);
+   b.close();
+   EXPECT_FALSE(b);
+}
+
+TEST(MappedFile, CheckedRegionSizeRefusesTheLargestMapping) {
+   EXPECT_EQ(Region::checkedRegionSize(600, 10, 24), 840u);
+   const uint64_t L = Region::kLargestMapping;
+   EXPECT_EQ(Region::checkedRegionSize(0, L - 1, 1), L - 1);
+   EXPECT_THROW(Region::checkedRegionSize(0, L, 1), Region::Error);
+   EXPECT_THROW(Region::checkedRegionSize(L, 0, 0), Region::Error);
+   EXPECT_THROW(Region::checkedRegionSize(40, UINT64_MAX, 2), Region::Error);  // wraps
+   try {
+      Region::checkedRegionSize(600, 0xFFFFFFFFu, 24);
+      FAIL();
+   } catch (const Region::Error& e) {
+      EXPECT_EQ(std::string(e.what()),
+                "600 + 4294967295 * 24 reaches the largest mapping size 68719476736");
+   }
+}
+
+TEST(MappedFile, ReadOnlyResizeIsAnAssertion) {
+   Testing::TempRoot root;
+   { auto w = Region::MappedFile::create(root.path() + "/f", 10); }
+   auto r = Region::MappedFile::openReadOnly(root.path() + "/f");
+   EXPECT_DEATH(r.resize(20),
+                "assertion failed: fd_ >= 0 && !readOnly_ && \"resize needs a file mapped "
+                "read-write\"");
+}
+
+TEST(StoreRoot, EnvironmentOverridesTheDefault) {
+   {
+      Testing::TempRoot root;
+      EXPECT_EQ(Region::storeRoot(), root.path());
+      Region::makeDirectories(root.path() + "/a/b/c");
+      struct stat st;
+      EXPECT_EQ(::stat((root.path() + "/a/b/c").c_str(), &st), 0);
+      Region::makeDirectories(root.path() + "/a/b/c");  // exists: fine
+   }
+   const char* old = std::getenv("TUNNEL_SHMEM_ROOT");
+   if (!old) {
+      EXPECT_EQ(Region::storeRoot(), "/var/shmem");
+   }
+}
+
+}  // namespace

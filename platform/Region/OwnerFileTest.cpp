@@ -1,0 +1,97 @@
+// One writer per table: the owner file's lock, its text, and take-over after a crash.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "Region/Error.h"
+#include "Region/OwnerFile.h"
+#include "testing/TempRoot.h"
+
+namespace {
+
+TEST(OwnerFile, TextNamesThisProcessAndParsesBack) {
+   Testing::TempRoot root;
+   auto owner = Region::OwnerFile::acquire(root.path());
+   EXPECT_TRUE(owner.held());
+   EXPECT_EQ(owner.owner(), ::getpid());
+   const std::string text = Region::OwnerFile::read(root.path());
+   EXPECT_EQ(text, owner.text());
+   EXPECT_EQ(text.rfind("pid:" + std::to_string(::getpid()) + " host:", 0), 0u) << text;
+   Region::OwnerText parsed;
+   ASSERT_TRUE(Region::OwnerText::parse(text, parsed));
+   EXPECT_EQ(parsed.pid, ::getpid());
+   EXPECT_GT(parsed.start, 0u);
+   EXPECT_EQ(parsed.text(), text);
+
+   for (const char* bad :
+        {"", "pid:1", "pid:x host:h start:1", "pid:1 host: start:1", "pid:1 host:h start:1 more",
+         "host:h pid:1 start:1", "pid:-3 host:h start:1", "pid:1 host:h start:1x"}) {
+      EXPECT_FALSE(Region::OwnerText::parse(bad, parsed)) << bad;
+   }
+}
+
+TEST(OwnerFile, SecondWriterIsRefusedWithTheTableAndPid) {
+   Testing::TempRoot root;
+   auto first = Region::OwnerFile::acquire(root.path());
+   try {
+      Region::OwnerFile::acquire(root.path());
+      FAIL() << "second writer accepted";
+   } catch (const Region::OwnerError& e) {
+      const std::string what = e.what();
+      EXPECT_EQ(what, "table " + root.path() + " already has a live writer (pid " +
+                          std::to_string(::getpid()) + "); owner file says \"" + first.text() +
+                          "\"");
+   }
+   first.release();
+   EXPECT_FALSE(first.held());
+   auto second = Region::OwnerFile::acquire(root.path());
+   EXPECT_TRUE(second.held());
+}
+
+TEST(OwnerFile, ProcessesContendAndACrashedOwnerIsTakenOver) {
+   Testing::TempRoot root;
+   int ready[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   pid_t holder = Testing::forkChild([&] {
+      auto owner = Region::OwnerFile::acquire(root.path());
+      char c = 'r';
+      if (::write(ready[1], &c, 1) != 1) return 2;
+      ::pause();  // until killed
+      return 0;
+   });
+   char c = 0;
+   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+   ::close(ready[0]);
+   ::close(ready[1]);
+
+   // Refused while the holder lives, in another process as well as in this one.
+   pid_t contender = Testing::forkChild([&] {
+      try {
+         Region::OwnerFile::acquire(root.path());
+         return 1;
+      } catch (const Region::OwnerError& e) {
+         const std::string want = "(pid " + std::to_string(holder) + ")";
+         return std::string(e.what()).find(want) != std::string::npos ? 0 : 3;
+      }
+   });
+   EXPECT_EQ(Testing::waitChild(contender), 0);
+   EXPECT_THROW(Region::OwnerFile::acquire(root.path()), Region::OwnerError);
+
+   ASSERT_EQ(::kill(holder, SIGKILL), 0);
+   EXPECT_EQ(Testing::waitChild(holder), 128 + SIGKILL);
+   // The kernel released the dead holder's lock: the file is taken over and rewritten.
+   auto taker = Region::OwnerFile::acquire(root.path());
+   EXPECT_EQ(taker.owner(), ::getpid());
+   EXPECT_EQ(Region::OwnerFile::read(root.path()), taker.text());
+}
+
+TEST(OwnerFile, MissingDirectoryIsAnError) {
+   Testing::TempRoot root;
+   EXPECT_THROW(Region::OwnerFile::acquire(root.path() + "/nope"), Region::Error);
+   EXPECT_EQ(Region::OwnerFile::read(root.path() + "/nope"), "");
+}
+
+}  // namespace
