@@ -313,6 +313,10 @@ class DockWriter {
       auto* h = table_.header();
       Slot& slot = table_.slot(s);
       const uint32_t flags = slot.flags.load(std::memory_order_relaxed);
+      // Release fence: every store below (the new entry's payload, which may reuse an entry a
+      // reader is still copying, and the slot's words) is ordered after every earlier flags
+      // store; pairs with the reader's acquire fence before its flags re-check.
+      std::atomic_thread_fence(std::memory_order_release);
       Tessel::SlabValue nv;
       try {
          nv = dynamic_->setValue(s, value);
@@ -617,6 +621,8 @@ class DockWriter {
       SPOOR_TRACE(writerTrace(), 9, "moving fromSlot:{} toSlot:{}", from, to);
       Slot& fs = table_.slot(from);
       Slot& ts = table_.slot(to);
+      // Release fence: as in directCommit, the stores below follow every earlier flags store.
+      std::atomic_thread_fence(std::memory_order_release);
       const V value = dynamic_->getValue(offsetOf(from));
       const Tessel::SlabValue nv = dynamic_->setValue(to, value);
       ts.offset.store(nv.offset.value, std::memory_order_relaxed);

@@ -1,0 +1,79 @@
+// A value type for the store's writer tests: a 64-bit key and 1 to 600 "vias" of 76 bytes, with
+// its own checksum, so that any torn or foreign copy a reader makes is detected by deserialize().
+//
+//   struct Bytes { uint64_t key; uint32_t version; uint32_t count; uint8_t vias[count][76];
+//                  uint32_t check; }   // check: one-at-a-time over everything before it
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Vela/Exception.h"
+#include "Vela/Hash.h"
+
+namespace DockTest {
+
+constexpr uint32_t kViaSize = 76;
+constexpr uint32_t kMaxVias = 600;
+// Largest serialized value plus the slab entry overhead fits this size-class bound.
+constexpr uint32_t kMaxValueSize = 46168;
+
+struct Value {
+   uint64_t key = 0;
+   uint32_t version = 0;  // which write of the key this is
+   uint32_t count = 0;    // vias
+
+   Value() = default;
+   Value(uint64_t k, uint32_t v, uint32_t n) : key(k), version(v), count(n) {}
+
+   // Via bytes are a function of (key, version, index), so a reader can recompute them.
+   static uint8_t viaByte(uint64_t key, uint32_t version, uint32_t i) {
+      return uint8_t((key * 131 + version * 7 + i * 13) >> 1);
+   }
+   uint32_t serializeLen() const { return 8 + 4 + 4 + count * kViaSize + 4; }
+   void serialize(void* buffer) const {
+      auto* b = static_cast<uint8_t*>(buffer);
+      std::memcpy(b, &key, 8);
+      std::memcpy(b + 8, &version, 4);
+      std::memcpy(b + 12, &count, 4);
+      for (uint32_t i = 0; i < count * kViaSize; ++i) b[16 + i] = viaByte(key, version, i);
+      const uint32_t check = Vela::oneAtATime(b, 16 + count * kViaSize);
+      std::memcpy(b + 16 + count * kViaSize, &check, 4);
+   }
+   static uint32_t deserializeLen(const void* buffer, uint32_t available) noexcept {
+      if (available < 16) return 0;
+      uint32_t n;
+      std::memcpy(&n, static_cast<const uint8_t*>(buffer) + 12, 4);
+      const uint64_t len = 20ull + uint64_t(n) * kViaSize;
+      return len <= available ? uint32_t(len) : 0;
+   }
+   void deserialize(const void* buffer, uint32_t length) {
+      const auto* b = static_cast<const uint8_t*>(buffer);
+      if (length < 20) throw Vela::Exception("value too short");
+      uint32_t n;
+      std::memcpy(&n, b + 12, 4);
+      if (n > kMaxVias || length != 20 + n * kViaSize) {
+         throw Vela::Exception("value length does not match its via count");
+      }
+      uint32_t check;
+      std::memcpy(&check, b + 16 + n * kViaSize, 4);
+      if (check != Vela::oneAtATime(b, 16 + n * kViaSize)) {
+         throw Vela::Exception("value checksum mismatch");
+      }
+      std::memcpy(&key, b, 8);
+      std::memcpy(&version, b + 8, 4);
+      count = n;
+      for (uint32_t i = 0; i < n * kViaSize; ++i) {
+         if (b[16 + i] != viaByte(key, version, i)) throw Vela::Exception("via bytes mismatch");
+      }
+   }
+   bool operator==(const Value&) const = default;
+};
+
+struct KeyOf {
+   uint64_t operator()(const Value& v) const { return v.key; }
+};
+
+}  // namespace DockTest
