@@ -11,6 +11,7 @@
 #include "TunnelTable/EntryCodec.h"
 #include "TunnelTable/EntryValueTypes.h"
 #include "TunnelTable/TunnelId.h"
+#include "TunnelTable/TunnelInfo.h"
 #include "TunnelTable/TunnelValueTypes.h"
 #include "TunnelTable/Via.h"
 #include "Vela/FixedArray.h"
@@ -209,6 +210,22 @@ struct FieldTraits<MplsCosVia> {
    static MplsCosVia parse(std::string_view raw) { return fromText<MplsCosVia>(raw); }
    static Vela::String dumpText(const MplsCosVia& v) { return v.stringValue(); }
 };
+
+// The interface tunnel parameters: fixed blocks with a Value(...) text form.
+template <typename Info>
+struct InfoTraits : BlockTraits<Info> {
+   static Vela::String text(const Info& v) { return valueToStrep(v); }
+   static Info parse(std::string_view raw) { return fromText<Info>(raw); }
+   static Vela::String dumpText(const Info& v) { return text(v); }
+};
+template <>
+struct FieldTraits<GreTunnelInfo> : InfoTraits<GreTunnelInfo> {};
+template <>
+struct FieldTraits<IpsecGreTunnelInfo> : InfoTraits<IpsecGreTunnelInfo> {};
+template <>
+struct FieldTraits<IpsecVtiTunnelInfo> : InfoTraits<IpsecVtiTunnelInfo> {};
+template <>
+struct FieldTraits<VxlanTunnelInfo> : InfoTraits<VxlanTunnelInfo> {};
 
 // ---- collections ----
 

@@ -233,6 +233,24 @@ typename Array::const_iterator delAt(Array& a, typename Array::const_iterator it
       os << out;                                                                     \
    }
 
+// The class constants of an entry kind: its qualified type name, bare class name and record kind.
+#define TUNNEL_ENTRY_KIND(Class, kindCode)                                  \
+   static constexpr const char* kTypeName = "Tunnel::TunnelTable::" #Class; \
+   static constexpr const char* kClassName = #Class;                        \
+   static constexpr EntryKind kKind = EntryKind::kindCode;
+
+// A kind that adds no field to its base: its own name, record kind, text constructor and
+// operations, and the base's constructors.
+#define TUNNEL_ENTRY_SUBKIND(Class, Base, kindCode)                                \
+   class Class : public Base {                                                     \
+     public:                                                                       \
+      TUNNEL_ENTRY_KIND(Class, kindCode)                                           \
+      Class() = default;                                                           \
+      using Base::Base;                                                            \
+      Class(Vela::String::const_iterator begin, Vela::String::const_iterator end); \
+      TUNNEL_ENTRY_OPERATIONS(Class)                                               \
+   };
+
 // A plain field: accessor under the field's name and setter <name>Is.
 #define TUNNEL_ENTRY_FIELD(Type, name) \
    const Type& name() const noexcept { \
