@@ -69,7 +69,10 @@ bool HeraldReader::attach(const std::string& dir, uint32_t relume, std::string& 
       return false;
    }
    stop_.store(false, std::memory_order_relaxed);
-   waiter_ = std::thread([this] { waiterLoop(); });
+   // The wake count is sampled here, not in the thread: a wake that lands between attach() and
+   // the thread's first wait must still be forwarded.
+   const uint32_t seen = header_->wakeWord.load(std::memory_order_acquire);
+   waiter_ = std::thread([this, seen] { waiterLoop(seen); });
    return true;
 }
 
@@ -97,8 +100,7 @@ void HeraldReader::stopWaiter() {
    waiter_.join();
 }
 
-void HeraldReader::waiterLoop() {
-   uint32_t seen = header_->wakeWord.load(std::memory_order_acquire);
+void HeraldReader::waiterLoop(uint32_t seen) {
    while (!stop_.load(std::memory_order_acquire)) {
       Herald::futexWait(header_->wakeWord, seen);
       const uint32_t now = header_->wakeWord.load(std::memory_order_acquire);

@@ -99,7 +99,7 @@ class HeraldReader {
    void drainWake();
 
   private:
-   void waiterLoop();
+   void waiterLoop(uint32_t seen);
    void stopWaiter();
 
    std::unique_ptr<Region::MappedFile> file_;
