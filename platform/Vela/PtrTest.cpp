@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -97,26 +98,36 @@ TEST_F(PtrTest, UnrefWithoutReferenceIsAnAssertion) {
 
 // With the switch on, references taken and dropped from many threads at once are never lost:
 // the count returns exactly to its start and the object dies once, when the last holder lets go.
+// The threads run for a fixed span rather than a fixed count so that on a loaded machine they
+// still overlap on the cores long enough for a non-atomic count to lose updates.
 TEST_F(PtrTest, ThreadSafeCountsSurviveConcurrentCopies) {
    Vela::threadSafePtrIs(true);
    ASSERT_TRUE(Vela::threadSafePtr());
    constexpr int kThreads = 4;
-   constexpr int kRounds = 200000;
    Vela::Ptr<Node> shared = Vela::makePtr<Node>(7);
    std::atomic<bool> go{false};
+   std::atomic<bool> stop{false};
+   std::atomic<uint64_t> rounds{0};
    std::vector<std::thread> threads;
    for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&] {
          while (!go.load(std::memory_order_acquire)) std::this_thread::yield();
-         for (int i = 0; i < kRounds; ++i) {
-            Vela::Ptr<Node> copy = shared;
-            Vela::Ptr<Node> again = copy;
-            ASSERT_EQ(again->value, 7);
+         uint64_t mine = 0;
+         while (!stop.load(std::memory_order_relaxed)) {
+            for (int i = 0; i < 1000; ++i, ++mine) {
+               Vela::Ptr<Node> copy = shared;
+               Vela::Ptr<Node> again = copy;
+               ASSERT_EQ(again->value, 7);
+            }
          }
+         rounds.fetch_add(mine, std::memory_order_relaxed);
       });
    }
    go.store(true, std::memory_order_release);
+   std::this_thread::sleep_for(std::chrono::milliseconds(400));
+   stop.store(true, std::memory_order_relaxed);
    for (auto& t : threads) t.join();
+   EXPECT_GT(rounds.load(), 0u);
    EXPECT_EQ(shared->references(), 1u);
    shared = nullptr;
    EXPECT_EQ(destroyed.load(), 1);
