@@ -229,7 +229,7 @@ class DockShadow {
             if (current().onSyncComplete) current().onSyncComplete();
          }
       }
-      processQueue(false);
+      processQueue(false, false);
       const bool q = quiesced();
       handleQuiesced(q);
    }
@@ -339,8 +339,8 @@ class DockShadow {
    }
 
    // Works through the queue (the eventfd handler calls this). `yield`: stop after yieldTime and
-   // continue in a posted task.
-   void processQueue(bool yield = true) {
+   // continue in a posted task. `report`: report reaching quiesced (syncComplete reports itself).
+   void processQueue(bool yield = true, bool report = true) {
       if (!header_) return;
       if (herald_.relume() != relume_) {
          handleDisconnect();
@@ -382,7 +382,7 @@ class DockShadow {
             return;
          }
       }
-      if (synced_ && !reportedQuiesced_ && quiesced()) handleQuiesced(true);
+      if (report && synced_ && !reportedQuiesced_ && quiesced()) handleQuiesced(true);
    }
 
   private:
