@@ -20,18 +20,18 @@ namespace Vela {
 
 }  // namespace Vela
 
-#define VELA_ASSERT(cond)                                                     \
-   do {                                                                       \
-      if (!(cond)) [[unlikely]] {                                             \
-         ::Vela::assertionFailed(#cond, __FILE__, __LINE__);                  \
-      }                                                                       \
+#define VELA_ASSERT(cond)                                    \
+   do {                                                      \
+      if (!(cond)) [[unlikely]] {                            \
+         ::Vela::assertionFailed(#cond, __FILE__, __LINE__); \
+      }                                                      \
    } while (0)
 
-#define VELA_ASSERT_AT(cond, file, line)                                      \
-   do {                                                                       \
-      if (!(cond)) [[unlikely]] {                                             \
-         ::Vela::assertionFailed(#cond, file, line);                          \
-      }                                                                       \
+#define VELA_ASSERT_AT(cond, file, line)             \
+   do {                                              \
+      if (!(cond)) [[unlikely]] {                    \
+         ::Vela::assertionFailed(#cond, file, line); \
+      }                                              \
    } while (0)
 
 #define VELA_FAIL(...) ::Vela::assertionFailed(fmt::format(__VA_ARGS__), __FILE__, __LINE__)

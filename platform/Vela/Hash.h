@@ -2,8 +2,8 @@
 //
 // oneAtATime is bit-exact with the published algorithm: per byte h += b; h += h << 10; h ^= h >> 6;
 // then h += h << 3; h ^= h >> 11; h += h << 15, in unsigned 32-bit arithmetic. Integers are fed
-// least significant byte first, whatever the host order, so shared-memory tables and in-process maps
-// agree across processes.
+// least significant byte first, whatever the host order, so shared-memory tables and in-process
+// maps agree across processes.
 #pragma once
 
 #include <concepts>
@@ -42,7 +42,7 @@ constexpr uint32_t oneAtATimeOf(T value, uint32_t seed = 0) noexcept {
 // Incremental form: feed bytes and integers in any number of steps, then finish once.
 // HashMixer().add(a).add(b).finish() equals oneAtATime over the bytes of a then b.
 class HashMixer {
- public:
+  public:
    explicit constexpr HashMixer(uint32_t seed = 0) noexcept : h_(seed) {}
    HashMixer& addBytes(const void* data, size_t len) noexcept;
    template <std::unsigned_integral T>
@@ -54,7 +54,7 @@ class HashMixer {
    }
    constexpr uint32_t finish() const noexcept { return oneAtATimeFinish(h_); }
 
- private:
+  private:
    uint32_t h_;
 };
 

@@ -157,9 +157,9 @@ TEST(ValueText, ErrorsNameTheAttributeBeingRead) {
    EXPECT_EQ(
        err("Value('T', ** {'up': true})", "T", [](const ValueTextParser& p) { p.readBool("up"); }),
        "cannot read attribute 'up' of T: expected True or False, got \"true\"");
-   EXPECT_EQ(
-       err("Value('T', ** {'s': 'a'b'c'})", "T", [](const ValueTextParser& p) { p.readString("s"); }),
-       "cannot read attribute 's' of T: expected a quoted string, got \"'a'b'c'\"");
+   EXPECT_EQ(err("Value('T', ** {'s': 'a'b'c'})", "T",
+                 [](const ValueTextParser& p) { p.readString("s"); }),
+             "cannot read attribute 's' of T: expected a quoted string, got \"'a'b'c'\"");
    EXPECT_EQ(
        err("Value('T', ** {'f': 1.5x})", "T", [](const ValueTextParser& p) { p.readFloat("f"); }),
        "cannot read attribute 'f' of T: expected a floating point number, got \"1.5x\"");
