@@ -2,7 +2,8 @@
 // addresses and prefixes, label operations, metric types, vias and their collections. See
 // EntryCodec.h for what a FieldTraits specialization provides.
 //
-// Text forms are the types' own valueToStrep; arrays render through Vela::renderArray over their
+// Text forms are the types' own valueToStrep (network values quoted, as the vias print them);
+// arrays render through Vela::renderArray over their
 // live places. A type read from text goes through its own text constructor or parser.
 #pragma once
 
@@ -24,6 +25,12 @@ namespace Tunnel::TunnelTable::Codec {
 
 inline uint32_t clampU32(size_t n) noexcept {
    return n > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(n);
+}
+
+// Network values appear in text forms as quoted strings of their own text ('10.0.0.0/8').
+template <typename T>
+Vela::String quoted(const T& v) {
+   return Vela::renderString(Wirekit::valueToStrep(v));
 }
 
 // Runs a type's iterator-pair text constructor over a raw attribute text.
@@ -118,22 +125,25 @@ struct FieldTraits<Wirekit::MetricType> {
 
 template <>
 struct FieldTraits<Wirekit::IpGenAddr> : BlockTraits<Wirekit::IpGenAddr> {
-   static Vela::String text(const Wirekit::IpGenAddr& v) { return Wirekit::valueToStrep(v); }
-   static Wirekit::IpGenAddr parse(std::string_view raw) { return Wirekit::IpGenAddr(raw); }
-   static Vela::String dumpText(const Wirekit::IpGenAddr& v) { return text(v); }
+   static Vela::String text(const Wirekit::IpGenAddr& v) { return quoted(v); }
+   static Wirekit::IpGenAddr parse(std::string_view raw) {
+      return Wirekit::IpGenAddr(Vela::parseString(raw));
+   }
+   static Vela::String dumpText(const Wirekit::IpGenAddr& v) { return Wirekit::valueToStrep(v); }
 };
 
 template <>
 struct FieldTraits<Wirekit::IpGenPrefix> : BlockTraits<Wirekit::IpGenPrefix> {
-   static Vela::String text(const Wirekit::IpGenPrefix& v) { return Wirekit::valueToStrep(v); }
+   static Vela::String text(const Wirekit::IpGenPrefix& v) { return quoted(v); }
    // A prefix text with host bits set would read back as a different (masked) prefix; refuse it
    // so that text and value convert one to one.
    static Wirekit::IpGenPrefix parse(std::string_view raw) {
-      Wirekit::IpGenPrefix p(raw);
-      if (Wirekit::valueToStrep(p) != raw) Vela::throwBadValue("a canonical prefix", raw);
+      const Vela::String text = Vela::parseString(raw);
+      Wirekit::IpGenPrefix p(text);
+      if (Wirekit::valueToStrep(p) != text) Vela::throwBadValue("a canonical prefix", raw);
       return p;
    }
-   static Vela::String dumpText(const Wirekit::IpGenPrefix& v) { return text(v); }
+   static Vela::String dumpText(const Wirekit::IpGenPrefix& v) { return Wirekit::valueToStrep(v); }
 };
 
 // The name's characters: one byte each; in text a one-character quoted string.
@@ -173,9 +183,9 @@ struct FieldTraits<Wirekit::UnboundedMplsLabelOperation> {
       if (std::memcmp(again.data(), in, n) != 0) throwNonCanonical(at, n);
       v = std::move(built);
    }
-   static Vela::String text(const T& v) { return Wirekit::valueToStrep(v); }
-   static T parse(std::string_view raw) { return T(raw); }
-   static Vela::String dumpText(const T& v) { return text(v); }
+   static Vela::String text(const T& v) { return quoted(v); }
+   static T parse(std::string_view raw) { return T(Vela::parseString(raw)); }
+   static Vela::String dumpText(const T& v) { return Wirekit::valueToStrep(v); }
    [[noreturn]] static void throwTruncated(const ByteReader& r);
 };
 

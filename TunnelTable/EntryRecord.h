@@ -140,7 +140,8 @@ template <typename Traits, typename T>
 void dumpField(Vela::String& out, int indent, std::string_view name, const T& v) {
    if constexpr (requires { typename Traits::Element; }) {
       // A collection: a header line, then one line per live place, nested.
-      dumpLine(out, indent, name, fmt::format("({} places)", v.count()));
+      if (indent > 0) out.append(static_cast<size_t>(indent), ' ');
+      out += fmt::format("{} (size {}):\n", name, v.count());
       for (const auto& e : v) {
          if (indent + 2 > 0) out.append(static_cast<size_t>(indent + 2), ' ');
          out += Traits::Element::dumpText(e);
