@@ -1,0 +1,352 @@
+// The mount service against a small real mountable: it owns a directory per collection under
+// the store root, takes the owner file there as writer and reads what the writer wrote as reader.
+// Cross-process cases fork real processes.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "Loom/EventLoop.h"
+#include "Region/Error.h"
+#include "Region/OwnerFile.h"
+#include "Region/StoreRoot.h"
+#include "Vault/MountError.h"
+#include "Vault/MountService.h"
+#include "Vela/TypeRegistry.h"
+#include "testing/TempRoot.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class FileTable : public Vela::Entity, public Vault::Mountable {
+  public:
+   explicit FileTable(Vela::String name) : Vela::Entity(std::move(name)) {
+      zeroReferencesNotifieeIs(&handBack_);
+      handBack_.table = this;
+   }
+   std::string_view fwkTypeName() const override { return "Test::FileTable"; }
+
+   void controlIs(const Vela::String& collection,
+                  const Vela::Ptr<VelaDock::CollectionControl>& control) override {
+      EXPECT_FALSE(attached_) << "controls come before handleParent";
+      controls_[collection] = control;
+   }
+   void handleParent(const Vela::Ptr<Vela::Entity>& parent) override {
+      ++handleParentCalls_;
+      parent_ = parent.get();
+      for (auto& [name, control] : controls_) {
+         const std::string dir = control->storeDirectory();
+         if (control->mode().isWriter()) {
+            Region::makeDirectories(dir);
+            owners_.push_back(Region::OwnerFile::acquire(dir));
+            std::ofstream(dir + "/data") << "sizing " << control->sizing();
+            control->mountStatusIs(1);
+         } else {
+            std::ifstream in(dir + "/data");
+            std::getline(in, seen_[name]);
+            control->mountStatusIs(2);
+         }
+         control->quiescedIs(true);
+      }
+      attached_ = true;
+   }
+   void unmountIs() override {
+      owners_.clear();
+      attached_ = false;
+      ++unmounts_;
+   }
+
+   std::map<Vela::String, Vela::Ptr<VelaDock::CollectionControl>> controls_;
+   std::map<Vela::String, std::string> seen_;
+   Vela::Entity* parent_ = nullptr;
+   int handleParentCalls_ = 0;
+   int unmounts_ = 0;
+   bool attached_ = false;
+
+  private:
+   struct HandBack : Vela::Entity::ZeroReferencesNotifiee {
+      FileTable* table;
+      void onZeroReferences(Vela::Entity* e) override {
+         for (auto& [name, control] : table->controls_) control->entityRefIs(e);
+         table->controls_.clear();
+      }
+   } handBack_;
+   std::vector<Region::OwnerFile> owners_;
+};
+
+class TwoCollectionTable : public FileTable {
+  public:
+   using FileTable::FileTable;
+   std::vector<Vela::String> mountCollections() const override { return {"entry", "status"}; }
+};
+
+class RefusingTable : public FileTable {
+  public:
+   using FileTable::FileTable;
+   void handleParent(const Vela::Ptr<Vela::Entity>&) override {
+      throw Region::Error("store refused");
+   }
+};
+
+class PlainEntity : public Vela::Entity {
+  public:
+   using Vela::Entity::Entity;
+};
+
+struct Registration {
+   Registration() {
+      auto& r = Vela::TypeRegistry::instance();
+      r.typeIs("Test::FileTable",
+               [](const Vela::String& n) { return Vela::makePtr<FileTable>(n); });
+      r.typeIs("Test::TwoCollectionTable",
+               [](const Vela::String& n) { return Vela::makePtr<TwoCollectionTable>(n); });
+      r.typeIs("Test::RefusingTable",
+               [](const Vela::String& n) { return Vela::makePtr<RefusingTable>(n); });
+      r.typeIs("Test::Plain", [](const Vela::String& n) { return Vela::makePtr<PlainEntity>(n); });
+   }
+} registration;
+
+VelaDock::MountInfo entryInfo(uint32_t sizing = 1024) {
+   VelaDock::MountInfo info;
+   info.collectionIs("entry", sizing);
+   return info;
+}
+
+FileTable* asTable(const Vela::Ptr<Vela::Entity>& e) {
+   return dynamic_cast<FileTable*>(e.get());
+}
+
+template <class F>
+std::string errorOf(F&& f) {
+   try {
+      f();
+   } catch (const std::exception& e) {
+      return e.what();
+   }
+   return "(no exception)";
+}
+
+TEST(MountService, WriterMountBuildsThroughRegistryHandsControlsAndAttachesUnderGroup) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   auto e =
+       service->mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   FileTable* t = asTable(e);
+   ASSERT_NE(t, nullptr);
+   EXPECT_EQ(e->name(), "ldp");
+   EXPECT_EQ(t->handleParentCalls_, 1);
+   EXPECT_EQ(t->parent_, service->mountGroup().get());
+   EXPECT_EQ(service->mountGroup()->child("tunnel/table/ldp"), e);
+   EXPECT_EQ(service->database()->entity("tunnel/table/ldp"), e);
+   EXPECT_TRUE(service->mounted("tunnel/table/ldp"));
+   EXPECT_EQ(service->modeOf("tunnel/table/ldp"), VelaDock::writer());
+
+   ASSERT_EQ(t->controls_.size(), 1u);
+   auto control = service->control("tunnel/table/ldp", "entry");
+   ASSERT_TRUE(control);
+   EXPECT_EQ(t->controls_["entry"], control);
+   EXPECT_EQ(control->mode(), VelaDock::writer());
+   EXPECT_EQ(control->storeRoot(), root.path());
+   EXPECT_EQ(control->mountPath(), "tunnel/table/ldp");
+   EXPECT_EQ(control->collectionName(), "entry");
+   EXPECT_EQ(control->sizing(), 1024u);
+   EXPECT_EQ(control->eventLoop(), &loop);
+   EXPECT_EQ(control->mountStatus(), 1);
+   EXPECT_TRUE(control->quiesced());
+   EXPECT_TRUE(fs::exists(root.path() + "/tunnel/table/ldp/entry/owner"));
+
+   // Mounting again in this process gives the same entity, attached once.
+   auto again =
+       service->mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   EXPECT_EQ(again, e);
+   EXPECT_EQ(t->handleParentCalls_, 1);
+   EXPECT_EQ(service->mountCount(), 1u);
+
+   EXPECT_EQ(errorOf([&] {
+                service->mount("tunnel/table/ldp", "Test::FileTable", VelaDock::keyshadow(), {},
+                               loop);
+             }),
+             "cannot mount 'tunnel/table/ldp' as keyshadow: already mounted as writer");
+   EXPECT_EQ(errorOf([&] {
+                service->mount("tunnel/table/ldp", "Test::TwoCollectionTable", VelaDock::writer(),
+                               entryInfo(), loop);
+             }),
+             "cannot mount 'tunnel/table/ldp' with type 'Test::TwoCollectionTable': already "
+             "mounted with type 'Test::FileTable'");
+}
+
+TEST(MountService, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vault::MountService service;
+   auto mountAs = [&](const char* path, const char* type, VelaDock::Mode mode,
+                      const VelaDock::MountInfo& info) {
+      return errorOf([&] { service.mount(path, type, mode, info, loop); });
+   };
+   EXPECT_EQ(mountAs("tunnel/table/x", "No::Such", VelaDock::writer(), entryInfo()),
+             "cannot mount 'tunnel/table/x': unknown type 'No::Such'");
+   EXPECT_EQ(mountAs("tunnel/table/x", "Test::Plain", VelaDock::writer(), entryInfo()),
+             "cannot mount 'tunnel/table/x': type 'Test::Plain' is not mountable");
+   EXPECT_EQ(mountAs("tunnel/table/x", "Test::FileTable", VelaDock::writer(), {}),
+             "cannot mount 'tunnel/table/x' as writer: the mount describes no collection");
+   for (const char* bad : {"", "/tunnel", "tunnel/", "a//b", "a/./b", "a/../b", "..", "."}) {
+      EXPECT_EQ(mountAs(bad, "Test::FileTable", VelaDock::writer(), entryInfo()),
+                "invalid mount path '" + std::string(bad) + "'");
+   }
+   EXPECT_EQ(mountAs("tunnel/table/x", "Test::RefusingTable", VelaDock::writer(), entryInfo()),
+             "store refused");
+   EXPECT_EQ(service.mountCount(), 0u);
+   EXPECT_EQ(service.mountGroup()->childCount(), 0u);
+   EXPECT_EQ(service.database()->entityCount(), 0u);
+
+   // A configuration entity at a path is not a mount.
+   service.database()->entityIs("config/decap", Vela::makePtr<PlainEntity>("decap"));
+   EXPECT_THROW(
+       service.mount("config/decap", "Test::FileTable", VelaDock::writer(), entryInfo(), loop),
+       Vela::RecreationException);
+   EXPECT_FALSE(service.unmount("config/decap"));
+   EXPECT_TRUE(service.database()->entity("config/decap"));
+}
+
+TEST(MountService, ReaderMountServesTheEntityCollectionsOrTheDescribedOnes) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vault::MountService writer;
+   VelaDock::MountInfo two;
+   two.collectionIs("entry", 1024);
+   two.collectionIs("status", 16);
+   writer.mount("tunnel/table/a", "Test::TwoCollectionTable", VelaDock::writer(), two, loop);
+
+   Vault::MountService readers;
+   auto e =
+       readers.mount("tunnel/table/a", "Test::TwoCollectionTable", VelaDock::keyshadow(), {}, loop);
+   auto* t = asTable(e);
+   ASSERT_EQ(t->controls_.size(), 2u);
+   EXPECT_EQ(t->controls_["status"]->sizing(), 0u);
+   EXPECT_EQ(t->controls_["status"]->mode(), VelaDock::keyshadow());
+   EXPECT_EQ(t->seen_["entry"], "sizing 1024");
+   EXPECT_EQ(t->seen_["status"], "sizing 16");
+   EXPECT_EQ(t->controls_["entry"]->mountStatus(), 2);
+
+   VelaDock::MountInfo one;
+   one.collectionIs("status", 5);
+   auto r =
+       readers.mount("tunnel/table/a2", "Test::TwoCollectionTable", VelaDock::reader(), one, loop);
+   ASSERT_EQ(asTable(r)->controls_.size(), 1u);
+   EXPECT_EQ(asTable(r)->controls_["status"]->sizing(), 5u);
+}
+
+TEST(MountService, UnmountReleasesTheOwnerFileToAnotherProcessAndHandsTheEntityBack) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vault::MountService service;
+   auto e =
+       service.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   auto control = service.control("tunnel/table/ldp", "entry");
+
+   // Exit codes: 0 mounted, 1 refused as second writer, 2 anything else.
+   auto otherWriter = [] {
+      return Testing::forkChild([] {
+         Loom::EventLoop childLoop;
+         Vault::MountService child;
+         try {
+            child.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(7),
+                        childLoop);
+         } catch (const Region::OwnerError&) {
+            return 1;
+         } catch (...) {
+            return 2;
+         }
+         return 0;
+      });
+   };
+   EXPECT_EQ(Testing::waitChild(otherWriter()), 1);
+
+   EXPECT_TRUE(service.unmount("tunnel/table/ldp"));
+   EXPECT_FALSE(service.unmount("tunnel/table/ldp"));
+   EXPECT_FALSE(service.mounted("tunnel/table/ldp"));
+   EXPECT_FALSE(service.database()->entity("tunnel/table/ldp"));
+   EXPECT_EQ(service.mountGroup()->childCount(), 0u);
+   EXPECT_EQ(asTable(e)->unmounts_, 1);
+   EXPECT_EQ(Testing::waitChild(otherWriter()), 0);
+
+   // The user's reference kept the detached entity alive; its last reference hands it back.
+   EXPECT_FALSE(control->entityReleased());
+   e = nullptr;
+   EXPECT_TRUE(control->entityReleased());
+   EXPECT_EQ(control->releasedEntityName(), "ldp");
+
+   // A new mount after the unmount builds a new entity.
+   auto fresh =
+       service.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   EXPECT_EQ(asTable(fresh)->handleParentCalls_, 1);
+   EXPECT_NE(service.control("tunnel/table/ldp", "entry"), control);
+}
+
+TEST(MountService, CleanupRemovesTheFilesAndParentsItEmptied) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vault::MountService service;
+   service.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   service.mount("tunnel/table/sr", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   const std::string table = root.path() + "/tunnel/table";
+
+   EXPECT_TRUE(service.cleanup("tunnel/table/ldp"));
+   EXPECT_FALSE(service.mounted("tunnel/table/ldp"));
+   EXPECT_FALSE(fs::exists(table + "/ldp"));
+   EXPECT_TRUE(fs::exists(table + "/sr/entry/data"));
+   EXPECT_FALSE(service.cleanup("tunnel/table/ldp"));  // nothing left
+
+   // Files of a table this process never mounted go too; the store root stays.
+   service.unmount("tunnel/table/sr");
+   EXPECT_TRUE(fs::exists(table + "/sr/entry/owner"));
+   EXPECT_TRUE(service.cleanup("tunnel/table/sr"));
+   EXPECT_FALSE(fs::exists(root.path() + "/tunnel"));
+   EXPECT_TRUE(fs::is_directory(root.path()));
+   EXPECT_THROW(service.cleanup("../etc"), Vault::MountError);
+}
+
+TEST(MountService, DestroyingTheServiceUnmountsEverything) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vela::Ptr<Vela::Entity> a, b;
+   {
+      Vault::MountService service;
+      a = service.mount("t/a", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+      b = service.mount("t/b", "Test::FileTable", VelaDock::keyshadow(), {}, loop);
+   }
+   EXPECT_EQ(asTable(a)->unmounts_, 1);
+   EXPECT_EQ(asTable(b)->unmounts_, 1);
+   // The owner file is free again.
+   EXPECT_NO_THROW(Region::OwnerFile::acquire(root.path() + "/t/a/entry"));
+}
+
+TEST(Database, PathsAndEntities) {
+   for (const char* good : {"a", "tunnel/table/ldp", "a.b/c..d"}) {
+      EXPECT_TRUE(Vault::Database::validPath(good)) << good;
+   }
+   EXPECT_EQ(Vault::Database::leafName("tunnel/table/ldp"), "ldp");
+   EXPECT_EQ(Vault::Database::leafName("ldp"), "ldp");
+
+   Vault::Database db;
+   auto e = Vela::makePtr<PlainEntity>("x");
+   db.entityIs("config/x", e);
+   EXPECT_EQ(db.entity("config/x"), e);
+   EXPECT_FALSE(db.entity("config"));
+   EXPECT_THROW(db.entityIs("config/x", e), Vela::RecreationException);
+   EXPECT_THROW(db.entityIs("config/y", nullptr), Vela::NullArgumentException);
+   EXPECT_THROW(db.entityIs("/config/y", e), Vault::MountError);
+   auto made = db.entityNew("config/f", "Test::FileTable");
+   EXPECT_EQ(made->name(), "f");
+   EXPECT_EQ(errorOf([&] { db.entityNew("config/g", "No::Such"); }), "unknown type 'No::Such'");
+   EXPECT_EQ(db.paths(), (std::vector<Vela::String>{"config/f", "config/x"}));
+   EXPECT_TRUE(db.entityDel("config/x"));
+   EXPECT_FALSE(db.entityDel("config/x"));
+   EXPECT_EQ(e->references(), 1u);
+}
+
+}  // namespace
