@@ -192,6 +192,13 @@ class DockWriter {
 
    // Maps the existing slot table and slabs read-write under the new relume.
    void attach() {
+      // The herald first: its re-stamped relume and wake tell readers of the restart before the
+      // slab headers below change generation under them.
+      try {
+         herald_.attach(dir_, relume_);
+      } catch (const std::exception& e) {
+         SPOOR_TRACE(writerTrace(), 1, "herald not kept: {}", e.what());
+      }
       table_.attach(dir_ + "/" + kSlotsFile);
       if (!table_.attached()) throw Vela::Exception("slot table shorter than its header");
       allocator_ = std::make_unique<Tessel::WriterAllocator>(
@@ -737,11 +744,7 @@ class DockWriter {
       }
       // Re-stamp the generation; readers re-attach when the relume file changes.
       std::atomic_ref<uint32_t>(h->relume).store(relume_, std::memory_order_release);
-      try {
-         herald_.attach(dir_, relume_);
-      } catch (const std::exception&) {
-         herald_.create(dir_, relume_, config_.heraldCapacity);
-      }
+      if (!herald_.attached()) herald_.create(dir_, relume_, config_.heraldCapacity);
       wokenPos_ = herald_.position();
       directSlot_ = kNone;
    }

@@ -1,0 +1,335 @@
+// The writer and key-shadowing readers in separate processes (and, for ThreadSanitizer, threads):
+// random churn of values 1..600 vias long, readers joining midway and paused until lapped, the
+// table growing and shrinking under them, the writer SIGKILLed at random points and restarted.
+//
+// The churn is a pure function of (seed, op index): op i writes or removes one key, and a written
+// value carries i as its version, so any process can replay ops 0..n to know the table's content.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "Loom/EventLoop.h"
+#include "store/DockMap.h"
+#include "store/WriterTestValue.h"
+#include "testing/TempRoot.h"
+
+namespace {
+
+using DockTest::Value;
+using Map = Dock::DockMap<uint64_t, Value, DockTest::KeyOf>;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kTable = "test/table/entry";
+
+Dock::DockConfig config() {
+   Dock::DockConfig c;
+   c.typeName = "DockTest::Value";
+   c.valueSize = sizeof(Value);
+   c.minSlots = 16;
+   c.maxSlots = 1 << 16;
+   c.maxValueSize = DockTest::kMaxValueSize;
+   c.heraldCapacity = 256;  // small: a paused reader gets lapped
+   return c;
+}
+
+uint64_t mix(uint64_t x) {
+   x += 0x9e3779b97f4a7c15ull;
+   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+   x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+   return x ^ (x >> 31);
+}
+
+struct Op {
+   bool remove;
+   Value value;
+};
+
+// Phases of 10000 ops: grow to ~2000 keys; sweep removes over every key (the table shrinks);
+// churn on a small key space.
+Op opAt(uint64_t seed, uint32_t i) {
+   const uint64_t h = mix(seed * 1000003 + i);
+   const uint32_t phase = i % 10000;
+   const uint32_t vias =
+       (h >> 40) % 16 == 0 ? 1 + uint32_t((h >> 8) % 600) : 1 + uint32_t((h >> 8) % 6);
+   if (phase >= 4000 && phase < 6500) {
+      const uint64_t key = 1 + (phase - 4000) % 2000;
+      return Op{(h >> 20) % 20 != 0, Value(key, i, vias)};
+   }
+   const uint64_t key = 1 + (h % (phase >= 6500 ? 300 : 2000));
+   return Op{(h >> 20) % 5 == 0, Value(key, i, vias)};
+}
+
+std::map<uint64_t, Value> replay(uint64_t seed, uint32_t ops) {
+   std::map<uint64_t, Value> m;
+   for (uint32_t i = 0; i < ops; ++i) {
+      Op op = opAt(seed, i);
+      if (op.remove) {
+         m.erase(op.value.key);
+      } else {
+         m[op.value.key] = op.value;
+      }
+   }
+   return m;
+}
+
+void apply(Map& w, const Op& op) {
+   if (op.remove) {
+      w.safeRemove(op.value.key);
+   } else {
+      w.safeWrite(op.value, false);
+   }
+}
+
+// Shared between the test and its children (MAP_SHARED | MAP_ANONYMOUS).
+struct Shared {
+   std::atomic<uint32_t> done{0};       // writer finished, final state flushed
+   std::atomic<uint32_t> committed{0};  // ops completed by the current writer
+   std::atomic<uint32_t> pause{0};      // the paused reader waits while this is 1
+   struct ReaderResult {
+      std::atomic<uint64_t> values{0};
+      std::atomic<uint64_t> lapped{0};
+      std::atomic<uint64_t> reattaches{0};
+      std::atomic<uint32_t> bad{0};
+   } readers[4];
+};
+
+Shared* makeShared() {
+   void* p =
+       mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+   return new (p) Shared();
+}
+
+// A reader: mirrors the table from its notifications, checks every value it is handed, and at the
+// end compares its mirror with the replayed content. Returns 0 when it matches.
+int runReaderBody(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool pauseFirst,
+                  int timeoutSeconds);
+int runReader(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool pauseFirst,
+              int timeoutSeconds = 60) {
+   try {
+      return runReaderBody(shared, id, seed, totalOps, pauseFirst, timeoutSeconds);
+   } catch (const std::exception& e) {
+      fprintf(stderr, "reader %d: %s\n", id, e.what());
+      return 14;
+   }
+}
+int runReaderBody(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool pauseFirst,
+                  int timeoutSeconds) {
+   Loom::EventLoop loop;
+   std::map<uint64_t, Value> mirror;
+   auto& res = shared->readers[id];
+   Region::Notify<uint64_t, Value> n;
+   auto reader = std::make_unique<Map>();
+   n.onValue = [&](const Value& v) {
+      // Deserialization already checked the checksum and the via bytes; the version says which
+      // write it was: it must be a write of this key.
+      const Op op = opAt(seed, v.version);
+      if (op.remove || !(op.value == v)) res.bad.fetch_add(1);
+      res.values.fetch_add(1);
+      mirror[v.key] = v;
+   };
+   n.onKeyRemoved = [&](const uint64_t& k) { mirror.erase(k); };
+   const auto deadline = Clock::now() + std::chrono::seconds(timeoutSeconds);
+   for (;;) {
+      reader->corruptionHookIs([&](const std::string&) { res.bad.fetch_add(1000); });
+      if (reader->initReader(kTable, n, loop)) break;
+      if (Clock::now() > deadline) return 10;
+      reader = std::make_unique<Map>();
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+   }
+   if (pauseFirst) {
+      while (shared->pause.load() == 1 && Clock::now() < deadline) {
+         std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      }
+   }
+   for (;;) {
+      loop.runOnce(std::chrono::milliseconds(5));
+      if (shared->done.load() && reader->quiesced()) {
+         // One more turn to drain anything posted with the last wake.
+         loop.runOnce(std::chrono::milliseconds(20));
+         if (reader->quiesced()) break;
+      }
+      if (Clock::now() > deadline) return 11;
+   }
+   const auto& c = reader->reader()->readerCounters();
+   res.lapped.store(c.lapped);
+   res.reattaches.store(c.reattaches);
+   // totalOps 0: the writer's final op count, known once it is done.
+   if (mirror != replay(seed, totalOps ? totalOps : shared->committed.load())) return 12;
+   return res.bad.load() == 0 ? 0 : 13;
+}
+
+TEST(DockMapProcess, ForkedReadersSeeOnlyWrittenValuesAndEndEqualToTheWriter) {
+   Testing::TempRoot root;
+   Shared* shared = makeShared();
+   const uint64_t seed = 42;
+   const uint32_t total = 14000;
+   shared->pause.store(1);
+   Map writer;
+   writer.initWriter(kTable, config());
+   std::vector<pid_t> readers;
+   readers.push_back(Testing::forkChild([&] { return runReader(shared, 0, seed, total, false); }));
+   readers.push_back(Testing::forkChild([&] { return runReader(shared, 1, seed, total, true); }));
+   uint32_t maxCapacity = 0;
+   for (uint32_t i = 0; i < total; ++i) {
+      apply(writer, opAt(seed, i));
+      if (i % 64 == 63) writer.flush();
+      if (i == total / 3) {
+         // A reader that joins midway.
+         readers.push_back(
+             Testing::forkChild([&] { return runReader(shared, 2, seed, total, false); }));
+      }
+      if (i == total / 2) shared->pause.store(0);  // the paused reader has been lapped by now
+      maxCapacity = std::max(maxCapacity, writer.writer()->capacity());
+   }
+   writer.flush();
+   shared->done.store(1);
+   for (pid_t p : readers) EXPECT_EQ(Testing::waitChild(p), 0);
+   EXPECT_GT(maxCapacity, 1024u);
+   EXPECT_GT(writer.writer()->writerCounters().slotShrinks, 0u);
+   EXPECT_GT(shared->readers[1].lapped.load(), 0u);
+   for (int r = 0; r < 3; ++r) {
+      EXPECT_EQ(shared->readers[r].bad.load(), 0u);
+      EXPECT_GT(shared->readers[r].values.load(), 0u);
+   }
+   // The writer's own view equals the replay too.
+   for (auto& [k, v] : replay(seed, total)) ASSERT_EQ(*writer.lookup(k), v);
+   EXPECT_EQ(writer.members(), replay(seed, total).size());
+}
+
+TEST(DockMapProcess, ReaderMapsTheFilesReadOnlyAndASecondWriterIsRefused) {
+   Testing::TempRoot root;
+   Map writer;
+   writer.initWriter(kTable, config());
+   for (uint64_t k = 1; k <= 50; ++k) writer.safeWrite(Value(k, 1, 3));
+   const std::string dir = writer.writer()->directory();
+   const pid_t reader = Testing::forkChild([&] {
+      // The writer's mappings came along with the fork: look only at the reader's own.
+      auto mappings = [&] {
+         std::set<std::string> lines;
+         std::ifstream maps("/proc/self/maps");
+         for (std::string line; std::getline(maps, line);) {
+            if (line.find(dir) != std::string::npos) lines.insert(line);
+         }
+         return lines;
+      };
+      const auto inherited = mappings();
+      Loom::EventLoop loop;
+      Map r;
+      if (!r.initReader(kTable, {}, loop)) return 1;
+      if (r.members() != 50) return 2;
+      int mapped = 0;
+      for (const std::string& line : mappings()) {
+         if (inherited.count(line)) continue;
+         ++mapped;
+         // perms column: "r--s" for a read-only shared mapping.
+         const std::string perms = line.substr(line.find(' ') + 1, 4);
+         if (perms[1] == 'w') return 3;
+      }
+      return mapped > 0 ? 0 : 4;
+   });
+   EXPECT_EQ(Testing::waitChild(reader), 0);
+   const pid_t second = Testing::forkChild([&] {
+      Map w2;
+      try {
+         w2.initWriter(kTable, config());
+      } catch (const Region::OwnerError&) {
+         return 0;
+      }
+      return 1;
+   });
+   EXPECT_EQ(Testing::waitChild(second), 0);
+}
+
+// A writer process churns and is SIGKILLed at a random moment, many times. Each restarted writer
+// must re-attach (never re-format), hold exactly the ops it had completed (the op in flight may or
+// may not have landed), and continue; a reader that runs throughout follows every restart.
+void killAndRestart(int kills, bool withReader) {
+   Testing::TempRoot root;
+   Shared* shared = makeShared();
+   const uint64_t seed = 7;
+   const uint32_t total = 1u << 30;  // the writers never run out of ops
+   std::mt19937 rng(1234);
+   int restarts = 0;
+   const int kKills = kills;
+   uint32_t reached = 0;
+   pid_t readerPid = -1;
+   for (int round = 0; round <= kKills; ++round) {
+      const bool last = round == kKills;
+      const pid_t w = Testing::forkChild([&] {
+         Spoor::Capture cap;
+         Map writer;
+         writer.initWriter(kTable, config());
+         const uint32_t c = shared->committed.load();
+         if (round > 0) {
+            if (writer.mountStatus() != uint32_t(Dock::MountStatus::kReattached)) return 20;
+            if (cap.contains("will be lost")) return 21;
+         }
+         // Exactly ops [0, c), or [0, c] when the op in flight had landed.
+         const auto a = replay(seed, c);
+         const auto b = replay(seed, c + 1);
+         std::map<uint64_t, Value> have;
+         for (auto& [k, v] : b) {
+            if (auto got = writer.lookup(k)) have[k] = *got;
+         }
+         for (auto& [k, v] : a) {
+            if (auto got = writer.lookup(k)) have[k] = *got;
+         }
+         if (writer.members() != have.size()) return 22;
+         if (have != a && have != b) return 23;
+         if (last) {
+            // The final state is the replay of `c` ops: redo the op in flight if it landed.
+            if (have == b) shared->committed.store(c + 1);
+            writer.flush();
+            shared->done.store(1);
+            return 0;
+         }
+         for (uint32_t i = c; i < total; ++i) {
+            apply(writer, opAt(seed, i));
+            shared->committed.store(i + 1);
+            if (i % 32 == 31) writer.flush();
+         }
+         return 0;
+      });
+      if (!last) {
+         std::this_thread::sleep_for(std::chrono::microseconds(2000 + rng() % 40000));
+         kill(w, SIGKILL);
+         EXPECT_EQ(Testing::waitChild(w), 128 + SIGKILL);
+         ++restarts;
+      } else {
+         EXPECT_EQ(Testing::waitChild(w), 0);
+      }
+      if (withReader && round == 2) {
+         // A reader joins after a couple of kills and follows every later restart.
+         readerPid = Testing::forkChild([&] { return runReader(shared, 0, seed, 0, false, 120); });
+      }
+      reached = shared->committed.load();
+   }
+   EXPECT_EQ(restarts, kKills);
+   EXPECT_GT(reached, 300u);
+   if (withReader) {
+      EXPECT_EQ(Testing::waitChild(readerPid), 0);
+      EXPECT_EQ(shared->readers[0].bad.load(), 0u);
+      EXPECT_GT(shared->readers[0].reattaches.load(), 0u);
+   }
+}
+
+TEST(DockMapProcess, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
+   killAndRestart(25, false);
+}
+
+// The same with a reader that joins after two kills: it must follow every restart without being
+// restarted itself, never hand out a torn value, and end equal to the last writer.
+TEST(DockMapProcess, ReaderFollowsAWriterKilledAndRestartedManyTimes) {
+   killAndRestart(10, true);
+}
+
+}  // namespace
