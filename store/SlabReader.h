@@ -38,6 +38,7 @@ class SlabReader {
    uint32_t maxPayload() const { return entrySize_ - Dock::kSlabEntryHeaderSize; }
    uint32_t resizeCounter() const { return resizeCounter_; }
    const std::string& name() const { return path_; }
+   const Region::MappedFile& file() const { return file_; }
 
   private:
    std::string path_;
