@@ -7,45 +7,19 @@ namespace Tunnel::TunnelTable {
 namespace {
 
 // Each index with its last valid value and its range text spelled out in full.
-template <typename Index, uint64_t Last>
-struct Case {
-   using Type = Index;
-   static constexpr uint64_t last = Last;
-   static const char* text();
-};
-
-using ViaCase = Case<ViaIndex, 599>;
-using CollCase = Case<TunnelIdCollIndex, 599>;
-using TepCase = Case<TepIndex, 15>;
-using NameCase = Case<NameIndex, 127>;
-using CosCase = Case<CosIndex, 7>;
-
-template <>
-const char* ViaCase::text() {
-   return "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
-          "Tunnel::TunnelTable::ViaIndex::max not allowed";
-}
-template <>
-const char* CollCase::text() {
-   return "Tunnel::TunnelTable::TunnelIdCollIndex::value < "
-          "Tunnel::TunnelTable::TunnelIdCollIndex::min or > "
-          "Tunnel::TunnelTable::TunnelIdCollIndex::max not allowed";
-}
-template <>
-const char* TepCase::text() {
-   return "Tunnel::TunnelTable::TepIndex::value < Tunnel::TunnelTable::TepIndex::min or > "
-          "Tunnel::TunnelTable::TepIndex::max not allowed";
-}
-template <>
-const char* NameCase::text() {
-   return "Tunnel::TunnelTable::NameIndex::value < Tunnel::TunnelTable::NameIndex::min or > "
-          "Tunnel::TunnelTable::NameIndex::max not allowed";
-}
-template <>
-const char* CosCase::text() {
-   return "Tunnel::TunnelTable::CosIndex::value < Tunnel::TunnelTable::CosIndex::min or > "
-          "Tunnel::TunnelTable::CosIndex::max not allowed";
-}
+#define INDEX_CASE(Name, Index, Last, Qualified)                                        \
+   struct Name {                                                                        \
+      using Type = Index;                                                               \
+      static constexpr uint64_t last = Last;                                            \
+      static constexpr const char* text =                                               \
+          Qualified "::value < " Qualified "::min or > " Qualified "::max not allowed"; \
+   }
+INDEX_CASE(ViaCase, ViaIndex, 599, "Tunnel::TunnelTable::ViaIndex");
+INDEX_CASE(CollCase, TunnelIdCollIndex, 599, "Tunnel::TunnelTable::TunnelIdCollIndex");
+INDEX_CASE(TepCase, TepIndex, 15, "Tunnel::TunnelTable::TepIndex");
+INDEX_CASE(NameCase, NameIndex, 127, "Tunnel::TunnelTable::NameIndex");
+INDEX_CASE(CosCase, CosIndex, 7, "Tunnel::TunnelTable::CosIndex");
+#undef INDEX_CASE
 
 template <typename C>
 class TunnelIndicesTest : public ::testing::Test {};
@@ -68,10 +42,10 @@ TYPED_TEST(TunnelIndicesTest, AcceptsItsRangeAndRefusesOneBeyondWithItsText) {
    EXPECT_EQ(Index(0).value(), 0u);
    EXPECT_EQ(Index(last).value(), last);
    EXPECT_EQ(Index::capacity, last + 1);
-   expectRangeText([] { Index i(last + 1); }, TypeParam::text());
-   expectRangeText([] { Index i(-1); }, TypeParam::text());
+   expectRangeText([] { Index i(last + 1); }, TypeParam::text);
+   expectRangeText([] { Index i(-1); }, TypeParam::text);
    Index at(last);
-   expectRangeText([&] { ++at; }, TypeParam::text());
+   expectRangeText([&] { ++at; }, TypeParam::text);
    EXPECT_EQ(at.value(), last);
    Index step(last - 1);
    ++step;
