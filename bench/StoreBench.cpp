@@ -1,0 +1,286 @@
+// The store's writer and reader against their peers, measured in the same run:
+//   writer replace of a 1-via value in a 1,000,000-key table  vs  LMDB put (one write txn per put,
+//   MDB_NOSYNC | MDB_WRITEMAP)  vs  Redis HSET + PUBLISH (a private redis-server on a unix socket);
+//   insert and remove; reader lookup + copy vs LMDB get in a read txn; the writer's longest pause
+//   while the table grows to 1,000,000 keys; shared-memory bytes per 1-via entry.
+// Ratios are printed after the benchmarks. Nothing here is asserted.
+#include <benchmark/benchmark.h>
+#include <hiredis/hiredis.h>
+#include <lmdb.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "Loom/EventLoop.h"
+#include "store/DockMap.h"
+#include "store/WriterTestValue.h"
+
+namespace {
+
+using DockTest::Value;
+using Map = Dock::DockMap<uint64_t, Value, DockTest::KeyOf>;
+constexpr uint64_t kKeys = 1000000;
+std::map<std::string, double> nsPerOp;  // benchmark -> ns per operation
+double longestPauseUs = 0;
+double bytesPerEntry = 0;
+
+std::string benchRoot() {
+   static std::string root = [] {
+      char tmpl[] = "/dev/shm/storebench.XXXXXX";
+      const char* d = mkdtemp(tmpl);
+      if (!d) {
+         char t2[] = "/tmp/storebench.XXXXXX";
+         d = mkdtemp(t2);
+      }
+      setenv("TUNNEL_SHMEM_ROOT", d, 1);
+      return std::string(d);
+   }();
+   return root;
+}
+
+Dock::DockConfig config() {
+   Dock::DockConfig c;
+   c.typeName = "DockTest::Value";
+   c.valueSize = sizeof(Value);
+   c.minSlots = 1024;
+   c.maxSlots = 1u << 21;
+   c.maxValueSize = DockTest::kMaxValueSize;
+   c.heraldCapacity = 1u << 16;
+   return c;
+}
+
+// The 1,000,000-key table, built once; the build measures the longest single write.
+Map& table() {
+   static std::unique_ptr<Map> map = [] {
+      benchRoot();
+      auto m = std::make_unique<Map>();
+      m->initWriter("bench/store/entry", config());
+      double longest = 0;
+      for (uint64_t k = 0; k < kKeys; ++k) {
+         const auto t0 = std::chrono::steady_clock::now();
+         m->safeWrite(Value(k, 0, 1), false);
+         const double us =
+             std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0)
+                 .count();
+         longest = std::max(longest, us);
+         if (k % 4096 == 0) m->flush();
+      }
+      m->flush();
+      longestPauseUs = longest;
+      uint64_t bytes = 0;
+      for (auto& e : std::filesystem::directory_iterator(m->writer()->directory())) {
+         struct stat st;
+         if (::stat(e.path().c_str(), &st) == 0) bytes += uint64_t(st.st_blocks) * 512;
+      }
+      bytesPerEntry = double(bytes) / double(kKeys);
+      return m;
+   }();
+   return *map;
+}
+
+void BM_StoreReplace1Via(benchmark::State& state) {
+   Map& m = table();
+   std::mt19937_64 rng(1);
+   uint32_t version = 1;
+   for (auto _ : state) {
+      m.safeWrite(Value(rng() % kKeys, version++, 1), false);
+   }
+   m.flush();
+}
+BENCHMARK(BM_StoreReplace1Via);
+
+void BM_StoreInsertRemove(benchmark::State& state) {
+   Map& m = table();
+   uint64_t k = kKeys;
+   for (auto _ : state) {
+      m.safeWrite(Value(k, 1, 1), false);
+      m.safeRemove(k);
+      ++k;
+   }
+   m.flush();
+}
+BENCHMARK(BM_StoreInsertRemove);
+
+void BM_StoreReaderLookupCopy(benchmark::State& state) {
+   table();
+   Loom::EventLoop loop;
+   Map reader;
+   if (!reader.initReader("bench/store/entry", {}, loop)) {
+      state.SkipWithError("reader attach failed");
+      return;
+   }
+   std::mt19937_64 rng(2);
+   for (auto _ : state) {
+      auto v = reader.lookup(rng() % kKeys);
+      benchmark::DoNotOptimize(v);
+   }
+}
+BENCHMARK(BM_StoreReaderLookupCopy);
+
+struct Lmdb {
+   MDB_env* env = nullptr;
+   MDB_dbi dbi;
+   Lmdb() {
+      const std::string dir = benchRoot() + "/lmdb";
+      std::filesystem::create_directories(dir);
+      mdb_env_create(&env);
+      mdb_env_set_mapsize(env, size_t(4) << 30);
+      mdb_env_open(env, dir.c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0644);
+      MDB_txn* txn;
+      mdb_txn_begin(env, nullptr, 0, &txn);
+      mdb_dbi_open(txn, nullptr, 0, &dbi);
+      std::vector<uint8_t> buf(Value(0, 0, 1).serializeLen());
+      for (uint64_t k = 0; k < kKeys; ++k) {
+         Value(k, 0, 1).serialize(buf.data());
+         MDB_val key{sizeof k, &k}, val{buf.size(), buf.data()};
+         mdb_put(txn, dbi, &key, &val, 0);
+      }
+      mdb_txn_commit(txn);
+   }
+};
+Lmdb& lmdb() {
+   static Lmdb l;
+   return l;
+}
+
+void BM_LmdbPut1Via(benchmark::State& state) {
+   Lmdb& l = lmdb();
+   std::mt19937_64 rng(1);
+   uint32_t version = 1;
+   std::vector<uint8_t> buf(Value(0, 0, 1).serializeLen());
+   for (auto _ : state) {
+      uint64_t k = rng() % kKeys;
+      Value(k, version++, 1).serialize(buf.data());
+      MDB_txn* txn;
+      mdb_txn_begin(l.env, nullptr, 0, &txn);
+      MDB_val key{sizeof k, &k}, val{buf.size(), buf.data()};
+      mdb_put(txn, l.dbi, &key, &val, 0);
+      mdb_txn_commit(txn);
+   }
+}
+BENCHMARK(BM_LmdbPut1Via);
+
+void BM_LmdbGetCopy(benchmark::State& state) {
+   Lmdb& l = lmdb();
+   std::mt19937_64 rng(2);
+   for (auto _ : state) {
+      uint64_t k = rng() % kKeys;
+      MDB_txn* txn;
+      mdb_txn_begin(l.env, nullptr, MDB_RDONLY, &txn);
+      MDB_val key{sizeof k, &k}, val;
+      if (mdb_get(txn, l.dbi, &key, &val) == 0) {
+         Value v;
+         v.deserialize(val.mv_data, uint32_t(val.mv_size));
+         benchmark::DoNotOptimize(v);
+      }
+      mdb_txn_abort(txn);
+   }
+}
+BENCHMARK(BM_LmdbGetCopy);
+
+// A private redis-server on a unix socket, stopped at exit.
+struct Redis {
+   pid_t pid = -1;
+   redisContext* ctx = nullptr;
+   std::string sock;
+   Redis() {
+      sock = benchRoot() + "/redis.sock";
+      pid = fork();
+      if (pid == 0) {
+         execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", sock.c_str(),
+                "--save", "", "--appendonly", "no", (char*)nullptr);
+         _exit(127);
+      }
+      for (int i = 0; i < 200 && !ctx; ++i) {
+         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+         redisContext* c = redisConnectUnix(sock.c_str());
+         if (c && !c->err) {
+            ctx = c;
+         } else if (c) {
+            redisFree(c);
+         }
+      }
+   }
+   ~Redis() {
+      if (ctx) redisFree(ctx);
+      if (pid > 0) {
+         kill(pid, SIGTERM);
+         waitpid(pid, nullptr, 0);
+      }
+   }
+};
+Redis& redis() {
+   static Redis r;
+   return r;
+}
+
+void BM_RedisHsetPublish1Via(benchmark::State& state) {
+   Redis& r = redis();
+   if (!r.ctx) {
+      state.SkipWithError("redis-server did not start");
+      return;
+   }
+   std::mt19937_64 rng(1);
+   uint32_t version = 1;
+   std::vector<uint8_t> buf(Value(0, 0, 1).serializeLen());
+   for (auto _ : state) {
+      uint64_t k = rng() % kKeys;
+      Value(k, version++, 1).serialize(buf.data());
+      auto* a = static_cast<redisReply*>(
+          redisCommand(r.ctx, "HSET entry %b %b", &k, sizeof k, buf.data(), buf.size()));
+      freeReplyObject(a);
+      auto* b = static_cast<redisReply*>(redisCommand(r.ctx, "PUBLISH entry %b", &k, sizeof k));
+      freeReplyObject(b);
+   }
+}
+BENCHMARK(BM_RedisHsetPublish1Via);
+
+class RatioReporter : public benchmark::ConsoleReporter {
+  public:
+   void ReportRuns(const std::vector<Run>& runs) override {
+      for (const Run& r : runs) {
+         if (r.iterations > 0) {
+            nsPerOp[r.benchmark_name()] = r.GetAdjustedRealTime();  // in the run's time unit (ns)
+         }
+      }
+      ConsoleReporter::ReportRuns(runs);
+   }
+};
+
+void ratio(const char* what, const char* peer, const char* ours) {
+   auto p = nsPerOp.find(peer), o = nsPerOp.find(ours);
+   if (p != nsPerOp.end() && o != nsPerOp.end() && o->second > 0) {
+      std::printf("%-44s %8.1fx  (%s %.0f ns, %s %.0f ns)\n", what, p->second / o->second, peer,
+                  p->second, ours, o->second);
+   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   benchmark::Initialize(&argc, argv);
+   RatioReporter reporter;
+   benchmark::RunSpecifiedBenchmarks(&reporter);
+   std::printf("\n");
+   ratio("writer replace vs LMDB put", "BM_LmdbPut1Via", "BM_StoreReplace1Via");
+   ratio("writer replace vs Redis HSET+PUBLISH", "BM_RedisHsetPublish1Via", "BM_StoreReplace1Via");
+   ratio("reader lookup+copy vs LMDB get", "BM_LmdbGetCopy", "BM_StoreReaderLookupCopy");
+   std::printf("longest single write while growing to %llu keys: %.1f us\n",
+               (unsigned long long)kKeys, longestPauseUs);
+   std::printf("shared-memory bytes per 1-via entry at %llu keys: %.1f\n",
+               (unsigned long long)kKeys, bytesPerEntry);
+   std::filesystem::remove_all(benchRoot());
+   benchmark::Shutdown();
+   return 0;
+}
