@@ -133,12 +133,11 @@ bool HeraldReader::entryAt(uint64_t position, Entry& out) const {
    const uint32_t index = uint32_t(position & mask_);
    const Notification& n = tables_[index / half_].at(index % half_);
    const uint64_t expected = seqOf(position);
-   // Sequence lock per entry; the fence pairs with the writer's release fence after it marks
-   // the entry busy.
+   // Sequence lock per entry. The field loads are acquire: a field stored after the busy mark
+   // (release) makes the mark visible to the second load of seq, which then fails the check.
    const uint64_t first = n.seq.load(std::memory_order_acquire);
-   out.slot = n.slot.load(std::memory_order_relaxed);
-   out.kind = n.kind.load(std::memory_order_relaxed);
-   std::atomic_thread_fence(std::memory_order_acquire);
+   out.slot = n.slot.load(std::memory_order_acquire);
+   out.kind = n.kind.load(std::memory_order_acquire);
    const uint64_t second = n.seq.load(std::memory_order_relaxed);
    out.position = position;
    out.seq = first;

@@ -62,13 +62,12 @@ class HeraldWriter {
    uint64_t post(uint32_t slot, uint32_t kind = kSlotChanged) {
       const uint64_t pos = pos_;
       Notification& n = ring_[pos & mask_];
-      // Sequence lock per entry: mark busy, fill, publish. The release fence orders the busy mark
-      // before the field stores; it pairs with the acquire fence a reader issues between its
-      // field loads and its second load of seq.
+      // Sequence lock per entry: mark busy, fill, publish. The fields are stored with release so
+      // that a reader whose (acquire) load sees a new field also sees the busy mark stored before
+      // it, and its re-check of seq then fails (no fences: ThreadSanitizer models these).
       n.seq.store(kHeraldSeqBusy, std::memory_order_relaxed);
-      std::atomic_thread_fence(std::memory_order_release);
-      n.slot.store(slot, std::memory_order_relaxed);
-      n.kind.store(kind, std::memory_order_relaxed);
+      n.slot.store(slot, std::memory_order_release);
+      n.kind.store(kind, std::memory_order_release);
       n.seq.store(seqBase_ + pos, std::memory_order_release);
       pos_ = pos + 1;
       // Release: a reader that acquires writerPos sees every entry below it complete.
