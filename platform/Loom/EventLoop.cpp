@@ -103,6 +103,8 @@ EventLoop::EventLoop() {
 }
 
 EventLoop::~EventLoop() {
+   // Acquire pairs with the release in leaveRun: a loop last run on another thread is handed
+   // over before its fds are closed here.
    if (runningThread_.load(std::memory_order_acquire) != std::thread::id()) {
       VELA_FAIL("event loop destroyed while running");
    }
@@ -193,8 +195,9 @@ void EventLoop::armTimerFdLocked() {
       spec.it_value.tv_sec = ns / 1'000'000'000;
       spec.it_value.tv_nsec = ns % 1'000'000'000;
    }
+   // Fails only on arguments that are wrong by construction.
    if (::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) < 0) {
-      throwSystemError("timerfd_settime");
+      VELA_FAIL("timerfd_settime failed: {}", std::strerror(errno));
    }
    armedDeadline_ = earliest;
 }
@@ -278,20 +281,20 @@ bool EventLoop::runOnce(std::chrono::nanoseconds timeout) {
    } leave{this, previous};
 
    int timeoutMs = timeoutMillis(timeout);
+   // Relaxed: only decides whether to block; run() consumes the request with acquire.
    if (stopRequested_.load(std::memory_order_relaxed)) {
       timeoutMs = 0;
    } else {
       std::lock_guard lock(mutex_);
       if (!critical_.empty() || !normal_.empty()) timeoutMs = 0;
    }
-   bool timerFdFired = false;
-   bool ran = dispatchFdEvents(timeoutMs, timerFdFired);
-   ran |= fireDueTimers(timerFdFired);
+   bool ran = dispatchFdEvents(timeoutMs);
+   ran |= fireDueTimers();
    ran |= runTasks();
    return ran;
 }
 
-bool EventLoop::dispatchFdEvents(int timeoutMs, bool& timerFdFired) {
+bool EventLoop::dispatchFdEvents(int timeoutMs) {
    epoll_event events[kMaxEventsPerWait];
    int n = ::epoll_wait(epollFd_, events, kMaxEventsPerWait, timeoutMs);
    if (n < 0) {
@@ -299,6 +302,8 @@ bool EventLoop::dispatchFdEvents(int timeoutMs, bool& timerFdFired) {
       throwSystemError("epoll_wait");
    }
    bool ran = false;
+   // Events of one batch are handled in order; handlers for the same round may remove or replace
+   // one another, which the generation check below accounts for.
    for (int i = 0; i < n; ++i) {
       int fd = int(uint32_t(events[i].data.u64));
       uint32_t generation = uint32_t(events[i].data.u64 >> 32);
@@ -313,7 +318,10 @@ bool EventLoop::dispatchFdEvents(int timeoutMs, bool& timerFdFired) {
          } else if (fd == timerFd_) {
             while (::read(timerFd_, &count, sizeof count) > 0) {
             }
-            timerFdFired = true;
+            // The expiry is consumed: whatever is earliest now must be armed again, even if it
+            // is the deadline that just expired (its timer may not have fired yet).
+            std::lock_guard lock(mutex_);
+            armedDeadline_ = std::chrono::steady_clock::time_point::max();
          }
          continue;
       }
@@ -330,7 +338,15 @@ bool EventLoop::dispatchFdEvents(int timeoutMs, bool& timerFdFired) {
    return ran;
 }
 
-bool EventLoop::fireDueTimers(bool timerFdFired) {
+bool EventLoop::fireDueTimers() {
+   // Re-arm for the new earliest deadline on the way out, also when a callback throws.
+   struct Rearm {
+      EventLoop* loop;
+      ~Rearm() {
+         std::lock_guard lock(loop->mutex_);
+         loop->armTimerFdLocked();
+      }
+   } rearm{this};
    bool ran = false;
    const auto now = std::chrono::steady_clock::now();
    while (true) {
@@ -366,9 +382,6 @@ bool EventLoop::fireDueTimers(bool timerFdFired) {
       }
       ran = true;
    }
-   std::lock_guard lock(mutex_);
-   if (timerFdFired) armedDeadline_ = std::chrono::steady_clock::time_point::max();
-   armTimerFdLocked();
    return ran;
 }
 
@@ -395,6 +408,8 @@ bool EventLoop::runTasks() {
 }
 
 size_t EventLoop::runCriticalTasks() {
+   // Acquire pairs with the release in leaveRun, as in enterRun: inCriticalRun_ below is state
+   // of whichever thread ran the loop last.
    auto running = runningThread_.load(std::memory_order_acquire);
    if (running != std::thread::id() && running != std::this_thread::get_id()) {
       VELA_FAIL("runCriticalTasks called off the event loop's thread");

@@ -10,8 +10,10 @@
 // Other threads wake the loop through an eventfd.
 //
 // A round (runOnce) is: wait (not at all when tasks are pending) -> fd handlers -> due timers ->
-// tasks. The task step runs the tasks that were pending when it began, critical first, and runs
-// any newly posted critical task before the next normal one; tasks posted by tasks run next round.
+// tasks. The task step runs the normal tasks that were pending when it began and, before the
+// first and before each next one, the critical tasks pending at that moment; so a critical task
+// posted by a normal one overtakes the normal tasks still waiting. Anything else posted meanwhile
+// runs next round, which keeps a task that re-posts itself from trapping the loop in one round.
 //
 // Threads: post, postCritical, stop, timerIs, fdHandlerIs and fdHandlerDel may be called from any
 // thread. Callbacks run only on the thread running the loop, one at a time. A loop is run by one
@@ -22,6 +24,9 @@
 //
 // Exceptions thrown by a callback leave run()/runOnce() and reach their caller; the loop stays
 // usable (work not yet done stays queued).
+//
+// After fork() a child must not use a loop of its parent: the epoll instance is shared between the
+// processes. A child creates its own loop.
 #pragma once
 
 #include <atomic>
@@ -131,8 +136,8 @@ class EventLoop {
                        Task callback);
    void wake();
    bool onLoopThread() const;
-   bool dispatchFdEvents(int timeoutMs, bool& timerFdFired);
-   bool fireDueTimers(bool timerFdFired);
+   bool dispatchFdEvents(int timeoutMs);
+   bool fireDueTimers();
    bool runTasks();
    void armTimerFdLocked();
    EventLoop* enterRun();  // returns the thread's previous current loop

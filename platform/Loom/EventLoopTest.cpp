@@ -23,9 +23,9 @@ using Clock = std::chrono::steady_clock;
 // Runs rounds until `done` holds or a generous deadline passes; returns `done()`. Keeps every
 // test bounded in time without asserting on how long anything took.
 bool runUntil(Loom::EventLoop& loop, const std::function<bool()>& done,
-              std::chrono::seconds limit = 20s) {
+              std::chrono::seconds limit = 20s, std::chrono::nanoseconds round = 50ms) {
    auto deadline = Clock::now() + limit;
-   while (!done() && Clock::now() < deadline) loop.runOnce(50ms);
+   while (!done() && Clock::now() < deadline) loop.runOnce(round);
    return done();
 }
 
@@ -215,7 +215,10 @@ TEST(EventLoopTimers, TimersFireInDeadlineOrderAndNotEarly) {
    };
    Loom::Timer t30 = at(30), t10 = at(10), t0 = at(0), t20 = at(20);
    EXPECT_TRUE(t30.pending());
-   EXPECT_TRUE(runUntil(loop, [&] { return order.size() == 4; }));
+   // Rounds that would wait 20 s each: only the timerfd ends them sooner.
+   EXPECT_TRUE(runUntil(
+       loop, [&] { return order.size() == 4; }, 60s, 20s));
+   EXPECT_LT(Clock::now() - start, 10s);
    EXPECT_EQ(order, (std::vector<int>{0, 10, 20, 30}));
    for (auto d : late) EXPECT_GE(d, 0ns);
    EXPECT_FALSE(t30.pending());
@@ -255,6 +258,28 @@ TEST(EventLoopTimers, RepeatingTimerFiresUntilCancelledFromItsOwnCallback) {
    Loom::Timer marker = loop.timerIs(30ms, [] {});
    EXPECT_TRUE(runUntil(loop, [&] { return !marker.pending(); }));
    EXPECT_EQ(count, 5);
+}
+
+TEST(EventLoopTimers, AThrowingTimerLeavesTheNextOneArmed) {
+   Loom::EventLoop loop;
+   bool later = false;
+   loop.timerIs(1ms, [] { throw Vela::Exception("timer failed"); });
+   loop.timerIs(30ms, [&] { later = true; });
+   auto start = Clock::now();
+   bool threw = false;
+   while (!threw && Clock::now() - start < 20s) {
+      try {
+         loop.runOnce(20s);
+      } catch (const Vela::Exception& e) {
+         EXPECT_STREQ(e.what(), "timer failed");
+         threw = true;
+      }
+   }
+   ASSERT_TRUE(threw);
+   // Only the timerfd can end this wait early.
+   while (!later && Clock::now() - start < 20s) loop.runOnce(20s);
+   EXPECT_TRUE(later);
+   EXPECT_LT(Clock::now() - start, 10s);
 }
 
 TEST(EventLoopTimers, ATimerSetFromAnotherThreadWakesABlockedLoop) {
