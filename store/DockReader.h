@@ -52,9 +52,9 @@ class DockReader {
       if (::stat(dir_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
          return fail("no shared memory region");
       const std::string slotsPath = dir_ + "/" + kSlotsFile;
-      if (::stat(slotsPath.c_str(), &st) != 0 || size_t(st.st_size) < kSlotHeaderSize) {
-         return fail(fmt::format("cannot attach to shmem size:{}", st.st_size));
-      }
+      const bool exists = ::stat(slotsPath.c_str(), &st) == 0;
+      const size_t size = exists ? size_t(st.st_size) : 0;
+      if (size < kSlotHeaderSize) return fail(fmt::format("cannot attach to shmem size:{}", size));
       std::string reason;
       if (!buckets_.attach(dir_, reason)) return fail("failed to attach to buckets");
       try {
