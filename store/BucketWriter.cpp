@@ -60,7 +60,7 @@ void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t has
        file_->size() >= kBucketHeaderSize ? header_->sizeWord.load(std::memory_order_relaxed) : 0;
    uint32_t counter = sizeWordCounter(old) | 1u;
    header_->sizeWord.store(makeSizeWord(counter, numBuckets), std::memory_order_relaxed);
-   std::atomic_thread_fence(std::memory_order_release);  // pairs with the reader's acquire fence
+   releaseFence();  // pairs with the reader's acquire fence
    header_->magic = kBucketMagic;
    header_->version = kBucketVersion;
    header_->relume = relume;
@@ -94,7 +94,7 @@ void BucketWriter::beginResize(uint32_t newCount) {
    // second load of sizeWord.
    header_->sizeWord.store(makeSizeWord(sizeWordCounter(old) + 1, newCount),
                            std::memory_order_release);
-   std::atomic_thread_fence(std::memory_order_release);
+   releaseFence();
    numBuckets_ = newCount;
 }
 

@@ -323,7 +323,7 @@ class DockWriter {
       // Release fence: every store below (the new entry's payload, which may reuse an entry a
       // reader is still copying, and the slot's words) is ordered after every earlier flags
       // store; pairs with the reader's acquire fence before its flags re-check.
-      std::atomic_thread_fence(std::memory_order_release);
+      releaseFence();
       Tessel::SlabValue nv;
       try {
          nv = dynamic_->setValue(s, value);
@@ -338,7 +338,7 @@ class DockWriter {
          Lookaside& la = h->lookaside;
          // Release fence: a reader that sees any of these lookaside words (relaxed) and then
          // re-checks an earlier slot's flags after its acquire fence sees that slot's last store.
-         std::atomic_thread_fence(std::memory_order_release);
+         releaseFence();
          la.savedWord.store(slot.heraldPos.load(std::memory_order_relaxed),
                             std::memory_order_relaxed);
          la.slot.store(s, std::memory_order_relaxed);
@@ -348,7 +348,7 @@ class DockWriter {
          slot.flags.store(flags + kLookaside, std::memory_order_release);
          // Orders the LOOKASIDE store before the slot's value stores; pairs with the reader's
          // acquire fence before its second flags load (a torn copy then sees a changed word).
-         std::atomic_thread_fence(std::memory_order_release);
+         releaseFence();
          slot.offset.store(la.offset.load(std::memory_order_relaxed), std::memory_order_relaxed);
          slot.length.store(la.length.load(std::memory_order_relaxed), std::memory_order_relaxed);
          // Release: the value words are stored before LOOKASIDE clears and the counter advances.
@@ -629,7 +629,7 @@ class DockWriter {
       Slot& fs = table_.slot(from);
       Slot& ts = table_.slot(to);
       // Release fence: as in directCommit, the stores below follow every earlier flags store.
-      std::atomic_thread_fence(std::memory_order_release);
+      releaseFence();
       const V value = dynamic_->getValue(offsetOf(from));
       const Tessel::SlabValue nv = dynamic_->setValue(to, value);
       ts.offset.store(nv.offset.value, std::memory_order_relaxed);
