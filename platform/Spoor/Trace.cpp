@@ -42,7 +42,7 @@ struct Registry {
    Registry() {
       if (const char* env = std::getenv("SPOOR_TRACE")) configureLocked(env);
    }
-   // The whole specification is checked before any of it is applied, so a malformed one
+   // The whole setting string is checked before any of it is applied, so a malformed one
    // changes nothing.
    bool configureLocked(std::string_view spec) {
       std::vector<std::pair<std::string_view, int>> items;

@@ -33,7 +33,7 @@ struct fmt::formatter<Counted> {
 
 namespace {
 
-TEST(SpoorConfigure, SpecificationSetsModuleLevelsIncludingModulesNotYetSeen) {
+TEST(SpoorConfigure, SettingStringSetsModuleLevelsIncludingModulesNotYetSeen) {
    Spoor::Handle& a = Spoor::handle("Cfg.A");
    Spoor::Handle& b = Spoor::handle("Cfg.B");
    EXPECT_EQ(&a, &Spoor::handle("Cfg.A"));  // one handle per module
@@ -59,13 +59,13 @@ TEST(SpoorConfigure, SpecificationSetsModuleLevelsIncludingModulesNotYetSeen) {
    EXPECT_EQ(a.level(), 1);
 }
 
-TEST(SpoorConfigure, MalformedSpecificationIsRefusedAndChangesNothing) {
+TEST(SpoorConfigure, MalformedSettingStringIsRefusedAndChangesNothing) {
    Spoor::Handle& a = Spoor::handle("Bad.A");
    Spoor::levelIs("Bad.A", 5);
-   for (const char* spec : {"Bad.A", "Bad.A/", "Bad.A/x", "Bad.A/-1", "/3", "Bad.A/1,,Bad.A/2",
-                            "Bad.A/1,Bad.B", "Bad.A/1 "}) {
-      EXPECT_FALSE(Spoor::configure(spec)) << spec;
-      EXPECT_EQ(a.level(), 5) << spec;
+   for (const char* setting : {"Bad.A", "Bad.A/", "Bad.A/x", "Bad.A/-1", "/3", "Bad.A/1,,Bad.A/2",
+                               "Bad.A/1,Bad.B", "Bad.A/1 "}) {
+      EXPECT_FALSE(Spoor::configure(setting)) << setting;
+      EXPECT_EQ(a.level(), 5) << setting;
    }
    EXPECT_EQ(Spoor::handle("Bad.B").level(), -1);
 }
