@@ -1,15 +1,71 @@
-// tunnelctl: how a person sees the tunnel tables of a store root.
+// tunnelctl: how a person sees the tunnel tables of a store root ($TUNNEL_SHMEM_ROOT or
+// /var/shmem): list them, show and watch one as a reader sees it, check its files, publish a
+// network description as a writer agent, and run the writer-and-readers demo.
 #include <CLI/CLI.hpp>
-
 #include <iostream>
+
+#include "Commands.h"
+#include "Description.h"
+#include "Region/OwnerFile.h"
+#include "TableCatalog.h"
 
 int main(int argc, char** argv) {
    CLI::App app{"tunnelctl: inspect, publish and watch the tunnel tables under a store root"};
    app.set_version_flag("--version", std::string("tunnelctl ") + TUNNEL_VERSION);
    app.require_subcommand(0, 1);
+   app.footer("Store root: $TUNNEL_SHMEM_ROOT, or /var/shmem. TABLE is a mount name: " +
+              TunnelCtl::knownMountNames() + ".");
+
+   bool json = false;
+   std::string table;
+   auto* list =
+       app.add_subcommand("list", "the tables under the store root: writer, entries, capacity");
+   list->add_flag("--json", json, "machine-readable output");
+
+   auto* show = app.add_subcommand("show", "every entry of TABLE as a reader sees it");
+   show->add_option("TABLE", table, "mount name of the table")->required();
+   show->add_flag("--json", json, "machine-readable output");
+
+   uint64_t count = 0;
+   double seconds = 0;
+   auto* watch = app.add_subcommand("watch", "per-key notifications of TABLE as they arrive");
+   watch->add_option("TABLE", table, "mount name of the table")->required();
+   watch->add_option("--count", count, "stop after N changes");
+   watch->add_option("--seconds", seconds, "stop after S seconds");
+
+   auto* validate = app.add_subcommand("validate", "deep check of the files of TABLE");
+   validate->add_option("TABLE", table, "mount name of the table")->required();
+
+   std::string file;
+   bool once = false;
+   auto* publish = app.add_subcommand(
+       "publish", "writer agent for a network description (SIGHUP re-reads it; SIGINT stops)");
+   publish->add_option("FILE", file, "network description (JSON)")->required();
+   publish->add_flag("--once", once, "exit after publishing, leaving the files");
+
+   std::string demoFile = std::string(TUNNEL_SOURCE_DIR) + "/examples/network.json";
+   std::string demoUpdate = std::string(TUNNEL_SOURCE_DIR) + "/examples/network-update.json";
+   auto* demo = app.add_subcommand(
+       "demo", "a writer and two readers in separate processes on the bundled example network");
+   demo->add_option("--file", demoFile, "network description to publish");
+   demo->add_option("--update", demoUpdate,
+                    "description the writer changes to once readers are in sync");
+
    CLI11_PARSE(app, argc, argv);
-   if (app.get_subcommands().empty()) {
-      std::cout << app.help();
+   try {
+      if (*list) return TunnelCtl::runList(std::cout, json);
+      if (*show) return TunnelCtl::runShow(std::cout, table, json);
+      if (*watch) return TunnelCtl::runWatch(std::cout, table, count, seconds);
+      if (*validate) return TunnelCtl::runValidate(std::cout, table);
+      if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
+      if (*demo) return TunnelCtl::runDemo(std::cout, demoFile, demoUpdate);
+   } catch (const TunnelCtl::UsageError& e) {
+      std::cerr << "tunnelctl: " << e.what() << "\n";
+      return 2;
+   } catch (const std::exception& e) {
+      std::cerr << "tunnelctl: " << e.what() << "\n";
+      return 1;
    }
+   std::cout << app.help();
    return 0;
 }

@@ -1,0 +1,40 @@
+// The subcommands of tunnelctl. Each returns the process's exit status: 0 on success, 1 when the
+// system said no (a damaged table, a missing table, a refused mount), 2 for a usage mistake
+// (thrown as UsageError and printed by main). Output goes to `out`; diagnostics to stderr.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "TableCatalog.h"
+#include "TunnelTable/TunnelId.h"
+#include "TunnelTable/TunnelTableBase.h"
+#include "Vela/String.h"
+
+namespace TunnelCtl {
+
+int runList(std::ostream& out, bool json);
+int runShow(std::ostream& out, const std::string& table, bool json);
+// Stops after `count` changes (0: no limit) or `seconds` (0: no limit), or on SIGINT/SIGTERM.
+int runWatch(std::ostream& out, const std::string& table, uint64_t count, double seconds);
+int runValidate(std::ostream& out, const std::string& table);
+// Runs until SIGINT/SIGTERM unless `once`; SIGHUP re-reads the file and applies what changed.
+int runPublish(std::ostream& out, const std::string& file, bool once);
+// `update` is applied by the writer once the readers have synchronized.
+int runDemo(std::ostream& out, const std::string& file, const std::string& update);
+
+// Shared by the commands.
+// "<root>/tunnel/table/<name>/entry" when its slot table exists, else throws TableMissing.
+std::string existingTableDirectory(const TableEntry& table);
+struct TableMissing : std::runtime_error {
+   using std::runtime_error::runtime_error;
+};
+// Every entry of a mounted table, by tunnel id, with its text form.
+std::vector<std::pair<Tunnel::TunnelTable::TunnelId, Vela::String>> tableSnapshot(
+    const Tunnel::TunnelTable::TunnelTableBase& table);
+// "index 7" style short name of a key within its table.
+std::string keyText(const Tunnel::TunnelTable::TunnelId& id);
+
+}  // namespace TunnelCtl

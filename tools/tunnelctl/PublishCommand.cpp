@@ -1,0 +1,72 @@
+// publish FILE: the writer agent of a network description. It prints one summary line per table
+// and then "ready", so whoever started it knows the tables are published; it stays the tables'
+// writer until SIGINT or SIGTERM (SIGHUP re-reads the file and publishes what changed). With
+// --once it exits after publishing; the files stay under the store root for readers and for a
+// later writer, which re-attaches to them.
+#include <signal.h>
+
+#include <iostream>
+#include <map>
+
+#include "Agent.h"
+#include "Commands.h"
+#include "Publisher.h"
+#include "Region/StoreRoot.h"
+
+namespace TunnelCtl {
+
+namespace {
+
+void summarize(std::ostream& out, const Description& d, const std::vector<PublishChange>& changes) {
+   std::map<const TableEntry*, std::pair<size_t, size_t>> perTable;  // written, removed
+   for (const auto& c : changes) {
+      auto& n = perTable[c.table];
+      (c.removed ? n.second : n.first) += 1;
+   }
+   for (const TableEntry* t : d.tables()) {
+      const auto n = perTable[t];
+      out << t->mountName << ": " << d.tunnelsOf(*t).size() << " tunnels (" << n.first
+          << " written, " << n.second << " removed)\n";
+   }
+}
+
+}  // namespace
+
+int runPublish(std::ostream& out, const std::string& file, bool once) {
+   Description d = loadDescription(file);
+   Agent agent;
+   Publisher publisher(agent);
+   bool stop = false;
+   if (!once) {
+      agent.signalsIs({SIGINT, SIGTERM, SIGHUP}, [&](int sig) {
+         if (sig != SIGHUP) {
+            stop = true;
+            return;
+         }
+         try {
+            Description next = loadDescription(file);
+            const auto changes = publisher.apply(next);
+            for (const auto& c : changes) out << changeText(c) << "\n";
+            out << "reloaded " << file << ": " << changes.size() << " changes" << std::endl;
+            d = std::move(next);
+         } catch (const DescriptionError& e) {
+            // A bad edit leaves the published tables as they were.
+            std::cerr << "tunnelctl: " << e.what() << "; keeping what is published" << std::endl;
+         }
+      });
+   }
+   const auto changes = publisher.apply(d);
+   summarize(out, d, changes);
+   out << "ready: " << d.tunnels.size() << " tunnels in " << d.tables().size() << " tables under "
+       << Region::storeRoot() << std::endl;
+   if (once) {
+      // Let readers that are already attached hear of the writes before the writer goes.
+      agent.loop().runOnce(std::chrono::milliseconds(0));
+      return 0;
+   }
+   agent.runUntil([&] { return stop; }, std::chrono::hours(24 * 365));
+   out << "stopped" << std::endl;
+   return 0;
+}
+
+}  // namespace TunnelCtl

@@ -1,0 +1,48 @@
+#include "Publisher.h"
+
+#include <set>
+
+#include "Commands.h"
+
+namespace TunnelCtl {
+
+namespace TT = Tunnel::TunnelTable;
+
+std::vector<PublishChange> Publisher::apply(const Description& d) {
+   std::vector<PublishChange> changes;
+   std::set<TunnelTableIdentifier> described;
+   for (const TableEntry* t : d.tables()) {
+      described.insert(t->id);
+      auto& table = tables_[t->id];
+      if (!table) {
+         table = agent_.mounter().mountWriter(t->id);
+         if (!table) throw std::runtime_error(t->mountName + ": the mount gave no tunnel table");
+      }
+      std::set<TT::TunnelId> keep;
+      for (const DescribedTunnel* dt : d.tunnelsOf(*t)) {
+         keep.insert(dt->id);
+         // A re-attached writer keeps its entries: only what differs is written again.
+         if (table->entryStrep(dt->id) == std::optional<Vela::String>(dt->text)) continue;
+         dt->write(*table);
+         changes.push_back({t, dt->id, false});
+      }
+      for (const TT::TunnelId& key : table->entryKeys()) {
+         if (keep.count(key)) continue;
+         if (table->entryRemove(key)) changes.push_back({t, key, true});
+      }
+   }
+   // Tables the description no longer fills are emptied, key by key.
+   for (auto& [id, table] : tables_) {
+      if (described.count(id)) continue;
+      for (const TT::TunnelId& key : table->entryKeys()) {
+         if (table->entryRemove(key)) changes.push_back({&tableById(id), key, true});
+      }
+   }
+   return changes;
+}
+
+std::string changeText(const PublishChange& c) {
+   return c.table->mountName + " " + keyText(c.id) + (c.removed ? ": removed" : ": written");
+}
+
+}  // namespace TunnelCtl

@@ -1,0 +1,45 @@
+// Publisher: the writer agent of a network description. It mounts each table the description
+// fills as that table's single writer and makes the table hold exactly the described tunnels:
+// entries that differ from the description (or are missing) are written, entries the description
+// does not have are removed. Applying a changed description therefore publishes only the
+// difference, which is what readers are notified of, key by key.
+#pragma once
+
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Agent.h"
+#include "Description.h"
+
+namespace TunnelCtl {
+
+struct PublishChange {
+   const TableEntry* table;
+   Tunnel::TunnelTable::TunnelId id;
+   bool removed;
+};
+
+class Publisher {
+  public:
+   explicit Publisher(Agent& agent) : agent_(agent) {}
+
+   // Mounts what is not mounted yet (throws what the mount throws, e.g. a second writer) and
+   // applies the description. Returns the changes made, table by table in identifier order.
+   std::vector<PublishChange> apply(const Description& d);
+
+   const std::map<TunnelTableIdentifier, Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase>>& tables()
+       const {
+      return tables_;
+   }
+
+  private:
+   Agent& agent_;
+   std::map<TunnelTableIdentifier, Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase>> tables_;
+};
+
+// "ldp index 7: written" / "... removed".
+std::string changeText(const PublishChange& c);
+
+}  // namespace TunnelCtl
