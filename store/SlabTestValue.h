@@ -34,7 +34,7 @@ struct ViaValue {
       const uint32_t n = count();
       std::memcpy(p, &key, 8);
       std::memcpy(p + 8, &n, 4);
-      std::memcpy(p + 12, vias.data(), vias.size());
+      if (!vias.empty()) std::memcpy(p + 12, vias.data(), vias.size());
       const uint32_t h = Vela::oneAtATime(p, 12 + vias.size());
       std::memcpy(p + 12 + vias.size(), &h, 4);
    }
