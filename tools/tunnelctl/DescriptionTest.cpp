@@ -1,0 +1,234 @@
+// The description parser: the bundled example builds every entry kind it describes, and every
+// kind of mistake is reported with the file, the place (line or key path) and the exact words.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "Description.h"
+#include "TunnelTable/EvpnVxlanTunnelEntry.h"
+#include "TunnelTable/TunnelTableEntries.h"
+#include "Wirekit/MplsLabelOperation.h"
+#include "Wirekit/UnboundedMplsLabelOperation.h"
+
+namespace {
+
+using namespace TunnelCtl;
+namespace TT = Tunnel::TunnelTable;
+
+// A small network: pe1 with one addressed uplink and a tunnel interface, and a peer.
+std::string net(const std::string& tunnels) {
+   return R"({"name": "t", "localRouter": "pe1", "routers": [
+      {"name": "pe1", "loopback": "10.255.0.1", "interfaces": [
+         {"name": "Ethernet1", "address": "10.0.0.0/31", "peer": "p1"},
+         {"name": "Tunnel10"}]},
+      {"name": "p1", "loopback": "10.255.0.2", "interfaces": [
+         {"name": "Ethernet1", "address": "10.0.0.1/31", "peer": "pe1"}]}],
+    "tunnels": [)" +
+          tunnels + "]}";
+}
+
+std::string errorOf(const std::string& text) {
+   try {
+      parseDescription(text, "bad.json");
+   } catch (const DescriptionError& e) {
+      return e.what();
+   }
+   return "(no error)";
+}
+
+const DescribedTunnel& only(const Description& d) {
+   EXPECT_EQ(d.tunnels.size(), 1u);
+   return d.tunnels.at(0);
+}
+
+TEST(Description, BundledExampleFillsEveryTableItDescribes) {
+   const Description d = loadDescription(std::string(TUNNEL_SOURCE_DIR) + "/examples/network.json");
+   EXPECT_EQ(d.routers.size(), 24u);
+   EXPECT_EQ(d.localRouter, "pe1");
+   EXPECT_EQ(d.tunnels.size(), 92u);
+   std::vector<std::string> tables;
+   for (const auto* t : d.tables()) tables.push_back(t->mountName);
+   const std::vector<std::string> expected = {"bgpLu",
+                                              "bgpLuPush",
+                                              "ldp",
+                                              "rsvpFrr",
+                                              "rsvpLer",
+                                              "sr",
+                                              "ospfSr",
+                                              "static",
+                                              "nexthopGroup",
+                                              "srTeSegmentList",
+                                              "greTunnelInterface",
+                                              "ipsecVtiTunnelInterface",
+                                              "ipsecGreTunnelInterface",
+                                              "evpnVxlan",
+                                              "tiLfa",
+                                              "srTePolicy",
+                                              "nimboSdkSbfd",
+                                              "isisFlexAlgoTunnel"};
+   EXPECT_EQ(tables, expected);
+   for (const auto& t : d.tunnels) {
+      EXPECT_EQ(t.id.tunnelType(), t.table->type->tunnelType) << t.path;
+      EXPECT_TRUE(t.write) << t.path;
+   }
+   // The update differs by exactly its five edits.
+   const Description u =
+       loadDescription(std::string(TUNNEL_SOURCE_DIR) + "/examples/network-update.json");
+   EXPECT_EQ(u.tunnels.size(), 92u - 2 + 2);
+}
+
+TEST(Description, LdpTunnelIsBuiltFieldByField) {
+   const Description d = parseDescription(net(R"({"table": "ldp", "index": 7, "name": "ldp-p1",
+       "endpoint": "p1", "entryPref": 40, "entryMetric": 20, "tunnelBw": 1.5, "igpMetric": 21,
+       "igpMetric2": 22, "igpPref": 23, "igpPref2": 24, "vias": [
+         {"nextHop": "10.0.0.1", "interface": "Ethernet1", "labels": "push 24002"},
+         {"nextHop": "10.0.0.1", "interface": "Ethernet1"}]})"),
+                                          "ok.json");
+   TT::LdpTunnelTableEntry e(TT::TunnelId(0x300000000007));
+   e.nameIs("ldp-p1");
+   e.endpointIs(TT::TepIndex(0u), Wirekit::IpGenPrefix("10.255.0.2/32"));
+   e.entryPrefIs(TT::TunnelEntryPref(40));
+   e.entryMetricIs(20);
+   e.tunnelBwIs(TT::TunnelBandwidth(1.5f));
+   e.igpMetricIs(21);
+   e.igpMetric2Is(22);
+   e.igpPrefIs(TT::TunnelIgpPref(23));
+   e.igpPref2Is(24);
+   e.viaIs(TT::ViaIndex(uint16_t(0)),
+           TT::MplsVia(Wirekit::IpGenAddr("10.0.0.1"), Wirekit::IntfId("Ethernet1"),
+                       Wirekit::MplsLabelOperation::push({24002})));
+   e.viaIs(TT::ViaIndex(uint16_t(1)),
+           TT::MplsVia(Wirekit::IpGenAddr("10.0.0.1"), Wirekit::IntfId("Ethernet1")));
+   const auto& t = only(d);
+   EXPECT_EQ(t.table->mountName, "ldp");
+   EXPECT_EQ(t.id, e.tunnelId());
+   EXPECT_EQ(t.path, "tunnels[0]");
+   EXPECT_EQ(t.text, valueToStrep(e));
+   EXPECT_NE(
+       t.text.find("'entryPref': Value('Tunnel::TunnelTable::TunnelEntryPref', ** {'value': 40})"),
+       std::string::npos)
+       << t.text;
+}
+
+TEST(Description, DefaultsReferencesAndAllocatedIndexes) {
+   // Without entryPref the entry keeps its type's default (static: 15).
+   auto d = parseDescription(net(R"({"table": "static", "index": 3})"), "ok.json");
+   EXPECT_EQ(only(d).text, valueToStrep(TT::StaticTunnelTableEntry(TT::TunnelId(0x500000000003))));
+
+   // A BGP-LU via into an LDP tunnel is the dynamic tunnel interface of that tunnel.
+   d = parseDescription(net(R"({"table": "bgpLu", "index": 1, "labels": "push 100200",
+       "vias": [{"tunnel": {"table": "ldp", "index": 9}}], "contribution": "contributing",
+       "bgpMetricType": "aigpMetric"})"),
+                        "ok.json");
+   TT::BgpLuTunnelTableEntry lu(TT::TunnelId(0x200000000001));
+   lu.viaIs(TT::ViaIndex(uint16_t(0)), TT::Via::tunnelIdVia(TT::TunnelId(0x300000000009)));
+   lu.labelsIs(Wirekit::UnboundedMplsLabelOperation::push({100200}));
+   lu.contributionIs(TT::ContributionToTunnelRIB::contributing);
+   lu.bgpMetricTypeIs(Wirekit::MetricType::aigpMetric);
+   EXPECT_EQ(only(d).text, valueToStrep(lu));
+
+   // Interface tunnels take the port of their TunnelN interface as index and info port.
+   d = parseDescription(net(R"({"table": "greTunnelInterface", "interface": "Tunnel70000"})"),
+                        "ok.json");
+   EXPECT_EQ(only(d).id, TT::TunnelId(0x900000000000 | (70000 & 0xFFFF)));
+   EXPECT_NE(only(d).text.find("'tunnelIntfPort': 70000"), std::string::npos) << only(d).text;
+
+   // EVPN VXLAN tunnels without an index get the next one after the largest so far.
+   d = parseDescription(net(R"({"table": "evpnVxlan"}, {"table": "evpnVxlan", "index": 10},
+       {"table": "evpnVxlan"})"),
+                        "ok.json");
+   ASSERT_EQ(d.tunnels.size(), 3u);
+   EXPECT_EQ(d.tunnels[0].id.tunnelIndex(), 1u);
+   EXPECT_EQ(d.tunnels[1].id.tunnelIndex(), 10u);
+   EXPECT_EQ(d.tunnels[2].id.tunnelIndex(), 11u);
+}
+
+TEST(Description, MistakesNameTheFileThePlaceAndWhatIsWrong) {
+   const std::pair<std::string, std::string> cases[] = {
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "x"}]})",
+        "bad.json: tunnels[0].vias[0].nextHop: bad IPv4/IPv6 address 'x'"},
+       {R"({"table": "ldp", "index": 1}, {"table": "sr", "index": 1, "vias": [{}, {"nextHop": "10.0.0.300"}]})",
+        "bad.json: tunnels[1].vias[0]: missing key 'nextHop'"},
+       {R"({"table": "ldpp", "index": 1})",
+        "bad.json: tunnels[0].table: unknown table 'ldpp' (known: bgpLu, bgpLuPush, ldp, "
+        "rsvpFrr, rsvpLerSub, rsvpLer, sr, ospfSr, static, nexthopGroup, srTeSegmentList, "
+        "greTunnelInterface, ipsecVtiTunnelInterface, ipsecGreTunnelInterface, evpnVxlan, tiLfa, "
+        "srTePolicy, nimboSdkSbfd, isisFlexAlgoTunnel)"},
+       {R"({"table": "mldpTunnel", "index": 1})",
+        "bad.json: tunnels[0].table: table 'mldpTunnel' is not served by tunnelctl"},
+       {R"({"table": "ldp"})", "bad.json: tunnels[0]: missing key 'index'"},
+       {R"({"table": "static", "index": 1, "igpMetric": 5})",
+        "bad.json: tunnels[0].igpMetric: unknown key for table 'static'"},
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.0.1", "label": "push 1"}]})",
+        "bad.json: tunnels[0].vias[0].label: unknown key in an MPLS via"},
+       {R"({"table": "ldp", "index": 4}, {"table": "sr", "index": 4}, {"table": "ldp", "index": 4})",
+        "bad.json: tunnels[2]: duplicate tunnel: ldp index 4 is also tunnels[0]"},
+       {R"({"table": "ldp", "index": 8796093022208})",
+        "bad.json: tunnels[0].index: expected a whole number from 0 to 8796093022207, got "
+        "8796093022208"},
+       {R"({"table": "ldp", "index": -1})",
+        "bad.json: tunnels[0].index: expected a whole number from 0 to 18446744073709551615, got "
+        "-1"},
+       {R"({"table": "ldp", "index": 1, "entryPref": 256})",
+        "bad.json: tunnels[0].entryPref: expected a whole number from 0 to 255, got 256"},
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.0.1", "interface": "Ethernet2"}]})",
+        "bad.json: tunnels[0].vias[0].interface: 'Ethernet2' is not an interface of router 'pe1'"},
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.9.1", "interface": "Ethernet1"}]})",
+        "bad.json: tunnels[0].vias[0].nextHop: 10.0.9.1 is not on the subnet of Ethernet1 "
+        "(10.0.0.0/31)"},
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.0.1", "interface": "eth1"}]})",
+        "bad.json: tunnels[0].vias[0].interface: bad interface name 'eth1'"},
+       {R"({"table": "sr", "index": 1, "endpoint": ["p1", "pe9"]})",
+        "bad.json: tunnels[0].endpoint[1]: bad endpoint 'pe9': not an IPv4/IPv6 prefix or "
+        "address, nor a router name"},
+       {R"({"table": "sr", "index": 1, "endpoint": ["p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1","p1"]})",
+        "bad.json: tunnels[0].endpoint: at most 16 endpoints, got 17"},
+       {R"({"table": "static", "index": 1, "name": ")" + std::string(129, 'n') + R"("})",
+        "bad.json: tunnels[0].name: a name has at most 128 characters, got 129"},
+       {R"({"table": "greTunnelInterface", "interface": "Tunnel10", "index": 10})",
+        "bad.json: tunnels[0].index: an interface tunnel's index is its interface's port; give "
+        "only \"interface\""},
+       {R"({"table": "greTunnelInterface", "interface": "Ethernet1"})",
+        "bad.json: tunnels[0].interface: 'Ethernet1' is not a tunnel interface (TunnelN)"},
+       {R"({"table": "bgpLu", "index": 1, "contribution": "yes"})",
+        "bad.json: tunnels[0].contribution: bad contribution 'yes' (notContributing, "
+        "contributing or contributingAsBackup)"},
+       {R"({"table": "srTePolicy", "index": 1, "nexthopTunnel": {"table": "srTeSegmentList"}})",
+        "bad.json: tunnels[0].nexthopTunnel: missing key 'index'"},
+       {R"({"table": "rsvpLer", "index": 1, "isPrimaryViaUsable": 1})",
+        "bad.json: tunnels[0].isPrimaryViaUsable: expected true or false, got 1"},
+   };
+   for (const auto& [tunnels, message] : cases) {
+      EXPECT_EQ(errorOf(net(tunnels)), message) << tunnels;
+   }
+   // Mistakes outside the tunnels.
+   EXPECT_EQ(errorOf(R"({"tunnels": [], "localRouter": "pe1"})"),
+             "bad.json: localRouter: unknown router 'pe1'");
+   EXPECT_EQ(errorOf(R"({"tunnels": {}})"), "bad.json: tunnels: expected an array, got {}");
+   EXPECT_EQ(errorOf(R"({"tunel": []})"), "bad.json: (top level): missing key 'tunnels'");
+   EXPECT_EQ(errorOf(R"({"tunnels": [], "colour": 1})"), "bad.json: colour: unknown key");
+   EXPECT_EQ(errorOf(R"({"tunnels": [], "routers": [{"name": "a", "loopback": "10.0.0.1",
+       "interfaces": [{"name": "Ethernet1", "peer": "b"}]}]})"),
+             "bad.json: routers[0].interfaces[0].peer: unknown router 'b'");
+   EXPECT_EQ(errorOf(R"({"tunnels": [], "routers": [{"name": "a", "loopback": "10.0.0.1",
+       "interfaces": [{"name": "Ethernet1", "address": "10.0.0.1"}]}]})"),
+             "bad.json: routers[0].interfaces[0].address: bad interface address '10.0.0.1' (an "
+             "address and a length, as 10.0.0.1/31)");
+}
+
+TEST(Description, SyntaxErrorsGiveTheLine) {
+   EXPECT_EQ(errorOf("{\n  \"tunnels\": [\n    {\"table\": \"ldp\",, }\n  ]\n}\n"),
+             "bad.json:3: syntax error while parsing object key - unexpected ','; expected string "
+             "literal");
+   EXPECT_EQ(errorOf("{\"tunnels\": [\n"),
+             "bad.json:2: syntax error while parsing value - unexpected end of input; expected "
+             "'[', '{', or a literal");
+   try {
+      loadDescription("/nonexistent/net.json");
+      FAIL() << "no error";
+   } catch (const DescriptionError& e) {
+      EXPECT_STREQ(e.what(), "/nonexistent/net.json: cannot read: No such file or directory");
+   }
+}
+
+}  // namespace

@@ -1,0 +1,123 @@
+#!/bin/bash
+# tunnelctl driven as a person drives it, with real processes: a publishing writer agent, `show`
+# and `watch` readers in other processes, a refused second writer, a reload that readers are told
+# of key by key, `validate` on a healthy and on a damaged table, and the error paths.
+# Usage: tunnelctl_processes_test.sh TUNNELCTL SOURCE_DIR
+set -u
+ctl=$1
+src=$2
+work=$(mktemp -d /tmp/tunnelctl-test.XXXXXX)
+export TUNNEL_SHMEM_ROOT=$work/root
+mkdir -p "$TUNNEL_SHMEM_ROOT"
+pids=()
+cleanup() {
+   for p in "${pids[@]}"; do kill -KILL "$p" 2>/dev/null; done
+   wait 2>/dev/null
+   rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+   echo "FAIL: $*"
+   for f in "$work"/*.out "$work"/*.err; do [ -f "$f" ] && { echo "--- $f"; cat "$f"; }; done
+   exit 1
+}
+# wait_for FILE PATTERN SECONDS
+wait_for() {
+   for _ in $(seq $(($3 * 20))); do
+      grep -q -- "$2" "$1" 2>/dev/null && return 0
+      sleep 0.05
+   done
+   fail "'$2' did not appear in $1 within $3 s"
+}
+expect_eq() { [ "$1" == "$2" ] || fail "$3: expected [$2], got [$1]"; }
+
+cp "$src/examples/network.json" "$work/net.json"
+
+# A writer agent publishes the example.
+"$ctl" publish "$work/net.json" >"$work/publish.out" 2>"$work/publish.err" &
+pub=$!
+pids+=($pub)
+wait_for "$work/publish.out" '^ready: 92 tunnels in 18 tables under ' 30
+grep -qx 'ldp: 23 tunnels (23 written, 0 removed)' "$work/publish.out" || fail "publish summary"
+grep -qx 'evpnVxlan: 6 tunnels (6 written, 0 removed)' "$work/publish.out" || fail "publish summary"
+
+# A second writer of the same tables is refused.
+"$ctl" publish --once "$work/net.json" >"$work/second.out" 2>"$work/second.err"
+expect_eq $? 1 "second writer exit status"
+grep -q "^tunnelctl: table $TUNNEL_SHMEM_ROOT/tunnel/table/bgpLu/entry already has a live writer (pid $pub); owner file says \"pid:$pub host:" \
+   "$work/second.err" || fail "second writer message names the writer"
+
+# list: every table, its live writer, its entries.
+"$ctl" list >"$work/list.out" 2>&1 || fail "list"
+line=$(grep '^ldp ' "$work/list.out")
+[[ $line =~ ^ldp\ +pid\ $pub\ \(alive\)\ +23\ +[0-9]+\ +[0-9]+$ ]] || fail "list ldp line: $line"
+expect_eq "$(grep -c '(alive)' "$work/list.out")" 18 "tables with a live writer"
+
+# show --json in another process: what a reader sees.
+"$ctl" show ldp --json >"$work/show.out" 2>"$work/show.err" || fail "show --json"
+grep -q '"count": 23,' "$work/show.out" || fail "show count"
+expect_eq "$(grep -c '"text": "Value(.Tunnel::TunnelTable::LdpTunnelTableEntry.' "$work/show.out")" 23 "ldp entries shown"
+grep -q '"tunnelId": 52776558133257,' "$work/show.out" || fail "show ldp index 9 (0x300000000009)"
+"$ctl" show static >"$work/static.out" 2>&1 || fail "show static"
+expect_eq "$(head -1 "$work/static.out")" "static: 3 entries" "show static header"
+
+# watch in two more processes, then the writer reloads an edited description (SIGHUP).
+"$ctl" watch ldp --count 1 --seconds 30 >"$work/watch-ldp.out" 2>&1 &
+wl=$!
+pids+=($wl)
+"$ctl" watch static --count 1 --seconds 30 >"$work/watch-static.out" 2>&1 &
+ws=$!
+pids+=($ws)
+wait_for "$work/watch-ldp.out" '^ldp: synchronized, 23 entries$' 20
+wait_for "$work/watch-static.out" '^static: synchronized, 3 entries$' 20
+cp "$src/examples/network-update.json" "$work/net.json"
+kill -HUP $pub
+wait_for "$work/publish.out" '^reloaded .*: 5 changes$' 20
+wait $wl || fail "watch ldp exit status"
+wait $ws || fail "watch static exit status"
+grep -q "^ldp index 9 changed: Value('Tunnel::TunnelTable::LdpTunnelTableEntry', .*'entryMetric': 40," \
+   "$work/watch-ldp.out" || fail "watch saw the ldp change"
+grep -qx 'ldp: 1 changes' "$work/watch-ldp.out" || fail "watch ldp count"
+grep -qx 'static index 3 removed' "$work/watch-static.out" || fail "watch saw the static removal"
+for c in 'ldp index 9: written' 'static index 3: removed' 'bgpLu index 305: removed' \
+   'sr index 23: written' 'evpnVxlan index 7: written'; do
+   grep -qx "$c" "$work/publish.out" || fail "reload change '$c'"
+done
+
+# validate a healthy table.
+"$ctl" validate ldp >"$work/valid.out" 2>&1 || fail "validate healthy"
+expect_eq "$(cat "$work/valid.out")" "ldp: valid: 23 occupied slots, $(($(grep '^ldp ' "$work/list.out" | awk '{print $6}') - 23)) free slots, 23 slab entries" "validate output"
+
+# The writer stops; its files stay, and list shows the writer gone.
+kill -TERM $pub
+wait $pub || fail "publish exit status"
+grep -qx 'stopped' "$work/publish.out" || fail "publish stopped"
+"$ctl" list >"$work/list2.out" 2>&1 || fail "list after stop"
+grep -q "^ldp  *pid $pub (gone)  *23 " "$work/list2.out" || fail "list shows the writer gone"
+
+# Damage a byte of the slot file: validation fails with the store's message, exit 1.
+slots=$TUNNEL_SHMEM_ROOT/tunnel/table/ldp/entry/slots
+printf '\x7f' | dd of="$slots" bs=1 seek=540 conv=notrunc status=none
+"$ctl" validate ldp >"$work/damaged.out" 2>"$work/damaged.err"
+expect_eq $? 1 "validate damaged exit status"
+grep -Eqx 'tunnelctl: Dock tunnel/table/ldp/entry validation failed: checksum fail: [0-9a-f]+ != [0-9a-f]+' \
+   "$work/damaged.err" || fail "validate damaged header message"
+"$ctl" validate static >/dev/null 2>&1 || fail "other tables stay valid"
+# A byte of a slot (the first slot's flags: the first entry written lives there).
+printf '\xff' | dd of="$TUNNEL_SHMEM_ROOT/tunnel/table/static/entry/slots" bs=1 seek=608 conv=notrunc status=none
+"$ctl" validate static >/dev/null 2>"$work/damaged-slot.err"
+expect_eq $? 1 "validate damaged slot exit status"
+expect_eq "$(cat "$work/damaged-slot.err")" "tunnelctl: Dock tunnel/table/static/entry validation failed: stuck LOOKASIDE bit: 0xff" "validate damaged slot message"
+
+# Error paths.
+"$ctl" show rsvpLerSub >"$work/missing.out" 2>"$work/missing.err"
+expect_eq $? 1 "show of a table nobody published"
+expect_eq "$(cat "$work/missing.err")" "tunnelctl: no table 'rsvpLerSub' under $TUNNEL_SHMEM_ROOT (no writer has published it)" "missing table message"
+"$ctl" validate ldpp >/dev/null 2>"$work/unknown.err"
+expect_eq $? 2 "unknown table exit status"
+grep -q "^tunnelctl: unknown table 'ldpp' (known: bgpLu, bgpLuPush, ldp, " "$work/unknown.err" || fail "unknown table message"
+printf '{"tunnels": [{"table": "ldp", "index": 1, "vias": [{"nextHop": "x"}]}]}' >"$work/bad.json"
+"$ctl" publish --once "$work/bad.json" >/dev/null 2>"$work/bad.err"
+expect_eq $? 1 "bad description exit status"
+expect_eq "$(cat "$work/bad.err")" "tunnelctl: $work/bad.json: tunnels[0].vias[0].nextHop: bad IPv4/IPv6 address 'x'" "bad description message"
+echo PASS
