@@ -365,7 +365,7 @@ class TunnelReader {
       auto entry = std::make_shared<const E>(e);
       t.id = e.tunnelId();
       t.text = valueToStrep(e);
-      t.write = [entry, path = t.path](TT::TunnelTableBase& base) {
+      t.write = [entry](TT::TunnelTableBase& base) {
          auto* table = dynamic_cast<Table*>(&base);
          VELA_ASSERT(table && "the writer mounted for a described tunnel has its table's class");
          table->entryIs(*entry);
