@@ -388,7 +388,7 @@ class DockShadow {
   private:
    const Notify& current() const { return (!syncedOnce_ && initial_) ? *initial_ : steady_; }
    uint32_t bucketHash(const K& key) const {
-      return reverseBits(KeyTraits<K>::hash(key, hashSeed_));
+      return reverseHash(KeyTraits<K>::hash(key, hashSeed_));
    }
 
    bool attachFiles() {

@@ -156,6 +156,46 @@ TEST(DockShadow, ReportsEachKeyAddedChangedAndRemoved) {
    EXPECT_TRUE(r.validateAgainstHerald(reason)) << reason;
 }
 
+TEST(DockShadow, LongCatchUpYieldsToTheLoopAndHeadersDump) {
+   Testing::TempRoot root;
+   Writer w(config(1 << 14));
+   w.initialize("t/yield");
+   Loom::EventLoop loop;
+   Shadow r("yield", w.directory(), loop);
+   Seen seen;
+   seen.attach(r);
+   ASSERT_TRUE(r.initialize());
+   const auto anchor = r.getCacheVersionAnchor();
+   EXPECT_TRUE(anchor.valid());
+   r.yieldTimeIs(1e-9);  // every check of the clock finds the turn over
+   for (uint64_t k = 1; k <= 3000; ++k) w.write(Value(k, 1, 1));
+   w.flush();
+   // Another task posted meanwhile runs between the reader's turns.
+   bool otherRan = false;
+   loop.post([&] { otherRan = true; });
+   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+   EXPECT_TRUE(otherRan);
+   EXPECT_GT(r.readerCounters().yields, 10u);
+   EXPECT_EQ(seen.values.size(), 3000u);
+   // The slot file grew: the anchor follows the resize, the view stays valid.
+   EXPECT_TRUE(r.validateVersionAnchor());
+   EXPECT_NE(r.getCacheVersionAnchor(), anchor);
+   const std::string dump = r.dumpHeaders();
+   EXPECT_EQ(dump.rfind("magic:0x544f4c534b434f44 version:23 relume:", 0), 0u) << dump;
+   EXPECT_NE(dump.find(fmt::format("numSlots:{}", w.capacity())), std::string::npos);
+   EXPECT_NE(dump.find(fmt::format("herald capacity:16384 relume:{} writerPos:{} readerPos:{}",
+                                   w.relumeId(), w.sequence(), w.sequence())),
+             std::string::npos)
+       << dump;
+   // Callbacks off: the shadow still follows, the table hears nothing.
+   r.notifyingIs(false);
+   w.write(Value(1, 5, 5));
+   w.flush();
+   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+   EXPECT_EQ(seen.values.at(1), Value(1, 1, 1));
+   EXPECT_EQ(r.lookup(1), Value(1, 5, 5));
+}
+
 TEST(DockShadow, KeyShadowAnnouncesEveryNotifiedWrite) {
    Testing::TempRoot root;
    Writer w(config());

@@ -36,7 +36,7 @@ struct ShadowRecord {
 };
 
 // The bucket hash of a key hash.
-constexpr uint32_t reverseBits(uint32_t v) {
+constexpr uint32_t reverseHash(uint32_t v) {
    v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
    v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
    v = ((v >> 4) & 0x0F0F0F0Fu) | ((v & 0x0F0F0F0Fu) << 4);

@@ -20,10 +20,10 @@ std::vector<const ShadowRecord*> chain(const ShadowHashMap& m, uint32_t bucket) 
 }
 
 TEST(ShadowHashMap, ReverseBitsMirrorsTheWord) {
-   EXPECT_EQ(reverseBits(1u), 0x80000000u);
-   EXPECT_EQ(reverseBits(0x80000000u), 1u);
-   EXPECT_EQ(reverseBits(0x0000000Fu), 0xF0000000u);
-   EXPECT_EQ(reverseBits(0x12345678u), 0x1E6A2C48u);
+   EXPECT_EQ(reverseHash(1u), 0x80000000u);
+   EXPECT_EQ(reverseHash(0x80000000u), 1u);
+   EXPECT_EQ(reverseHash(0x0000000Fu), 0xF0000000u);
+   EXPECT_EQ(reverseHash(0x12345678u), 0x1E6A2C48u);
 }
 
 TEST(ShadowHashMap, GrowingFromOneToTwoBucketsMovesExactlyTheTopBitEntriesInOrder) {
