@@ -61,11 +61,18 @@ void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t has
    uint32_t counter = sizeWordCounter(old) | 1u;
    header_->sizeWord.store(makeSizeWord(counter, numBuckets), std::memory_order_relaxed);
    releaseFence();  // pairs with the reader's acquire fence
-   header_->magic = kBucketMagic;
-   header_->version = kBucketVersion;
-   header_->relume = relume;
-   header_->hashSeed = hashSeed;
-   header_->check = checkOf(*header_);
+   // The file may be rewritten in place under readers (a restarted writer): atomic stores, so
+   // that a reader's concurrent copy is a race-free, retried read rather than a data race.
+   std::atomic_ref<uint64_t>(header_->magic).store(kBucketMagic, std::memory_order_relaxed);
+   std::atomic_ref<uint32_t>(header_->version).store(kBucketVersion, std::memory_order_relaxed);
+   std::atomic_ref<uint32_t>(header_->relume).store(relume, std::memory_order_relaxed);
+   std::atomic_ref<uint32_t>(header_->hashSeed).store(hashSeed, std::memory_order_relaxed);
+   BucketHeader fields{};
+   fields.magic = kBucketMagic;
+   fields.version = kBucketVersion;
+   fields.relume = relume;
+   fields.hashSeed = hashSeed;
+   std::atomic_ref<uint32_t>(header_->check).store(checkOf(fields), std::memory_order_relaxed);
    for (uint32_t i = 0; i < numBuckets; ++i) heads_[i].store(kNone, std::memory_order_relaxed);
    numBuckets_ = numBuckets;
    header_->sizeWord.store(makeSizeWord(counter + 1, numBuckets), std::memory_order_release);

@@ -42,6 +42,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "Loom/CorruptionException.h"
 #include "Loom/EventLoop.h"
@@ -201,6 +202,11 @@ class DockWriter {
       }
       table_.attach(dir_ + "/" + kSlotsFile);
       if (!table_.attached()) throw Vela::Exception("slot table shorter than its header");
+      // The slot table next, before any slab: from here until the relume file names this
+      // generation, readers fail the slot header's relume check and wait, instead of attaching
+      // under the old relume to slabs that already carry the new one (a writer killed in between
+      // would leave them unable to read any entry while the slots look stable).
+      std::atomic_ref<uint32_t>(table_.header()->relume).store(relume_, std::memory_order_release);
       allocator_ = std::make_unique<Tessel::WriterAllocator>(
           dir_, Tessel::LinearSizeConfig(config_.maxValueSize), relume_);
       allocator_->attach();
@@ -259,7 +265,11 @@ class DockWriter {
 
    // Inserts or replaces the value of KeyOf()(value). Throws TableFullError.
    void write(const V& value) {
-      directWrite(KeyOf()(value));
+      const K key = KeyOf()(value);
+      const uint32_t hash = hash_->hashOf(key);
+      const uint32_t s = hash_->lookup(key, hash);
+      if (s != kNone) prefetchSlot(s);
+      openDirect(s, key, hash);
       directCommit(value);
    }
 
@@ -317,22 +327,26 @@ class DockWriter {
          VELA_FAIL("not in direct mode! Make sure the DirectIs/Commit are properly paired!");
       }
       VELA_ASSERT(sameKey(KeyOf()(value), directKey_) && "direct commit of another key");
+      // Serialized privately first: it needs no shared line, so it overlaps the misses on the
+      // slot and the old entry that write() prefetched.
       auto* h = table_.header();
       Slot& slot = table_.slot(s);
-      const uint32_t flags = slot.flags.load(std::memory_order_relaxed);
-      // Release fence: every store below (the new entry's payload, which may reuse an entry a
-      // reader is still copying, and the slot's words) is ordered after every earlier flags
-      // store; pairs with the reader's acquire fence before its flags re-check.
-      releaseFence();
       Tessel::SlabValue nv;
+      uint32_t flags;
       try {
-         nv = dynamic_->setValue(s, value);
+         const uint32_t length = value.serializeLen();
+         if (scratch_.size() < length) scratch_.resize(length);
+         value.serialize(scratch_.data());
+         flags = slot.flags.load(std::memory_order_relaxed);
+         nv = storeEntry(s, length);
       } catch (...) {
+         flags = slot.flags.load(std::memory_order_relaxed);
          // Nothing was published: give a newly taken slot back and close direct mode.
          if (!(flags & kOccupied)) table_.freeSlot(s);
          closeDirect();
          throw;
       }
+      table_.records()[s].offsetHint = nv.offset.value;
       if (flags & kOccupied) {
          const Tessel::Offset old = offsetOf(s);
          Lookaside& la = h->lookaside;
@@ -394,16 +408,18 @@ class DockWriter {
    V valueAt(uint32_t slot) { return dynamic_->getValue(offsetOf(slot)); }
    const K& keyAt(uint32_t slot) const { return table_.records()[slot].key; }
 
-   // Iteration in bucket order. A position is (slot, flags word when saved): next() continues
-   // along the slot's chain when the slot still carries that word (the fast path), else finds
-   // the key again by a fresh lookup (the slow path). Returns kNone at the end.
-   uint32_t firstSlot() const { return hash_->firstFrom(0); }
+   // Iteration in the index's order (see WriterHashMap). A position is (slot, flags word when
+   // saved) plus the key: next() continues from the slot when it still carries that word (the
+   // fast path), else from the first key after the position's key (the slow path), which also
+   // holds when that key was removed or the buckets were resized meanwhile. Returns kNone at the
+   // end.
+   uint32_t firstSlot() const { return hash_->first(); }
    uint32_t nextSlot(const K& key, uint32_t slot, uint32_t version) {
       try {
          auto& r = table_.records().at(slot);
          if (table_.slot(slot).flags.load(std::memory_order_relaxed) == version &&
-             sameKey(r.key, key)) {
-            return successor(slot);
+             (version & kOccupied) && sameKey(r.key, key)) {
+            return hash_->successor(slot);
          }
       } catch (const std::exception& e) {
          SPOOR_TRACE(writerTrace(), 5,
@@ -411,11 +427,7 @@ class DockWriter {
                      "to find out",
                      e.what());
       }
-      const uint32_t hash = hash_->hashOf(key);
-      const uint32_t s = hash_->lookup(key, hash);
-      if (s != kNone) return successor(s);
-      // The key went away: continue with the bucket after its own.
-      return hash_->firstFrom((hash & (hash_->numBuckets() - 1)) + 1);
+      return hash_->after(hash_->hashOf(key), key);
    }
    uint32_t flagsOf(uint32_t slot) const {
       return table_.slot(slot).flags.load(std::memory_order_relaxed);
@@ -536,6 +548,7 @@ class DockWriter {
    void versionAnchorIs() { anchor_ = currentAnchor(); }
 
    Table& table() { return table_; }
+   const BucketWriter& bucketFile() const { return buckets_; }
    HeraldWriter& herald() { return herald_; }
    Tessel::WriterAllocator& allocator() { return *allocator_; }
 
@@ -561,7 +574,7 @@ class DockWriter {
 
    void openDirect(uint32_t s, const K& key, uint32_t hash) {
       checkNotOpen(key);
-      if (s == kNone) s = table_.allocSlot(name_);
+      if (s == kNone) s = table_.allocSlot(name_, criticalTaskCheck_);
       directSlot_ = s;
       directKey_ = key;
       directHash_ = hash;
@@ -579,10 +592,30 @@ class DockWriter {
                             std::memory_order_release);
    }
 
-   uint32_t successor(uint32_t s) const {
-      const uint32_t n = table_.records()[s].next;
-      if (n != kNone) return n;
-      return hash_->firstFrom((table_.records()[s].hash & (hash_->numBuckets() - 1)) + 1);
+   // Serializes nothing: moves scratch_[0, length) into a NEW slab entry that names slot `s`.
+   // SlabWriter::alloc's release fence orders these stores after every earlier flags store, so a
+   // reader still copying a reused entry sees its slot's flags change on its re-check.
+   Tessel::SlabValue storeEntry(uint32_t s, uint32_t length) {
+      const Tessel::Offset offset = allocator_->alloc(length + Tessel::kEntryOverhead);
+      SlabEntryHeader* entry = allocator_->lookup(offset);
+      Tessel::copyToShared(reinterpret_cast<uint8_t*>(entry) + kSlabEntryHeaderSize,
+                           scratch_.data(), length);
+      entry->clientData.store(s, std::memory_order_relaxed);
+      // Release: a reader that sees this size (acquire) sees the payload and clientData.
+      entry->payloadSize.store(int32_t(length), std::memory_order_release);
+      return Tessel::SlabValue{offset, length};
+   }
+
+   // Starts the cache misses a replacement of slot `s` will take: its slot line and the header
+   // of the entry its value is in (the private offset hint; a stale hint costs one wasted
+   // prefetch, never a wrong result).
+   void prefetchSlot(uint32_t s) {
+      __builtin_prefetch(&table_.slot(s), 1);
+      const Tessel::Offset o = Tessel::Offset::fromWord(table_.records()[s].offsetHint);
+      if (Tessel::SlabWriter* slab = allocator_->attachedSlab(o.slab());
+          slab && o.index() < slab->numEntries()) {
+         __builtin_prefetch(Tessel::entryAt(slab->file().data(), slab->entrySize(), o.index()), 1);
+      }
    }
 
    // Posts the slot to the herald, records the position in the slot, schedules the flush.
@@ -630,8 +663,13 @@ class DockWriter {
       Slot& ts = table_.slot(to);
       // Release fence: as in directCommit, the stores below follow every earlier flags store.
       releaseFence();
-      const V value = dynamic_->getValue(offsetOf(from));
-      const Tessel::SlabValue nv = dynamic_->setValue(to, value);
+      // The value's bytes as they are: nothing to deserialize and serialize again.
+      const Tessel::Offset fromOffset = offsetOf(from);
+      const uint32_t length =
+          uint32_t(allocator_->lookup(fromOffset)->payloadSize.load(std::memory_order_relaxed));
+      if (scratch_.size() < length) scratch_.resize(length);
+      Tessel::copyFromShared(scratch_.data(), allocator_->payload(fromOffset), length);
+      const Tessel::SlabValue nv = storeEntry(to, length);
       ts.offset.store(nv.offset.value, std::memory_order_relaxed);
       ts.length.store(nv.length, std::memory_order_relaxed);
       ts.keyHash.store(hash, std::memory_order_relaxed);
@@ -639,6 +677,7 @@ class DockWriter {
       // Release: the new slot's words before OCCUPIED.
       ts.flags.store(((tflags + kWriteStep) | kOccupied) & ~kLookaside, std::memory_order_release);
       if (!hash_->relink(from, to)) VELA_FAIL("fromSlot:{} not referenced", from);
+      rec[to].offsetHint = nv.offset.value;
       notify(to);
       herald_.postTombstone(from);
       const uint32_t fflags = fs.flags.load(std::memory_order_relaxed);
@@ -740,6 +779,7 @@ class DockWriter {
             throw Loom::CorruptionException(fmt::format("duplicate key in slot: {}", s));
          }
          rec[s].hash = hash;
+         rec[s].offsetHint = slot.offset.load(std::memory_order_relaxed);
          hash_->link(s, hash, key);
       }
       // Re-stamp the generation; readers re-attach when the relume file changes.
@@ -767,6 +807,7 @@ class DockWriter {
    std::function<void(const Region::VersionAnchor&)> versionAnchorHook_;
    std::function<void(bool)> onQuiesced_;
 
+   std::vector<uint8_t> scratch_;  // the value being published, serialized
    uint32_t directSlot_ = kNone;
    K directKey_{};
    uint32_t directHash_ = 0;

@@ -76,7 +76,7 @@ void SlotFile::publishSize(uint32_t numSlots) {
    }
 }
 
-uint32_t SlotFile::allocSlot(const std::string& name) {
+uint32_t SlotFile::allocSlot(const std::string& name, bool criticalCheck) {
    uint32_t s = header_->freeSlots.load(std::memory_order_relaxed);
    if (s == kNone) {
       const uint32_t occupied = header_->occupiedSlots.load(std::memory_order_relaxed);
@@ -90,7 +90,8 @@ uint32_t SlotFile::allocSlot(const std::string& name) {
                                           occupied, numSlots_, name));
       }
       const uint64_t wanted = std::max<uint64_t>(uint64_t(numSlots_) * 2, numSlots_ + minSlots_);
-      grow(uint32_t(std::min<uint64_t>(wanted, max)));
+      CriticalYield yield(criticalCheck);
+      grow(uint32_t(std::min<uint64_t>(wanted, max)), &yield);
       s = header_->freeSlots.load(std::memory_order_relaxed);
    }
    header_->freeSlots.store(slots_[s].next.load(std::memory_order_relaxed),
@@ -105,7 +106,7 @@ void SlotFile::freeSlot(uint32_t index) {
    header_->freeSlots.store(index, std::memory_order_relaxed);
 }
 
-void SlotFile::grow(uint32_t newNumSlots) {
+void SlotFile::grow(uint32_t newNumSlots, CriticalYield* yield) {
    VELA_ASSERT(newNumSlots > numSlots_);
    const size_t needed = SlotTable::fileSizeFor(newNumSlots);
    if (file_->size() < needed) {
@@ -115,7 +116,10 @@ void SlotFile::grow(uint32_t newNumSlots) {
    header_ = reinterpret_cast<SlotTableHeader*>(file_->data());
    slots_ = SlotTable::slots(header_);
    // The new slots may be left over from before a shrink (only whole pages were punched out):
-   // reset every word, flags included, before the new size is published.
+   // reset every word, flags included, before the new size is published. Readers do not look
+   // past numSlots, so the work can pause for critical tasks every few pages.
+   constexpr uint32_t kStep = 1024;
+   const uint32_t freeHead = header_->freeSlots.load(std::memory_order_relaxed);
    for (uint32_t i = old; i < newNumSlots; ++i) {
       Slot& s = slots_[i];
       s.keyHash.store(0, std::memory_order_relaxed);
@@ -123,8 +127,8 @@ void SlotFile::grow(uint32_t newNumSlots) {
       s.heraldPos.store(0, std::memory_order_relaxed);
       s.offset.store(0, std::memory_order_relaxed);
       s.length.store(0, std::memory_order_relaxed);
-      s.next.store(i + 1 < newNumSlots ? i + 1 : header_->freeSlots.load(std::memory_order_relaxed),
-                   std::memory_order_relaxed);
+      s.next.store(i + 1 < newNumSlots ? i + 1 : freeHead, std::memory_order_relaxed);
+      if (yield && (i - old) % kStep == kStep - 1) yield->check();
    }
    header_->freeSlots.store(old, std::memory_order_relaxed);
    publishSize(newNumSlots);

@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "Loom/Clock.h"
+#include "Loom/EventLoop.h"
 #include "Vela/Exception.h"
 #include "store/DockConfig.h"
 #include "store/Layout.h"
@@ -33,6 +35,35 @@ class MappedFile;
 }
 
 namespace Dock {
+
+// Runs the pending critical tasks every `budget` ticks of work; one per long operation.
+// (The slot file, the bucket rehash and the shrink all use it.)
+class CriticalYield {
+  public:
+   explicit CriticalYield(bool enabled) : enabled_(enabled) {
+      if (enabled_) {
+         budget_ = uint64_t(0.01 * Loom::Clock::ticksPerSecond());
+         start_ = Loom::Clock::ticks();
+      }
+   }
+   // Between two units of work.
+   void check() {
+      if (!enabled_) return;
+      const uint64_t now = Loom::Clock::ticks();
+      if (now - start_ >= budget_) {
+         Loom::runPendingCriticalTasks();
+         ++yields_;
+         start_ = Loom::Clock::ticks();
+      }
+   }
+   uint64_t yields() const { return yields_; }
+
+  private:
+   bool enabled_;
+   uint64_t budget_ = 0;
+   uint64_t start_ = 0;
+   uint64_t yields_ = 0;
+};
 
 // A write needed a slot and none could be had.
 class TableFullError : public Vela::Exception {
@@ -69,11 +100,13 @@ class SlotFile {
    // Pops a free slot, growing the file if the list is empty. Throws TableFullError with
    // "Dock table full (occupancy:{} tableSize:{}) {}" when numSlots == maxSlots. The returned
    // slot is neither free-listed nor occupied until the caller publishes it.
-   uint32_t allocSlot(const std::string& name);
+   // The growth yields to critical tasks every 10 ms when `criticalCheck` is on.
+   uint32_t allocSlot(const std::string& name, bool criticalCheck = false);
    // Pushes a slot whose OCCUPIED bit the caller has cleared back on the free list.
    void freeSlot(uint32_t index);
-   // Grows the file to newNumSlots (> numSlots), chaining the new slots onto the free list.
-   void grow(uint32_t newNumSlots);
+   // Grows the file to newNumSlots (> numSlots), chaining the new slots onto the free list. The
+   // new slots are laid down in steps between which `yield` runs critical tasks.
+   void grow(uint32_t newNumSlots, CriticalYield* yield = nullptr);
    // Drops every free slot at or above `threshold` from the free list.
    void purgeFreeSlots(uint32_t threshold);
    // Publishes newNumSlots (< numSlots) with the resize counter and releases the file's tail.
@@ -102,41 +135,72 @@ template <class K>
 class SlotWriterTable : public SlotFile {
   public:
    struct Record {
-      uint32_t next = kNone;  // next slot in the bucket chain, kNone ends it
-      uint32_t hash = 0;      // the key's bucket hash
+      uint32_t next = kNone;        // next slot in the bucket chain, kNone ends it
+      uint32_t hash = 0;            // the key's bucket hash
+      uint32_t offsetHint = kNone;  // the slot's value Offset word, only to prefetch its entry
       K key{};
    };
 
-   // One record per slot; at() checks the index.
+   // One record per slot; at() checks the index. Records live in fixed chunks so that growing
+   // never copies the records already there (a vector doubling a million records would stall
+   // the writer for as long as the copy takes); new chunks are added between critical-task
+   // checks.
    class Slots {
      public:
+      static constexpr uint32_t kChunkBits = 14;
+      static constexpr uint32_t kChunk = 1u << kChunkBits;
+
       Record& at(uint32_t index) {
-         if (index >= records_.size()) [[unlikely]] {
-            throw Vela::Exception(
-                fmt::format("out-of-range index: {} max:{}", index, records_.size()));
+         if (index >= size_) [[unlikely]] {
+            throw Vela::Exception(fmt::format("out-of-range index: {} max:{}", index, size_));
          }
-         return records_[index];
+         return (*this)[index];
       }
-      Record& operator[](uint32_t index) { return records_[index]; }
-      const Record& operator[](uint32_t index) const { return records_[index]; }
-      uint32_t size() const { return uint32_t(records_.size()); }
-      void resize(uint32_t n) { records_.resize(n); }
+      Record& operator[](uint32_t index) {
+         return chunks_[index >> kChunkBits][index & (kChunk - 1)];
+      }
+      const Record& operator[](uint32_t index) const {
+         return chunks_[index >> kChunkBits][index & (kChunk - 1)];
+      }
+      uint32_t size() const { return size_; }
+      // Keeps at least n records (never drops chunks: the table may grow back); records beyond
+      // the old size start out default. n == 0 releases everything.
+      void resize(uint32_t n, CriticalYield* yield = nullptr) {
+         if (n == 0) {
+            chunks_.clear();
+            size_ = 0;
+            return;
+         }
+         // Records kept from an earlier, larger size start out default again.
+         const uint64_t had = uint64_t(chunks_.size()) * kChunk;
+         for (uint64_t i = size_; i < n && i < had; ++i) (*this)[uint32_t(i)] = Record{};
+         while (uint64_t(chunks_.size()) * kChunk < n) {
+            chunks_.push_back(std::make_unique<Record[]>(kChunk));
+            if (yield) yield->check();
+         }
+         size_ = n;
+      }
 
      private:
-      std::vector<Record> records_;
+      std::vector<std::unique_ptr<Record[]>> chunks_;
+      uint32_t size_ = 0;
    };
 
    Slots& records() { return records_; }
    const Slots& records() const { return records_; }
 
    // Keeps the records as long as the file (call after create/attach/growth).
-   void syncRecords() {
-      if (records_.size() < numSlots()) records_.resize(numSlots());
+   void syncRecords(CriticalYield* yield = nullptr) {
+      if (records_.size() < numSlots()) records_.resize(numSlots(), yield);
    }
 
-   uint32_t allocSlot(const std::string& name) {
-      const uint32_t s = SlotFile::allocSlot(name);
-      syncRecords();
+   uint32_t allocSlot(const std::string& name, bool criticalCheck = false) {
+      if (header()->freeSlots.load(std::memory_order_relaxed) != kNone) {
+         return SlotFile::allocSlot(name);
+      }
+      CriticalYield yield(criticalCheck);
+      const uint32_t s = SlotFile::allocSlot(name, criticalCheck);
+      syncRecords(&yield);
       return s;
    }
 

@@ -5,23 +5,31 @@
 // the writer walks only its private records and stores every link change to both, so plain
 // readers can walk the same chains in shared memory.
 //
+// Order. A key's bucket is hash & (numBuckets - 1). Every chain is kept sorted by the key's
+// bit-reversed hash (ties: by key bytes), and iteration visits the buckets in bit-reversed index
+// order, so the whole index is one sequence sorted by (reversed hash, key) whatever the bucket
+// count. That makes a position in the iteration a key, not a slot: the step after a key that was
+// removed (entryDelAll removes as it iterates), or after a rehash, is the first key above it, and
+// no key is skipped or repeated. It also makes rehashing cheap: doubling splits each chain at one
+// point (the keys whose new hash bit is 1 are its tail) and halving appends a chain to its
+// partner's tail.
+//
 // Load: at most one entry per bucket on average. The caller grows the buckets (doubling) when
 // occupiedSlots exceeds the bucket count, and shrinks them (halving) when occupancy falls below a
 // quarter of the count - the gap between the two thresholds keeps a table that hovers around a
 // power of two from rehashing on every insert/remove pair. Neither goes below kInitialBuckets.
 //
-// Rehashing can touch a million slots. Between slots (not per bucket: one long chain must not
+// Rehashing walks up to a million slots. Between slots (not per bucket: one long chain must not
 // defeat the budget) it checks the processor clock and, every 10 ms, runs the process's pending
 // critical-priority tasks, when the critical-task check is on.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <type_traits>
 
-#include "Loom/Clock.h"
-#include "Loom/EventLoop.h"
 #include "Spoor/Trace.h"
 #include "store/BucketWriter.h"
 #include "store/KeyTraits.h"
@@ -38,33 +46,13 @@ bool sameKey(const K& a, const K& b) {
    }
 }
 
-// Runs the pending critical tasks every `budget` ticks of work; one per long operation.
-class CriticalYield {
-  public:
-   explicit CriticalYield(bool enabled) : enabled_(enabled) {
-      if (enabled_) {
-         budget_ = uint64_t(0.01 * Loom::Clock::ticksPerSecond());
-         start_ = Loom::Clock::ticks();
-      }
-   }
-   // Between two units of work.
-   void check() {
-      if (!enabled_) return;
-      const uint64_t now = Loom::Clock::ticks();
-      if (now - start_ >= budget_) {
-         Loom::runPendingCriticalTasks();
-         ++yields_;
-         start_ = Loom::Clock::ticks();
-      }
-   }
-   uint64_t yields() const { return yields_; }
-
-  private:
-   bool enabled_;
-   uint64_t budget_ = 0;
-   uint64_t start_ = 0;
-   uint64_t yields_ = 0;
-};
+// Reverses the bits of a 32-bit word.
+inline uint32_t bitReversed(uint32_t x) {
+   x = ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
+   x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
+   x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
+   return __builtin_bswap32(x);
+}
 
 template <class K>
 class WriterHashMap {
@@ -87,17 +75,25 @@ class WriterHashMap {
    }
    uint32_t lookup(const K& key) const { return lookup(key, hashOf(key)); }
 
-   // Links `slot` (holding key, hash) at the head of its bucket's chain.
+   // Links `slot` (holding key, hash) at its place in its bucket's chain.
    // REQUIRES: the key is not in the index; the slot's shared words other than next are stored.
    void link(uint32_t slot, uint32_t hash, const K& key) {
-      auto& r = table_.records()[slot];
+      auto& rec = table_.records();
+      auto& r = rec[slot];
       r.hash = hash;
       r.key = key;
       const uint32_t b = buckets_.bucketOf(hash);
-      r.next = buckets_.head(b);
-      table_.slot(slot).next.store(r.next, std::memory_order_relaxed);
+      uint32_t prev = kNone;
+      uint32_t s = buckets_.head(b);
+      while (s != kNone && before(rec[s].hash, rec[s].key, hash, key)) {
+         prev = s;
+         s = rec[s].next;
+      }
+      r.next = s;
+      table_.slot(slot).next.store(s, std::memory_order_relaxed);
       table_.slot(slot).keyHash.store(hash, std::memory_order_relaxed);
-      buckets_.headIs(b, slot);
+      // Release (in setNext): the slot's words are visible to a reader that follows the new link.
+      setNext(prev, b, slot);
    }
 
    // Unlinks `slot` from its chain; returns the bucket, or kNone when the slot was not linked.
@@ -132,90 +128,99 @@ class WriterHashMap {
       return false;
    }
 
-   // Doubles the bucket count and moves every slot whose hash now maps elsewhere.
+   // Doubles the bucket count: each chain's tail (the keys whose next hash bit is 1) moves to the
+   // new partner bucket.
    void growBuckets(bool criticalCheck, Spoor::Handle& trace) {
-      resize(buckets_.numBuckets() * 2, criticalCheck, trace);
-   }
-
-   // Halves the bucket count (not below kInitialBuckets); chains of the upper half are appended
-   // to their lower partners.
-   void shrinkBuckets(bool criticalCheck, Spoor::Handle& trace) {
-      if (buckets_.numBuckets() > kInitialBuckets) {
-         resize(buckets_.numBuckets() / 2, criticalCheck, trace);
-      }
-   }
-
-   // Relinks every chain for a new bucket count (growth or shrink, any power of two).
-   void resize(uint32_t newCount, bool criticalCheck, Spoor::Handle& trace) {
       const uint32_t oldCount = buckets_.numBuckets();
-      SPOOR_TRACE(trace, 5, "growing from: {} to: {}", oldCount, newCount);
+      SPOOR_TRACE(trace, 5, "growing from: {} to: {}", oldCount, oldCount * 2);
       auto& rec = table_.records();
       CriticalYield yield(criticalCheck);
-      buckets_.beginResize(std::max(oldCount, newCount));
-      if (newCount < oldCount) {
-         // Shrink: everything moves into the lower half. Collect each upper chain onto its
-         // partner's head, one slot at a time.
-         for (uint32_t b = newCount; b < oldCount; ++b) {
-            uint32_t s = buckets_.head(b);
-            while (s != kNone) {
-               const uint32_t next = rec[s].next;
-               const uint32_t to = rec[s].hash & (newCount - 1);
-               rec[s].next = buckets_.head(to);
-               table_.slot(s).next.store(rec[s].next, std::memory_order_relaxed);
-               buckets_.headIs(to, s);
-               buckets_.headIs(b, next);
-               s = next;
-               yield.check();
-            }
-         }
-         finishResize(newCount);
-         return;
-      }
+      buckets_.beginResize(oldCount * 2);
       for (uint32_t b = 0; b < oldCount; ++b) {
          uint32_t prev = kNone;
          uint32_t s = buckets_.head(b);
-         while (s != kNone) {
-            const uint32_t next = rec[s].next;
-            const uint32_t to = rec[s].hash & (newCount - 1);
-            if (to != b) {
-               setNext(prev, b, next);
-               rec[s].next = buckets_.head(to);
-               table_.slot(s).next.store(rec[s].next, std::memory_order_relaxed);
-               buckets_.headIs(to, s);
-            } else {
-               prev = s;
-            }
-            s = next;
+         while (s != kNone && !(rec[s].hash & oldCount)) {
+            prev = s;
+            s = rec[s].next;
             yield.check();
          }
+         if (s == kNone) continue;
+         // The partner is empty (beginResize): hang the tail there first, then cut it off, so a
+         // writer-side walk never loses it.
+         buckets_.headIs(b + oldCount, s);
+         setNext(prev, b, kNone);
+         yield.check();
       }
-      finishResize(newCount);
+      buckets_.endResize(oldCount * 2);
    }
 
-   // Rebuilds every chain from the records of the occupied slots (after a restart).
-   void rebuild(uint32_t numBuckets) {
+   // Halves the bucket count (not below kInitialBuckets): each upper chain is appended to its
+   // lower partner, whose keys all sort before it.
+   void shrinkBuckets(bool criticalCheck, Spoor::Handle& trace) {
+      const uint32_t oldCount = buckets_.numBuckets();
+      if (oldCount <= kInitialBuckets) return;
+      const uint32_t newCount = oldCount / 2;
+      SPOOR_TRACE(trace, 5, "growing from: {} to: {}", oldCount, newCount);
       auto& rec = table_.records();
-      for (uint32_t s = 0; s < table_.numSlots(); ++s) {
-         if (table_.slot(s).flags.load(std::memory_order_relaxed) & kOccupied) {
-            const uint32_t b = rec[s].hash & (numBuckets - 1);
-            rec[s].next = buckets_.head(b);
-            table_.slot(s).next.store(rec[s].next, std::memory_order_relaxed);
-            buckets_.headIs(b, s);
+      CriticalYield yield(criticalCheck);
+      buckets_.beginResize(oldCount);
+      for (uint32_t b = newCount; b < oldCount; ++b) {
+         const uint32_t upper = buckets_.head(b);
+         if (upper == kNone) continue;
+         const uint32_t lo = b - newCount;
+         uint32_t tail = kNone;
+         for (uint32_t s = buckets_.head(lo); s != kNone; s = rec[s].next) {
+            tail = s;
+            yield.check();
          }
+         setNext(tail, lo, upper);
+         buckets_.headIs(b, kNone);
+         yield.check();
       }
+      buckets_.endResize(newCount);
    }
 
-   // Iteration in bucket order: the first occupied slot at or after bucket `bucket`.
-   uint32_t firstFrom(uint32_t bucket) const {
-      for (uint32_t b = bucket; b < buckets_.numBuckets(); ++b) {
-         if (buckets_.head(b) != kNone) return buckets_.head(b);
+   // Iteration: the first slot in (reversed hash, key) order, or kNone.
+   uint32_t first() const { return firstFromRank(0); }
+   // The slot after `slot` in iteration order. REQUIRES: `slot` is linked.
+   uint32_t successor(uint32_t slot) const {
+      const auto& r = table_.records()[slot];
+      if (r.next != kNone) return r.next;
+      return firstFromRank(rankOf(buckets_.bucketOf(r.hash)) + 1);
+   }
+   // The first slot whose (reversed hash, key) sorts after (hash, key); the key need not be in
+   // the index any more.
+   uint32_t after(uint32_t hash, const K& key) const {
+      auto& rec = table_.records();
+      const uint32_t b = buckets_.bucketOf(hash);
+      for (uint32_t s = buckets_.head(b); s != kNone; s = rec[s].next) {
+         if (before(hash, key, rec[s].hash, rec[s].key)) return s;
       }
-      return kNone;
+      return firstFromRank(rankOf(b) + 1);
    }
 
    uint32_t numBuckets() const { return buckets_.numBuckets(); }
 
   private:
+   // Whether (ha, a) sorts before (hb, b).
+   static bool before(uint32_t ha, const K& a, uint32_t hb, const K& b) {
+      const uint32_t ra = bitReversed(ha), rb = bitReversed(hb);
+      if (ra != rb) return ra < rb;
+      return !sameKey(a, b) && std::memcmp(&a, &b, sizeof(K)) < 0;
+   }
+   // Position of bucket b in iteration order: its index bit-reversed within the count's bits
+   // (an involution, so it also maps a position back to its bucket).
+   uint32_t rankOf(uint32_t b) const {
+      const uint32_t bits = uint32_t(std::countr_zero(buckets_.numBuckets()));
+      return bits == 0 ? 0 : bitReversed(b) >> (32 - bits);
+   }
+   uint32_t firstFromRank(uint32_t rank) const {
+      for (uint32_t r = rank; r < buckets_.numBuckets(); ++r) {
+         const uint32_t h = buckets_.head(rankOf(r));
+         if (h != kNone) return h;
+      }
+      return kNone;
+   }
    void setNext(uint32_t prev, uint32_t bucket, uint32_t next) {
       if (prev == kNone) {
          buckets_.headIs(bucket, next);
@@ -224,7 +229,6 @@ class WriterHashMap {
          table_.slot(prev).next.store(next, std::memory_order_release);
       }
    }
-   void finishResize(uint32_t newCount) { buckets_.endResize(newCount); }
 
    Table& table_;
    BucketWriter& buckets_;
