@@ -277,6 +277,36 @@ TEST(DockShadow, ReaderFollowsWriterRestartWithoutLosingKeys) {
    EXPECT_GE(seen.wholeTable, 1);
 }
 
+TEST(DockShadow, ReaderFollowsAReformattedTable) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Seen seen;
+   std::unique_ptr<Shadow> r;
+   {
+      Writer w(config());
+      w.initialize("t/reformat");
+      for (uint64_t k = 1; k <= 30; ++k) w.write(Value(k, 1, 1));
+      w.flush();
+      r = std::make_unique<Shadow>("reformat", w.directory(), loop);
+      seen.attach(*r);
+      ASSERT_TRUE(r->initialize());
+      ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
+      // Damage the files so that the next writer cannot keep them.
+      Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
+      f.data()[20] ^= 0xFF;
+   }
+   Writer again(config());
+   again.initialize("t/reformat");
+   again.write(Value(5, 2, 2));
+   again.write(Value(99, 1, 1));
+   again.flush();
+   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == again.relumeId() && r->quiesced(); }));
+   EXPECT_EQ(seen.values, contents(again));
+   EXPECT_EQ(seen.removed.size(), 29u);  // every old key but 5, which the new table holds again
+   EXPECT_EQ(r->members(), 2u);
+   EXPECT_EQ(r->lookup(5), Value(5, 2, 2));
+}
+
 TEST(DockShadow, ShrinkMovesKeysWithoutReportingThemRemoved) {
    Testing::TempRoot root;
    Writer w(config());
