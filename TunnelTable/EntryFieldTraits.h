@@ -7,6 +7,7 @@
 // live places. A type read from text goes through its own text constructor or parser.
 #pragma once
 
+#include <array>
 #include <vector>
 
 #include "TunnelTable/EntryCodec.h"
@@ -299,18 +300,31 @@ struct AllPlacesArrayTraits : LiveArrayTraits<Array> {
 
    static void write(ByteWriter& w, const Array& a) {
       Base::write(w, a);
-      const T empty{};
-      for (uint32_t i = a.count(); i < kCapacity; ++i) Element::write(w, empty);
+      for (uint32_t i = a.count(); i < kCapacity; ++i)
+         w.bytes(emptyBytes().data(), Element::kFixedLen);
    }
+   // The one byte form of the default element stands for it, so a dead place is checked by
+   // comparing bytes rather than by reading an element.
    static void read(ByteReader& r, Array& a) {
       Base::read(r, a);
-      const T empty{};
       for (uint32_t i = a.count(); i < kCapacity; ++i) {
          const size_t at = r.offset();
-         T place{};
-         Element::read(r, place);
-         if (!(place == empty)) throwNonCanonical(at, Element::kFixedLen);
+         if (std::memcmp(r.take(Element::kFixedLen), emptyBytes().data(), Element::kFixedLen) !=
+             0) {
+            throwNonCanonical(at, Element::kFixedLen);
+         }
       }
+   }
+
+  private:
+   static const std::array<uint8_t, Element::kFixedLen>& emptyBytes() {
+      static const std::array<uint8_t, Element::kFixedLen> bytes = [] {
+         std::array<uint8_t, Element::kFixedLen> b{};
+         ByteWriter w(b.data(), b.size());
+         Element::write(w, T{});
+         return b;
+      }();
+      return bytes;
    }
 };
 

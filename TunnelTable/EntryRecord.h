@@ -29,6 +29,8 @@
 // bytes, a count above a capacity (Vela::ArraySizeError), a bool other than 0/1, non-zero bytes in
 // unused places or a field value its type cannot hold all throw a Vela::Exception. So a record read
 // and written again is the same bytes, and a reader never builds a value no writer could have.
+// deserialize reads fields in place: after a throw every field holds a valid value, but some may
+// come from the refused record (readers that must keep the old value deserialize into a copy).
 #pragma once
 
 #include <ostream>
