@@ -75,8 +75,7 @@ TunnelTableMountInfo TunnelTableMounter::getMountInfo(TunnelTableIdentifier id) 
          mountName = "rsvpLer";
          break;
       case Id::isisSrTunnelTable:
-         // Deliberately the bare "sr": readers of the IS-IS SR table mount it by
-         // that name.
+         // Deliberately the bare "sr": readers of the IS-IS SR table mount it by that name.
          typeName = "Tunnel::TunnelTable::IsisSrTunnelTable";
          mountName = "sr";
          break;
@@ -138,8 +137,7 @@ TunnelTableMountInfo TunnelTableMounter::getMountInfo(TunnelTableIdentifier id) 
    }
    TunnelTableMountInfo info;
    info.tableInfo = TunnelTableInfo(typeName, mountName);
-   // What 1024 sets in the store (its initial number of slots) is the table's
-   // choice.
+   // What 1024 sets in the store (its initial number of slots) is the table's choice.
    info.writerMountInfo.collectionIs("entry", 1024);
    return info;
 }
@@ -158,8 +156,7 @@ Vela::Ptr<TunnelTableBase> TunnelTableMounter::mountKeyshadow(TunnelTableIdentif
 Vela::Ptr<TunnelTableBase> TunnelTableMounter::readMountTable(
     const TunnelTableInfo& tableInfo) const {
    VELA_ASSERT(*this && "readMountTable needs a mounter with its handles set");
-   // No mount description: a reader serves the table's own collections and sizes
-   // nothing.
+   // No mount description: a reader serves the table's own collections and sizes nothing.
    auto entity = service_->mount(tableInfo.path, tableInfo.typeName, VelaDock::keyshadow(),
                                  VelaDock::MountInfo(), *loop_);
    return Vela::dynamicPtrCast<TunnelTableBase>(entity);

@@ -1,14 +1,12 @@
-// Mounting tunnel tables by identifier. A process names a table by its
-// TunnelTableIdentifier; getMountInfo turns that into the table's type name,
-// mount name and path ("tunnel/table/" and the mount name) and the store's
-// mount description (one collection, "entry", sizing 1024), and the mounter
-// asks the platform's mount service to attach the table as its single writer or
-// as a key-shadowing reader.
+// Mounting tunnel tables by identifier. A process names a table by its TunnelTableIdentifier;
+// getMountInfo turns that into the table's type name, mount name and path ("tunnel/table/" and the
+// mount name) and the store's mount description (one collection, "entry", sizing 1024), and the
+// mounter asks the platform's mount service to attach the table as its single writer or as a
+// key-shadowing reader.
 //
-// The mounter's three handles are the process's mount service, the state
-// database it records mounted tables in, and the mount group tables are
-// attached under; it also names the event loop the mounted tables run on
-// (readers are woken on it). A default mounter has none and is false.
+// The mounter's three handles are the process's mount service, the state database it records
+// mounted tables in, and the mount group tables are attached under; it also names the event loop
+// the mounted tables run on (readers are woken on it). A default mounter has none and is false.
 #pragma once
 
 #include <ostream>
@@ -39,8 +37,8 @@ struct TunnelTableInfo {
    // Sets the path from the mount name.
    TunnelTableInfo(Vela::String typeName, Vela::String mountName);
 
-   // Value('Tunnel::TunnelTable::TunnelTableInfo', ** {'typeName': '...',
-   // 'mountName': '...', 'path': '...'})
+   // Value('Tunnel::TunnelTable::TunnelTableInfo', ** {'typeName': '...', 'mountName': '...',
+   // 'path': '...'})
    Vela::String stringValue() const;
    friend bool operator==(const TunnelTableInfo&, const TunnelTableInfo&) = default;
 };
@@ -64,24 +62,21 @@ class TunnelTableMounter {
    // The mounter of the tables `service` mounts, run on `loop`.
    TunnelTableMounter(const Vela::Ptr<Vault::MountService>& service, Loom::EventLoop& loop);
 
-   // The mount description of table `id`. REQUIRES: id is 1 to 20 (else an
-   // assertion ends the process).
+   // The mount description of table `id`. REQUIRES: id is 1 to 20 (else an assertion ends the
+   // process).
    static TunnelTableMountInfo getMountInfo(TunnelTableIdentifier id);
 
-   // Mounts table `id` as its writer / as a key-shadowing reader and returns it.
-   // Throws what the mount service throws (a second writer: Region::OwnerError).
-   // REQUIRES: *this is true.
+   // Mounts table `id` as its writer / as a key-shadowing reader and returns it. Throws what the
+   // mount service throws (a second writer: Region::OwnerError). REQUIRES: *this is true.
    Vela::Ptr<TunnelTableBase> mountWriter(TunnelTableIdentifier id) const;
    Vela::Ptr<TunnelTableBase> mountKeyshadow(TunnelTableIdentifier id) const;
    // The mount itself; null when the mounted entity is not a tunnel table.
    Vela::Ptr<TunnelTableBase> readMountTable(const TunnelTableInfo& tableInfo) const;
    Vela::Ptr<TunnelTableBase> writeMountTable(const TunnelTableInfo& tableInfo,
                                               const VelaDock::MountInfo& mountInfo) const;
-   // Detaches table `id` (a writer releases its files); false when it was not
-   // mounted here.
+   // Detaches table `id` (a writer releases its files); false when it was not mounted here.
    bool unmount(TunnelTableIdentifier id) const;
-   // Detaches it if mounted and removes its files under the store root; true
-   // when any was removed.
+   // Detaches it if mounted and removes its files under the store root; true when any was removed.
    bool cleanup(TunnelTableIdentifier id) const;
 
    const Vela::Ptr<Vault::MountService>& mountService() const noexcept { return service_; }
