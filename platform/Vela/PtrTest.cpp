@@ -48,7 +48,9 @@ TEST_F(PtrTest, CountsReferencesAndDeletesWithTheLast) {
    EXPECT_FALSE(a);
    EXPECT_TRUE(a == nullptr);
    EXPECT_EQ(moved->references(), 1u);
-   moved = moved;  // self-assignment keeps the object
+   // Self-assignment keeps the object; through a reference, as real self-assignment happens.
+   Vela::Ptr<Node>& self = moved;
+   moved = self;
    EXPECT_EQ(moved->references(), 1u);
    EXPECT_EQ(destroyed.load(), 0);
    moved = nullptr;
