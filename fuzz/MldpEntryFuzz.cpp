@@ -36,7 +36,7 @@ std::vector<uint8_t> record(RoundTrip::Input& in, bool patch) {
    const E e = sample(static_cast<E*>(nullptr));
    std::vector<uint8_t> bytes(e.serializeLen());
    e.serialize(bytes.data());
-   size_t at = (in.byte() | (in.byte() << 8)) % (bytes.size() + 1);
+   size_t at = in.u16() % (bytes.size() + 1);
    while (in.left() != 0) {
       const uint8_t b = in.byte();
       if (at < bytes.size()) {

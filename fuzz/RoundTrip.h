@@ -32,6 +32,11 @@ class Input {
   public:
    Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+   // Two bytes, least significant first.
+   uint16_t u16() {
+      const uint8_t low = byte();
+      return static_cast<uint16_t>(low | byte() << 8);
+   }
    size_t left() const { return size_ - pos_; }
    const uint8_t* here() const { return data_ + pos_; }
    void skip(size_t n) { pos_ += n < left() ? n : left(); }

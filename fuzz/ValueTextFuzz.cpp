@@ -25,7 +25,7 @@ namespace {
 
 Vela::String textInput(RoundTrip::Input& in, bool patch, const Vela::String& sample) {
    if (!patch) return in.rest();
-   const size_t at = (in.byte() | (in.byte() << 8)) % (sample.size() + 1);
+   const size_t at = in.u16() % (sample.size() + 1);
    return sample.substr(0, at) + in.rest();
 }
 
