@@ -1,0 +1,296 @@
+// What the interface and EVPN tables add to the family, the tables' traces and assertions, and
+// readers following a writer that restarts under them.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+#include "Spoor/Trace.h"
+#include "TunnelTable/EvpnVxlanTunnelTable.h"
+#include "TunnelTable/TunnelTableFamilyTests.h"
+#include "TunnelTable/TunnelTables.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+using FamilyTest::mountTable;
+using FamilyTest::Recorder;
+using FamilyTest::runUntil;
+using FamilyTest::waitChildFor;
+
+TunnelId ldpId(uint64_t index) {
+   return TunnelId(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, index));
+}
+LdpTunnelTableEntry ldpEntry(uint64_t index, uint32_t metric) {
+   LdpTunnelTableEntry e(ldpId(index));
+   e.entryMetricIs(metric);
+   return e;
+}
+
+TEST(L3IntfTunnelTable, TunnelIdIsTheInterfacePortMaskedTo16Bits) {
+   auto gre = greIntfTunnelTableFactory("gre");
+   const TunnelId id = gre->newTunnelId(Wirekit::IntfId::tunnelIntf(70000));
+   EXPECT_EQ(id.tunnelType(), TunnelType::staticInterfaceTunnel);
+   EXPECT_EQ(id.tunnelIndex(), 4464u);
+   EXPECT_EQ(gre->newTunnelId(Wirekit::IntfId::tunnelIntf(0xFFFF)).tunnelIndex(), 0xFFFFu);
+   const TunnelId t12 =
+       ipsecVtiIntfTunnelTableFactory("vti")->newTunnelId(Wirekit::IntfId::tunnelIntf(12));
+   EXPECT_EQ(t12.value(), 0x900000000000ull + 12);
+   EXPECT_EQ(L3IntfTunnelTableBase::tunnelIntfId(t12), Wirekit::IntfId::tunnelIntf(12));
+   EXPECT_EQ(L3IntfTunnelTableBase::tunnelIntfId(TunnelId(
+                 TunnelId::convertToTunnelValue(TunnelType::staticInterfaceTunnel, 0xFFFF))),
+             Wirekit::IntfId::tunnelIntf(0xFFFF));
+   for (auto* t :
+        {&greIntfTunnelTableType, &ipsecGreIntfTunnelTableType, &ipsecVtiIntfTunnelTableType}) {
+      EXPECT_EQ(t->tunnelType, TunnelType::staticInterfaceTunnel);
+   }
+}
+
+TEST(L3IntfTunnelTableDeathTest, TunnelIntfIdAssertsTypeAndIndexWidth) {
+   EXPECT_DEATH(L3IntfTunnelTableBase::tunnelIntfId(
+                    TunnelId(TunnelId::convertToTunnelValue(TunnelType::staticTunnel, 3))),
+                "assertion failed: tunnelId.tunnelType\\(\\) == staticInterfaceTunnel_ \\(");
+   EXPECT_DEATH(L3IntfTunnelTableBase::tunnelIntfId(TunnelId(
+                    TunnelId::convertToTunnelValue(TunnelType::staticInterfaceTunnel, 0x10000))),
+                "assertion failed: tunnelId.tunnelIndex\\(\\) <= Vela::maxU16\\(\\) \\(");
+}
+
+TEST(EvpnVxlanTunnelTable, HandsOutIndexesFromItsCounterAndNotifiesOnChange) {
+   auto evpn = evpnVxlanTunnelTableFactory("evpn");
+   Recorder rec;
+   evpn->notifieeAdd(&rec);
+   EXPECT_EQ(evpn->maxId(), 0xFFFFFFFFull);
+   EXPECT_EQ(evpn->lastAllocatedId(), 0u);
+   EXPECT_EQ(evpn->newTunnelId().value(), 0x600000000001ull);
+   EXPECT_EQ(evpn->newTunnelId().value(), 0x600000000002ull);
+   EXPECT_EQ(rec.count(attrLastAllocatedId), 2u);
+
+   evpn->lastAllocatedIdIs(2);  // unchanged: no notification
+   evpn->lastAllocatedIdInc(0);
+   EXPECT_EQ(rec.count(attrLastAllocatedId), 2u);
+   evpn->lastAllocatedIdInc(5);
+   EXPECT_EQ(evpn->lastAllocatedId(), 7u);
+   EXPECT_EQ(rec.count(attrLastAllocatedId), 3u);
+
+   evpn->lastAllocatedIdIs(0xFFFFFFFEull);
+   const TunnelId last = evpn->newTunnelId();
+   EXPECT_EQ(last.tunnelType(), TunnelType::evpnVxlanTunnel);
+   EXPECT_EQ(last.tunnelIndex(), 0xFFFFFFFFull);
+   evpn->notifieeDel(&rec);
+}
+
+TEST(EvpnVxlanTunnelTableDeathTest, ExhaustedCounterAsserts) {
+   auto evpn = evpnVxlanTunnelTableFactory("evpn");
+   evpn->lastAllocatedIdIs(0xFFFFFFFFull);
+   EXPECT_DEATH(evpn->newTunnelId(),
+                "assertion failed: lastAllocatedId\\(\\) < maxId\\(\\) && \"Reached maximum "
+                "number of IDs.\" \\(Tunnel/TunnelTable:289\\)");
+}
+
+class TunnelTableStore : public ::testing::Test {
+  protected:
+   Vela::Ptr<LdpTunnelTable> writer(const std::string& path = "tunnel/table/ldp") {
+      auto t = ldpTunnelTableFactory("ldp");
+      control_ = mountTable(t, VelaDock::writer(), root_.path(), path, loop_, parent_);
+      return t;
+   }
+   Testing::TempRoot root_;
+   Loom::EventLoop loop_;
+   Vela::Ptr<Vela::Entity> parent_{new Vela::Entity("mounts")};
+   Vela::Ptr<VelaDock::CollectionControl> control_;
+};
+
+TEST_F(TunnelTableStore, MountStatusAndQuiescedAreTracedAtLevel5) {
+   Spoor::Capture cap;
+   auto t = writer();
+   ASSERT_GE(cap.count("TunnelTable", "mountStatus"), 1u);
+   for (const auto& r : cap.records()) {
+      if (r.module == "TunnelTable" && r.text == "mountStatus") {
+         EXPECT_EQ(r.level, 5);
+      }
+   }
+   EXPECT_EQ(control_->mountStatus(), 1u);  // fresh files
+
+   cap.clear();
+   t->entryIs(ldpEntry(1, 1));
+   EXPECT_TRUE(t->getCurrentQuiescedState());
+   const std::string line =
+       "quiesced " + root_.path() + " type:Tunnel::TunnelTable::LdpTunnelTableEntry";
+   ASSERT_EQ(cap.count("TunnelTable", line), 1u);
+   for (const auto& r : cap.records()) {
+      if (r.text == line) {
+         EXPECT_EQ(r.level, 5);
+      }
+   }
+
+   // Below level 5 neither line is written.
+   Spoor::levelIs("TunnelTable", 4);
+   cap.clear();
+   t->entryNotifyMountStatus();
+   t->getCurrentQuiescedState();
+   EXPECT_EQ(cap.count("TunnelTable", ""), 0u);
+}
+
+TEST_F(TunnelTableStore, ControlChangeIsNotifiedAndOtherCollectionsRefused) {
+   auto t = ldpTunnelTableFactory("ldp");
+   Recorder rec;
+   t->notifieeAdd(&rec);
+   auto c = Vela::makePtr<VelaDock::CollectionControl>(VelaDock::writer(), root_.path(),
+                                                       "tunnel/table/ldp", "entry", 1024, &loop_);
+   t->entryControlIs(c);
+   t->entryControlIs(c);
+   EXPECT_EQ(rec.count(Vela::attrEntryControl), 1u);
+   EXPECT_THROW(t->controlIs("other", c), Vela::Exception);
+   EXPECT_THROW(ldpTunnelTableFactory("bare")->handleParent(parent_), Vela::Exception);
+   t->notifieeDel(&rec);
+}
+
+TEST_F(TunnelTableStore, SecondWriterIsRefusedAndUnmountReleasesTheFiles) {
+   auto first = writer();
+   first->entryIs(ldpEntry(1, 1));
+   auto second = ldpTunnelTableFactory("ldp2");
+   EXPECT_ANY_THROW(
+       mountTable(second, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop_, parent_));
+   EXPECT_FALSE(second->hasStore());
+   first->unmountIs();
+   EXPECT_FALSE(first->hasStore());
+   EXPECT_EQ(first->mountParent(), nullptr);
+   auto third = ldpTunnelTableFactory("ldp3");
+   mountTable(third, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop_, parent_);
+   EXPECT_TRUE(third->entry(ldpId(1)) == ldpEntry(1, 1));  // re-attached, entries kept
+   EXPECT_EQ(third->mountParent(), parent_.get());
+}
+
+TEST_F(TunnelTableStore, ReadersFollowAWriterThatRestarts) {
+   // First writer in a child that is killed after writing.
+   const pid_t w1 = Testing::forkChild([&]() -> int {
+      Loom::EventLoop loop;
+      auto t = ldpTunnelTableFactory("ldp");
+      mountTable(t, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop, parent_);
+      for (uint64_t i = 1; i <= 10; ++i) t->entryIs(ldpEntry(i, 1));
+      ::pause();
+      return 0;
+   });
+   // Reader here, once the files exist.
+   auto reader = ldpTunnelTableFactory("reader");
+   Vela::Ptr<VelaDock::CollectionControl> rc;
+   ASSERT_TRUE(runUntil(loop_, [&] {
+      if (!reader->hasStore()) {
+         try {
+            rc = mountTable(reader, VelaDock::keyshadow(), root_.path(), "tunnel/table/ldp", loop_,
+                            parent_);
+         } catch (const std::exception&) {
+            reader->unmountIs();
+         }
+      }
+      return reader->entryCount() == 10;
+   }));
+   ::kill(w1, SIGKILL);
+   EXPECT_EQ(waitChildFor(w1), 128 + SIGKILL);
+
+   Recorder rec;
+   reader->notifieeAdd(&rec);
+   const pid_t w2 = Testing::forkChild([&]() -> int {
+      Loom::EventLoop loop;
+      auto t = ldpTunnelTableFactory("ldp");
+      mountTable(t, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop, parent_);
+      if (t->entryCount() != 10) return 2;  // re-attached with the entries
+      t->entryDel(ldpId(1));
+      t->entryIs(ldpEntry(2, 7));
+      t->entryIs(ldpEntry(11, 1));
+      return 0;
+   });
+   EXPECT_EQ(waitChildFor(w2), 0);
+   EXPECT_TRUE(runUntil(loop_, [&] {
+      return !reader->entryHas(ldpId(1)) && reader->entry(ldpId(2)) == ldpEntry(2, 7) &&
+             reader->entryHas(ldpId(11)) && reader->entryCount() == 10;
+   }));
+   EXPECT_GE(rec.count(Vela::attrEntry, ldpId(1)), 1u);
+   EXPECT_GE(rec.count(Vela::attrEntry, ldpId(2)), 1u);
+   EXPECT_GE(rec.count(Vela::attrEntry, ldpId(11)), 1u);
+   // The restart resynchronizes the whole table: unchanged keys are reported again, unchanged.
+   EXPECT_TRUE(reader->entry(ldpId(5)) == ldpEntry(5, 1));
+   EXPECT_NE(rc->mountStatus(), 0u);
+   reader->notifieeDel(&rec);
+}
+
+TEST_F(TunnelTableStore, ReaderMountedBeforeTheWriterAttachesOnceFilesExist) {
+   auto reader = ldpTunnelTableFactory("reader");
+   auto rc =
+       mountTable(reader, VelaDock::keyshadow(), root_.path(), "tunnel/table/ldp", loop_, parent_);
+   EXPECT_FALSE(rc->quiesced());
+   const pid_t w = Testing::forkChild([&]() -> int {
+      Loom::EventLoop loop;
+      auto t = ldpTunnelTableFactory("ldp");
+      mountTable(t, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop, parent_);
+      t->entryIs(ldpEntry(3, 3));
+      return 0;
+   });
+   EXPECT_EQ(waitChildFor(w), 0);
+   EXPECT_TRUE(runUntil(loop_, [&] { return reader->entry(ldpId(3)) == ldpEntry(3, 3); }));
+   EXPECT_TRUE(runUntil(loop_, [&] { return rc->quiesced(); }));
+}
+
+TEST_F(TunnelTableStore, ReaderThreadFollowsWriterThread) {
+   // Writer and reader tables on their own threads and loops, sharing only the store's files.
+   auto w = writer();
+   std::atomic<bool> ready{false};
+   std::atomic<int> result{-1};
+   std::thread readerThread([&] {
+      Loom::EventLoop loop;
+      auto reader = ldpTunnelTableFactory("reader");
+      auto rc = mountTable(reader, VelaDock::keyshadow(), root_.path(), "tunnel/table/ldp", loop,
+                           Vela::Ptr<Vela::Entity>(new Vela::Entity("readerMounts")));
+      ready.store(true, std::memory_order_release);
+      const bool ok = runUntil(loop, [&] {
+         return reader->entryCount() == 100 && reader->entry(ldpId(100)) == ldpEntry(100, 100) &&
+                !reader->entryHas(ldpId(1000)) && rc->quiesced();
+      });
+      result.store(ok ? 0 : 1, std::memory_order_release);
+   });
+   while (!ready.load(std::memory_order_acquire)) std::this_thread::yield();
+   w->entryIs(ldpEntry(1000, 1));
+   for (uint64_t i = 1; i <= 100; ++i) w->entryIs(ldpEntry(i, uint32_t(i)));
+   w->entryDel(ldpId(1000));
+   readerThread.join();
+   EXPECT_EQ(result.load(std::memory_order_acquire), 0);
+}
+
+TEST_F(TunnelTableStore, WritesOnATableThatIsNotTheWriterAssert) {
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   auto bare = ldpTunnelTableFactory("bare");
+   EXPECT_DEATH(bare->entryIs(ldpEntry(1, 1)),
+                "assertion failed: entryIs on Tunnel::TunnelTable::LdpTunnelTable bare, which is "
+                "not the writer of its store");
+   EXPECT_DEATH(bare->entryDel(ldpId(1)), "entryDel on Tunnel::TunnelTable::LdpTunnelTable bare");
+}
+
+TEST_F(TunnelTableStore, CorruptionEndsTheProcessInNoMansLand) {
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   auto t = writer();
+   t->entryIs(ldpEntry(1, 1));
+   auto* w = t->store()->writer();
+   const uint32_t slot = w->slotOf(ldpId(1));
+   ASSERT_NE(slot, Dock::kNone);
+   // Damage the slot's value offset in the shared file, as a stray write would.
+   w->table().slot(slot).offset.store(0xFFFFFFF0u, std::memory_order_relaxed);
+   EXPECT_DEATH(t->entryDel(ldpId(1)), "in no man's land");
+
+   // A slab file that is not one, found when a large entry first needs its size class (20 of 32
+   // for 380 vias).
+   const std::string slab = control_->storeDirectory() + "/slab.20";
+   {
+      std::FILE* f = std::fopen(slab.c_str(), "wb");
+      ASSERT_NE(f, nullptr);
+      const std::vector<char> junk(8192, 'x');
+      std::fwrite(junk.data(), 1, junk.size(), f);
+      std::fclose(f);
+   }
+   LdpTunnelTableEntry big = ldpEntry(2, 1);
+   big.viaIs(ViaIndex(379), MplsVia());
+   EXPECT_DEATH(t->entryIs(big), "in no man's land");
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable
