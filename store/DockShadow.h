@@ -146,16 +146,16 @@ class DockShadow {
       if (!header_) return false;
       const ShadowRecord* r = index_.find(bucketHash(key), KeyTraits<K>::secondary(key));
       if (!r) return false;
-      return copyValue(r->slot, out) && KeyOf()(out) == key;
+      return readingThroughRestart([&] { return copyValue(r->slot, out) && KeyOf()(out) == key; });
    }
    // Iteration in slot order over the keys the shadow holds; the value is copied out.
    bool first(IterHint& hint, V& value) {
       hint = IterHint{};
-      return step(0, hint, value);
+      return readingThroughRestart([&] { return step(0, hint, value); });
    }
    bool next(IterHint& hint, V& value) {
       if (!hint.valid()) return false;
-      return step(hint.slot + 1, hint, value);
+      return readingThroughRestart([&] { return step(hint.slot + 1, hint, value); });
    }
 
    // ---- state ----
@@ -167,7 +167,11 @@ class DockShadow {
    }
    ReaderState mountStatus() const { return state(); }
    bool connected() const { return header_ != nullptr; }
-   bool quiesced() const { return header_ && synced_ && !flushing_ && herald_.quiesced(seq_); }
+   // Not quiesced while the herald names another writer generation: a restart is pending.
+   bool quiesced() const {
+      return header_ && synced_ && !flushing_ && herald_.relume() == relume_ &&
+             herald_.quiesced(seq_);
+   }
    uint64_t sequence() const { return seq_; }
    uint32_t capacity() const { return header_ ? SlotTable::numSlots(*header_) : 0; }
    uint32_t members() const { return index_.size(); }
@@ -341,6 +345,39 @@ class DockShadow {
    // Works through the queue (the eventfd handler calls this). `yield`: stop after yieldTime and
    // continue in a posted task. `report`: report reaching quiesced (syncComplete reports itself).
    void processQueue(bool yield = true, bool report = true) {
+      followingRestart([&] { processQueueTurn(yield, report); });
+   }
+
+  private:
+   // A copy that found the files re-stamped by a restarted writer unwinds the whole turn to here:
+   // nothing of the turn was applied past the failed copy, and the reader re-attaches and
+   // re-compares every slot with its shadow, so no key is lost or reported removed.
+   template <class Turn>
+   void followingRestart(Turn&& turn) {
+      try {
+         turn();
+      } catch (const WriterRestarted& e) {
+         SPOOR_TRACE(ShadowDetail::trace(), 5, "{} {}; re-attaching", name_, e.what());
+         if (header_) handleDisconnect();
+      }
+   }
+   // A read made by the table (lookup, iteration) during a writer restart answers "nothing" and
+   // leaves the re-attach to the loop, outside the caller's walk.
+   template <class Read>
+   bool readingThroughRestart(Read&& read) {
+      try {
+         return read();
+      } catch (const WriterRestarted& e) {
+         SPOOR_TRACE(ShadowDetail::trace(), 5, "{} {} during a read; re-attaching", name_,
+                     e.what());
+         std::weak_ptr<std::atomic<bool>> alive = alive_;
+         loop_.post([this, alive] {
+            if (auto a = alive.lock(); a && *a && header_) handleDisconnect();
+         });
+         return false;
+      }
+   }
+   void processQueueTurn(bool yield, bool report) {
       if (!header_) return;
       if (herald_.relume() != relume_) {
          handleDisconnect();
@@ -486,6 +523,9 @@ class DockShadow {
       if (wholeTable && current().onWholeTable) current().onWholeTable();
    }
    void continueFlush() {
+      followingRestart([&] { continueFlushTurn(); });
+   }
+   void continueFlushTurn() {
       resize();
       const uint64_t budget = uint64_t(yieldTime_ * Loom::Clock::ticksPerSecond());
       const uint64_t start = Loom::Clock::ticks();

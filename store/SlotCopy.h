@@ -32,6 +32,7 @@
 #include <thread>
 #include <vector>
 
+#include "Vela/Exception.h"
 #include "store/Layout.h"
 #include "store/SlabBytes.h"
 
@@ -40,6 +41,14 @@ class ReaderAllocator;
 }
 
 namespace Dock {
+
+// Raised by a copy that keeps failing because the writer restarted under it: the slot table now
+// carries another relume than the one the reader attached under (a restarted writer re-stamps the
+// slot table before any slab). The reader re-attaches; it is not corruption.
+class WriterRestarted : public Vela::Exception {
+  public:
+   using Vela::Exception::Exception;
+};
 
 // A private copy of a slot's words, the value words resolved through the lookaside area.
 struct SlotImage {
@@ -100,7 +109,8 @@ inline void copyAcquire(uint8_t* dst, const uint8_t* src, size_t len) {
 void copySlot(const SlotTableHeader& header, const Slot* slots, uint32_t index, SlotImage& out);
 
 // Copies slot `index` and, when it is occupied, its value bytes into `bytes` (resized to the
-// value's length). Returns false for a slot that is not occupied. Throws
+// value's length). Returns false for a slot that is not occupied. Throws WriterRestarted when a
+// failing copy finds the slot table re-stamped by a restarted writer, and
 // Loom::CorruptionException when the slot keeps pointing at an entry that does not belong to it.
 bool copySlotValue(const SlotTableHeader& header, const Slot* slots, uint32_t index,
                    Tessel::ReaderAllocator& allocator, SlotImage& image,
