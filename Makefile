@@ -42,7 +42,7 @@ bench: deps
 FUZZ_SECONDS ?= 20
 fuzz: deps
 	CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DTUNNEL_FUZZ=ON -DTUNNEL_TESTS=OFF -DTUNNEL_SANITIZE=address
-	cmake --build build-fuzz -j $(JOBS)
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
 	bash fuzz/run build-fuzz $(FUZZ_SECONDS)
 
 fuzz-long:
