@@ -95,42 +95,47 @@ struct Lookaside {
    std::atomic<uint32_t> slot;       // 580: index of the slot being rewritten, kNone when none
    std::atomic<uint32_t> offset;     // 584: the new value Offset
    std::atomic<uint32_t> length;     // 588: the new value's serialized length
-   std::atomic<uint32_t> directSlot; // 592: slot opened by directWrite/directUpdate, kNone when none
+   std::atomic<uint32_t>
+       directSlot;  // 592: slot opened by directWrite/directUpdate, kNone when none
 };
 
 struct SlotTableHeader {
-   uint64_t magic;                             // 0
-   uint32_t version;                           // 8
-   uint32_t relume;                            // 12
-   uint32_t platform;                          // 16
-   char valueType[kValueTypeSize];             // 20
-   uint32_t valueSize;                         // 532
-   uint32_t slotSize;                          // 536
-   uint32_t maxSlots;                          // 540
-   uint16_t constFlags;                        // 544
-   std::atomic<uint16_t> runtimeFlags;         // 546
-   uint32_t hash;                              // 548
-   std::atomic<uint32_t> occupiedSlots;        // 552
-   std::atomic<uint32_t> freeSlots;            // 556
-   std::atomic<uint32_t> mostSlots;            // 560
-   uint32_t hashSeed;                          // 564
-   std::atomic<uint64_t> sizeWord;             // 568: resizeCounter | uint64_t(numSlots) << 32
-   Lookaside lookaside;                        // 576
-   uint32_t reserved;                          // 596
+   uint64_t magic;                       // 0
+   uint32_t version;                     // 8
+   uint32_t relume;                      // 12
+   uint32_t platform;                    // 16
+   char valueType[kValueTypeSize];       // 20
+   uint32_t valueSize;                   // 532
+   uint32_t slotSize;                    // 536
+   uint32_t maxSlots;                    // 540
+   uint16_t constFlags;                  // 544
+   std::atomic<uint16_t> runtimeFlags;   // 546
+   uint32_t hash;                        // 548
+   std::atomic<uint32_t> occupiedSlots;  // 552
+   std::atomic<uint32_t> freeSlots;      // 556
+   std::atomic<uint32_t> mostSlots;      // 560
+   uint32_t hashSeed;                    // 564
+   std::atomic<uint64_t> sizeWord;       // 568: resizeCounter | uint64_t(numSlots) << 32
+   Lookaside lookaside;                  // 576
+   uint32_t reserved;                    // 596
 };
 
 constexpr uint64_t makeSizeWord(uint32_t resizeCounter, uint32_t numSlots) {
    return uint64_t(resizeCounter) | (uint64_t(numSlots) << 32);
 }
-constexpr uint32_t sizeWordCounter(uint64_t w) { return uint32_t(w); }
-constexpr uint32_t sizeWordNumSlots(uint64_t w) { return uint32_t(w >> 32); }
+constexpr uint32_t sizeWordCounter(uint64_t w) {
+   return uint32_t(w);
+}
+constexpr uint32_t sizeWordNumSlots(uint64_t w) {
+   return uint32_t(w >> 32);
+}
 
 // One slot. The writer alone stores to it; readers copy it under the flags word.
 //
 //   offset  width  field
 //        0      4  next        next slot in the same bucket chain (or in the free list), kNone ends
-//        4      4  keyHash     the key's hash (with the header's hashSeed); bucket = keyHash % buckets
-//        8      4  flags       OCCUPIED | LOOKASIDE | write counter
+//        4      4  keyHash     the key's hash (with the header's hashSeed); bucket = keyHash %
+//        buckets 8      4  flags       OCCUPIED | LOOKASIDE | write counter
 //       12      4  heraldPos   low 32 bits of the queue position of the slot's latest notification
 //       16      4  offset      value Offset: slab number in bits 0..4, entry index in bits 5..31
 //       20      4  length      the value's serialized length in bytes
@@ -193,15 +198,15 @@ constexpr uint32_t kSlabVersion = 1;
 constexpr uint32_t kSlabHeaderSize = 40;
 
 struct SlabHeader {
-   uint64_t magic;                      // 0
-   uint32_t version;                    // 8
-   uint32_t relume;                     // 12
-   std::atomic<uint32_t> resizeCounter; // 16
-   std::atomic<uint32_t> numEntries;    // 20
-   std::atomic<uint32_t> numOccupied;   // 24
-   uint32_t entrySize;                  // 28
-   uint32_t hash;                       // 32
-   std::atomic<uint32_t> freeList;      // 36
+   uint64_t magic;                       // 0
+   uint32_t version;                     // 8
+   uint32_t relume;                      // 12
+   std::atomic<uint32_t> resizeCounter;  // 16
+   std::atomic<uint32_t> numEntries;     // 20
+   std::atomic<uint32_t> numOccupied;    // 24
+   uint32_t entrySize;                   // 28
+   uint32_t hash;                        // 32
+   std::atomic<uint32_t> freeList;       // 36
 };
 static_assert(offsetof(SlabHeader, magic) == 0);
 static_assert(offsetof(SlabHeader, version) == 8);

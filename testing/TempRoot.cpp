@@ -13,8 +13,8 @@ namespace Testing {
 TempRoot::TempRoot() {
    // tmpfs, like the production store root, when the machine has it.
    std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
-                                   ? std::filesystem::path("/dev/shm")
-                                   : std::filesystem::temp_directory_path();
+                                    ? std::filesystem::path("/dev/shm")
+                                    : std::filesystem::temp_directory_path();
    std::string tmpl = (base / "tunnel-test-XXXXXX").string();
    if (!::mkdtemp(tmpl.data())) {
       std::perror("mkdtemp");

@@ -11,14 +11,14 @@ namespace Testing {
 // A fresh directory that serves as the store root (TUNNEL_SHMEM_ROOT) while it lives; it and
 // everything in it are removed when it goes away.
 class TempRoot {
- public:
+  public:
    TempRoot();
    ~TempRoot();
    TempRoot(const TempRoot&) = delete;
    TempRoot& operator=(const TempRoot&) = delete;
    const std::string& path() const { return path_; }
 
- private:
+  private:
    std::string path_;
    std::string previous_;
    bool hadPrevious_ = false;

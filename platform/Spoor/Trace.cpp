@@ -12,7 +12,7 @@ namespace Spoor {
 namespace {
 
 class StderrSink : public Sink {
- public:
+  public:
    void write(const Record& r) override {
       auto now = std::chrono::system_clock::now().time_since_epoch();
       auto us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
@@ -26,7 +26,7 @@ class StderrSink : public Sink {
       if (out_ != stderr) std::fclose(out_);
    }
 
- private:
+  private:
    FILE* out_;
 };
 

@@ -33,28 +33,26 @@ struct Record {
 };
 
 class Sink {
- public:
+  public:
    virtual ~Sink() = default;
    virtual void write(const Record& record) = 0;
 };
 
 class Handle {
- public:
+  public:
    explicit Handle(std::string module);
    Handle(const Handle&) = delete;
    Handle& operator=(const Handle&) = delete;
 
    const std::string& module() const { return module_; }
-   bool enabled(int level) const {
-      return level <= threshold_.load(std::memory_order_relaxed);
-   }
+   bool enabled(int level) const { return level <= threshold_.load(std::memory_order_relaxed); }
    // Writes one line at `level` if that level is on.
    void write(int level, std::string_view text) const;
    // Threshold: levels 0..maxLevel are on; -1 turns the module off.
    void levelIs(int maxLevel) { threshold_.store(maxLevel, std::memory_order_relaxed); }
    int level() const { return threshold_.load(std::memory_order_relaxed); }
 
- private:
+  private:
    std::string module_;
    std::atomic<int> threshold_;
 };
@@ -76,7 +74,7 @@ std::shared_ptr<Sink> fileSink(const std::string& path);
 
 // Records every trace line while it lives, with every module switched on to `maxLevel`.
 class Capture {
- public:
+  public:
    explicit Capture(int maxLevel = kMaxLevel);
    ~Capture();
    Capture(const Capture&) = delete;
@@ -88,7 +86,7 @@ class Capture {
    bool contains(std::string_view text) const { return count("", text) > 0; }
    void clear();
 
- private:
+  private:
    struct Impl;
    std::shared_ptr<Impl> impl_;
    std::shared_ptr<Sink> previousSink_;
@@ -98,9 +96,9 @@ class Capture {
 
 }  // namespace Spoor
 
-#define SPOOR_TRACE(handle, level, ...)                                       \
-   do {                                                                       \
-      if ((handle).enabled(level)) {                                          \
-         (handle).write((level), ::fmt::format(__VA_ARGS__));                 \
-      }                                                                       \
+#define SPOOR_TRACE(handle, level, ...)                       \
+   do {                                                       \
+      if ((handle).enabled(level)) {                          \
+         (handle).write((level), ::fmt::format(__VA_ARGS__)); \
+      }                                                       \
    } while (0)
