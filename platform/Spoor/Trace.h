@@ -63,7 +63,7 @@ Handle& handle(std::string_view module);
 // Sets the threshold of one module ("*" for every module, present and future).
 void levelIs(std::string_view module, int maxLevel);
 
-// Applies a SPOOR_TRACE-style specification; returns false if it is malformed.
+// Applies a SPOOR_TRACE-style setting string; returns false if it is malformed.
 bool configure(std::string_view spec);
 
 // Replaces the sink; nullptr restores stderr. Returns the previous sink.
