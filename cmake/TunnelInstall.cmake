@@ -35,6 +35,7 @@ if(TUNNEL_TESTS)
   # Installs into a scratch prefix and builds an outside program against it, twice: through
   # find_package(Tunnel) and through pkg-config.
   add_test(NAME PackageBuildsOutsideProgram
-           COMMAND ${CMAKE_SOURCE_DIR}/cmake/package-test/run ${CMAKE_BINARY_DIR} ${CMAKE_COMMAND})
+           COMMAND ${CMAKE_SOURCE_DIR}/cmake/package-test/run ${CMAKE_BINARY_DIR} ${CMAKE_COMMAND}
+                   "${TUNNEL_SANITIZE_LINK_FLAGS}")
   set_tests_properties(PackageBuildsOutsideProgram PROPERTIES TIMEOUT 600 LABELS package)
 endif()
