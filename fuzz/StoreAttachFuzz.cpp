@@ -18,19 +18,24 @@
 
 namespace {
 
-const std::string& dir() {
-   static const std::string d = [] {
-      char tmpl[] = "/dev/shm/store-attach-fuzz-XXXXXX";
-      char* made = ::mkdtemp(tmpl);
-      if (!made) std::abort();
-      std::atexit([] {
-         ::unlink((dir() + "/slots").c_str());
-         ::unlink((dir() + "/slab.01").c_str());
-         ::rmdir(dir().c_str());
-      });
-      return std::string(made);
+// The scratch directory, made on first use and removed at exit. Held in a plain array: the exit
+// handler runs after static objects are destroyed, so it must not touch a std::string.
+char scratchDir[] = "/dev/shm/store-attach-fuzz-XXXXXX";
+
+void removeScratch() {
+   ::unlink((std::string(scratchDir) + "/slots").c_str());
+   ::unlink((std::string(scratchDir) + "/slab.01").c_str());
+   ::rmdir(scratchDir);
+}
+
+std::string dir() {
+   static const bool made = [] {
+      if (!::mkdtemp(scratchDir)) std::abort();
+      std::atexit(removeScratch);
+      return true;
    }();
-   return d;
+   (void)made;
+   return scratchDir;
 }
 
 void writeFile(const std::string& path, const uint8_t* data, size_t len) {
