@@ -1,0 +1,45 @@
+// Test helpers for the checks many tests repeat: the exact text of the error a call throws, what a
+// value prints as, and a list that must be in strictly increasing order under `<` and `==`.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+// The what() text of the E that `f` throws, or "(no exception)". An exception of another type
+// propagates and fails the test, so the type is checked as well as the text.
+template <typename E = std::exception, typename F>
+std::string errorText(F&& f) {
+   try {
+      f();
+   } catch (const E& e) {
+      return e.what();
+   }
+   return "(no exception)";
+}
+
+// What `v` prints as through operator<<.
+template <typename T>
+std::string streamed(const T& v) {
+   std::ostringstream os;
+   os << v;
+   return os.str();
+}
+
+// Every pair of `sorted` compares as its positions do, both ways and with itself.
+template <typename T>
+void expectStrictOrder(const std::vector<T>& sorted) {
+   for (size_t i = 0; i < sorted.size(); ++i) {
+      for (size_t j = 0; j < sorted.size(); ++j) {
+         SCOPED_TRACE(::testing::Message() << "positions " << i << " and " << j);
+         EXPECT_EQ(sorted[i] < sorted[j], i < j);
+         EXPECT_EQ(sorted[i] == sorted[j], i == j);
+      }
+   }
+}
+
+}  // namespace Testing
