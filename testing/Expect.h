@@ -1,9 +1,12 @@
 // Test helpers for the checks many tests repeat: the exact text of the error a call throws, what a
-// value prints as, and a list that must be in strictly increasing order under `<` and `==`.
+// value prints as, a value's fixed byte form, and a list that must be in strictly increasing order
+// under `<` and `==`.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdint>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -28,6 +31,15 @@ std::string streamed(const T& v) {
    std::ostringstream os;
    os << v;
    return os.str();
+}
+
+// The kSerializedSize bytes `v` serializes to, written over 0xEE bytes so a byte left out shows.
+template <typename T>
+std::array<uint8_t, T::kSerializedSize> bytesOf(const T& v) {
+   std::array<uint8_t, T::kSerializedSize> b;
+   b.fill(0xEE);
+   v.serialize(b.data());
+   return b;
 }
 
 // Every pair of `sorted` compares as its positions do, both ways and with itself.
