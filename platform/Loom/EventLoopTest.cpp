@@ -14,6 +14,7 @@
 
 #include "Loom/EventLoop.h"
 #include "Vela/Exception.h"
+#include "testing/Expect.h"
 
 namespace {
 
@@ -402,22 +403,16 @@ TEST(EventLoopFdHandlers, SecondHandlerForAnFdReplacesTheFirst) {
 
 TEST(EventLoopFdHandlers, RefusedFdsRaiseAClearError) {
    Loom::EventLoop loop;
-   try {
-      loop.fdHandlerIs(-1, EPOLLIN, [](uint32_t) {});
-      FAIL() << "no exception";
-   } catch (const Vela::Exception& e) {
-      EXPECT_STREQ(e.what(), "event loop: invalid fd -1");
-   }
+   const auto refusal = [&](int fd) {
+      return Testing::errorText<Vela::Exception>(
+          [&] { loop.fdHandlerIs(fd, EPOLLIN, [](uint32_t) {}); });
+   };
+   EXPECT_EQ(refusal(-1), "event loop: invalid fd -1");
    int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
    ASSERT_GE(fd, 0);
    ::close(fd);
-   try {
-      loop.fdHandlerIs(fd, EPOLLIN, [](uint32_t) {});
-      FAIL() << "no exception";
-   } catch (const Vela::Exception& e) {
-      EXPECT_EQ(std::string(e.what()), "event loop: epoll_ctl for fd " + std::to_string(fd) +
-                                           " failed: Bad file descriptor");
-   }
+   EXPECT_EQ(refusal(fd),
+             "event loop: epoll_ctl for fd " + std::to_string(fd) + " failed: Bad file descriptor");
    EXPECT_FALSE(loop.fdHandlerHas(fd));
 }
 
@@ -480,38 +475,26 @@ TEST(EventLoopCriticalTasks, RunCriticalTasksRunsOnlyWhatWasPendingAndDoesNotRec
 
 TEST(EventLoopDeathTest, MisuseIsAnAssertion) {
    GTEST_FLAG_SET(death_test_style, "threadsafe");
+   const auto withLoop = [](const std::function<void(Loom::EventLoop&)>& misuse) {
+      Loom::EventLoop loop;
+      misuse(loop);
+   };
+   EXPECT_DEATH(withLoop([](auto& loop) { loop.post(Loom::EventLoop::Task()); }),
+                "assertion failed: task && \"EventLoop::post needs a task\"");
    EXPECT_DEATH(
-       {
-          Loom::EventLoop loop;
-          loop.post(Loom::EventLoop::Task());
-       },
-       "assertion failed: task && \"EventLoop::post needs a task\"");
-   EXPECT_DEATH(
-       {
-          Loom::EventLoop loop;
-          loop.repeatingTimerIs(0ns, [] {});
-       },
+       withLoop([](auto& loop) { loop.repeatingTimerIs(0ns, [] {}); }),
        "assertion failed: period.count\\(\\) > 0 && \"repeating timer needs a positive period\"");
-   EXPECT_DEATH(
-       {
-          Loom::EventLoop loop;
-          loop.post([&] {
-             std::thread other([&] { loop.runCriticalTasks(); });
-             other.join();
-          });
-          loop.runOnce(0ns);
-       },
-       "assertion failed: runCriticalTasks called off the event loop's thread");
-   EXPECT_DEATH(
-       {
-          Loom::EventLoop loop;
-          loop.post([&] {
-             std::thread other([&] { loop.runOnce(0ns); });
-             other.join();
-          });
-          loop.runOnce(0ns);
-       },
-       "assertion failed: event loop is already running on another thread");
+   // Running the loop's work from a thread other than the one inside its round.
+   const auto fromOtherThread = [&](void (*call)(Loom::EventLoop&)) {
+      withLoop([call](Loom::EventLoop& loop) {
+         loop.post([&] { std::thread([&] { call(loop); }).join(); });
+         loop.runOnce(0ns);
+      });
+   };
+   EXPECT_DEATH(fromOtherThread([](Loom::EventLoop& l) { l.runCriticalTasks(); }),
+                "assertion failed: runCriticalTasks called off the event loop's thread");
+   EXPECT_DEATH(fromOtherThread([](Loom::EventLoop& l) { l.runOnce(0ns); }),
+                "assertion failed: event loop is already running on another thread");
    EXPECT_DEATH(
        {
           auto* loop = new Loom::EventLoop;

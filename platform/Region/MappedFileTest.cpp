@@ -9,13 +9,19 @@
 #include "Region/Error.h"
 #include "Region/MappedFile.h"
 #include "Region/StoreRoot.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace {
 
-TEST(MappedFile, CreateGrowAndReaderFollows) {
+// A fresh store root per test, and a file path in it.
+class MappedFileTest : public ::testing::Test {
+  protected:
    Testing::TempRoot root;
    const std::string path = root.path() + "/f";
+};
+
+TEST_F(MappedFileTest, CreateGrowAndReaderFollows) {
    auto w = Region::MappedFile::create(path, 100);
    ASSERT_TRUE(w);
    EXPECT_EQ(w.size(), 100u);
@@ -40,9 +46,7 @@ TEST(MappedFile, CreateGrowAndReaderFollows) {
    EXPECT_EQ(std::memcmp(r.data(), "hello", 5), 0);
 }
 
-TEST(MappedFile, ShrinkKeepsLengthAndZeroesTheTail) {
-   Testing::TempRoot root;
-   const std::string path = root.path() + "/f";
+TEST_F(MappedFileTest, ShrinkKeepsLengthAndZeroesTheTail) {
    const size_t big = 64 * 4096;
    auto w = Region::MappedFile::create(path, big);
    std::memset(w.data(), 0xab, big);
@@ -67,9 +71,7 @@ TEST(MappedFile, ShrinkKeepsLengthAndZeroesTheTail) {
    EXPECT_EQ(r.data()[big / 2 - 1], 1);
 }
 
-TEST(MappedFile, CreateReplacesTheFileInsteadOfTruncatingIt) {
-   Testing::TempRoot root;
-   const std::string path = root.path() + "/f";
+TEST_F(MappedFileTest, CreateReplacesTheFileInsteadOfTruncatingIt) {
    auto w = Region::MappedFile::create(path, 8192);
    std::memset(w.data(), 0x11, 8192);
    auto r = Region::MappedFile::openReadOnly(path);
@@ -80,9 +82,7 @@ TEST(MappedFile, CreateReplacesTheFileInsteadOfTruncatingIt) {
    EXPECT_EQ(w2.data()[0], 0);
 }
 
-TEST(MappedFile, ReadOnlyMappingFaultsOnWrite) {
-   Testing::TempRoot root;
-   const std::string path = root.path() + "/f";
+TEST_F(MappedFileTest, ReadOnlyMappingFaultsOnWrite) {
    { auto w = Region::MappedFile::create(path, 4096); }
    pid_t pid = Testing::forkChild([&] {
       auto r = Region::MappedFile::openReadOnly(path);
@@ -98,22 +98,14 @@ TEST(MappedFile, ReadOnlyMappingFaultsOnWrite) {
    EXPECT_EQ(r.data()[0], 0);
 }
 
-TEST(MappedFile, OpenFailuresNameTheFile) {
-   Testing::TempRoot root;
-   const std::string path = root.path() + "/missing";
-   try {
-      Region::MappedFile::openReadOnly(path);
-      FAIL() << "opened a missing file";
-   } catch (const Region::Error& e) {
-      EXPECT_EQ(std::string(e.what()), "cannot open " + path + ": No such file or directory");
-   }
+TEST_F(MappedFileTest, OpenFailuresNameTheFile) {
+   EXPECT_EQ(Testing::errorText<Region::Error>([&] { Region::MappedFile::openReadOnly(path); }),
+             "cannot open " + path + ": No such file or directory");
    EXPECT_THROW(Region::MappedFile::openReadWrite(path), Region::Error);
    EXPECT_THROW(Region::MappedFile::create(root.path() + "/no/such/dir/f", 10), Region::Error);
 }
 
-TEST(MappedFile, EmptyFileMapsToNothingAndFollowsGrowth) {
-   Testing::TempRoot root;
-   const std::string path = root.path() + "/f";
+TEST_F(MappedFileTest, EmptyFileMapsToNothingAndFollowsGrowth) {
    auto w = Region::MappedFile::create(path, 0);
    auto r = Region::MappedFile::openReadOnly(path);
    EXPECT_EQ(r.size(), 0u);
@@ -124,9 +116,8 @@ TEST(MappedFile, EmptyFileMapsToNothingAndFollowsGrowth) {
    EXPECT_EQ(r.data()[9], 3);
 }
 
-TEST(MappedFile, MovedFromIsEmpty) {
-   Testing::TempRoot root;
-   auto a = Region::MappedFile::create(root.path() + "/f", 10);
+TEST_F(MappedFileTest, MovedFromIsEmpty) {
+   auto a = Region::MappedFile::create(path, 10);
    Region::MappedFile b = std::move(a);
    EXPECT_FALSE(a);  // NOLINT: checking the moved-from state is the point
    EXPECT_TRUE(b);
@@ -142,19 +133,14 @@ TEST(MappedFile, CheckedRegionSizeRefusesTheLargestMapping) {
    EXPECT_THROW(Region::checkedRegionSize(0, L, 1), Region::Error);
    EXPECT_THROW(Region::checkedRegionSize(L, 0, 0), Region::Error);
    EXPECT_THROW(Region::checkedRegionSize(40, UINT64_MAX, 2), Region::Error);  // wraps
-   try {
-      Region::checkedRegionSize(600, 0xFFFFFFFFu, 24);
-      FAIL();
-   } catch (const Region::Error& e) {
-      EXPECT_EQ(std::string(e.what()),
-                "600 + 4294967295 * 24 reaches the largest mapping size 68719476736");
-   }
+   EXPECT_EQ(
+       Testing::errorText<Region::Error>([] { Region::checkedRegionSize(600, 0xFFFFFFFFu, 24); }),
+       "600 + 4294967295 * 24 reaches the largest mapping size 68719476736");
 }
 
-TEST(MappedFile, ReadOnlyResizeIsAnAssertion) {
-   Testing::TempRoot root;
-   { auto w = Region::MappedFile::create(root.path() + "/f", 10); }
-   auto r = Region::MappedFile::openReadOnly(root.path() + "/f");
+TEST_F(MappedFileTest, ReadOnlyResizeIsAnAssertion) {
+   { auto w = Region::MappedFile::create(path, 10); }
+   auto r = Region::MappedFile::openReadOnly(path);
    EXPECT_DEATH(r.resize(20),
                 "assertion failed: fd_ >= 0 && !readOnly_ && \"resize needs a file mapped "
                 "read-write\"");

@@ -8,6 +8,7 @@
 
 #include "Region/Error.h"
 #include "Region/OwnerFile.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -36,15 +37,10 @@ TEST(OwnerFile, TextNamesThisProcessAndParsesBack) {
 TEST(OwnerFile, SecondWriterIsRefusedWithTheTableAndPid) {
    Testing::TempRoot root;
    auto first = Region::OwnerFile::acquire(root.path());
-   try {
-      Region::OwnerFile::acquire(root.path());
-      FAIL() << "second writer accepted";
-   } catch (const Region::OwnerError& e) {
-      const std::string what = e.what();
-      EXPECT_EQ(what, "table " + root.path() + " already has a live writer (pid " +
-                          std::to_string(::getpid()) + "); owner file says \"" + first.text() +
-                          "\"");
-   }
+   EXPECT_EQ(
+       Testing::errorText<Region::OwnerError>([&] { Region::OwnerFile::acquire(root.path()); }),
+       "table " + root.path() + " already has a live writer (pid " + std::to_string(::getpid()) +
+           "); owner file says \"" + first.text() + "\"");
    first.release();
    EXPECT_FALSE(first.held());
    auto second = Region::OwnerFile::acquire(root.path());

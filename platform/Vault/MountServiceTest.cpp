@@ -15,6 +15,7 @@
 #include "Vault/MountError.h"
 #include "Vault/MountService.h"
 #include "Vela/TypeRegistry.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -119,22 +120,26 @@ FileTable* asTable(const Vela::Ptr<Vela::Entity>& e) {
    return dynamic_cast<FileTable*>(e.get());
 }
 
-template <class F>
-std::string errorOf(F&& f) {
-   try {
-      f();
-   } catch (const std::exception& e) {
-      return e.what();
+// Each test gets a fresh store root and a loop; mount() fills in what most mounts share.
+class MountServiceTest : public ::testing::Test {
+  protected:
+   Vela::Ptr<Vela::Entity> mount(Vault::MountService& s, const char* path,
+                                 VelaDock::Mode mode = VelaDock::writer(),
+                                 const VelaDock::MountInfo& info = entryInfo(),
+                                 const char* type = "Test::FileTable") {
+      return s.mount(path, type, mode, info, loop);
    }
-   return "(no exception)";
-}
-
-TEST(MountService, WriterMountBuildsThroughRegistryHandsControlsAndAttachesUnderGroup) {
+   std::string refusal(Vault::MountService& s, const char* path, VelaDock::Mode mode,
+                       const VelaDock::MountInfo& info, const char* type = "Test::FileTable") {
+      return Testing::errorText([&] { mount(s, path, mode, info, type); });
+   }
    Testing::TempRoot root;
    Loom::EventLoop loop;
+};
+
+TEST_F(MountServiceTest, WriterMountBuildsThroughRegistryHandsControlsAndAttachesUnderGroup) {
    auto service = Vela::makePtr<Vault::MountService>();
-   auto e =
-       service->mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   auto e = mount(*service, "tunnel/table/ldp");
    FileTable* t = asTable(e);
    ASSERT_NE(t, nullptr);
    EXPECT_EQ(e->name(), "ldp");
@@ -160,44 +165,31 @@ TEST(MountService, WriterMountBuildsThroughRegistryHandsControlsAndAttachesUnder
    EXPECT_TRUE(fs::exists(root.path() + "/tunnel/table/ldp/entry/owner"));
 
    // Mounting again in this process gives the same entity, attached once.
-   auto again =
-       service->mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
-   EXPECT_EQ(again, e);
+   EXPECT_EQ(mount(*service, "tunnel/table/ldp"), e);
    EXPECT_EQ(t->handleParentCalls_, 1);
    EXPECT_EQ(service->mountCount(), 1u);
-
-   EXPECT_EQ(errorOf([&] {
-                service->mount("tunnel/table/ldp", "Test::FileTable", VelaDock::keyshadow(), {},
-                               loop);
-             }),
+   EXPECT_EQ(refusal(*service, "tunnel/table/ldp", VelaDock::keyshadow(), {}),
              "cannot mount 'tunnel/table/ldp' as keyshadow: already mounted as writer");
-   EXPECT_EQ(errorOf([&] {
-                service->mount("tunnel/table/ldp", "Test::TwoCollectionTable", VelaDock::writer(),
-                               entryInfo(), loop);
-             }),
+   EXPECT_EQ(refusal(*service, "tunnel/table/ldp", VelaDock::writer(), entryInfo(),
+                     "Test::TwoCollectionTable"),
              "cannot mount 'tunnel/table/ldp' with type 'Test::TwoCollectionTable': already "
              "mounted with type 'Test::FileTable'");
 }
 
-TEST(MountService, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
+TEST_F(MountServiceTest, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
    Vault::MountService service;
-   auto mountAs = [&](const char* path, const char* type, VelaDock::Mode mode,
-                      const VelaDock::MountInfo& info) {
-      return errorOf([&] { service.mount(path, type, mode, info, loop); });
-   };
-   EXPECT_EQ(mountAs("tunnel/table/x", "No::Such", VelaDock::writer(), entryInfo()),
+   const auto writer = VelaDock::writer();
+   EXPECT_EQ(refusal(service, "tunnel/table/x", writer, entryInfo(), "No::Such"),
              "cannot mount 'tunnel/table/x': unknown type 'No::Such'");
-   EXPECT_EQ(mountAs("tunnel/table/x", "Test::Plain", VelaDock::writer(), entryInfo()),
+   EXPECT_EQ(refusal(service, "tunnel/table/x", writer, entryInfo(), "Test::Plain"),
              "cannot mount 'tunnel/table/x': type 'Test::Plain' is not mountable");
-   EXPECT_EQ(mountAs("tunnel/table/x", "Test::FileTable", VelaDock::writer(), {}),
+   EXPECT_EQ(refusal(service, "tunnel/table/x", writer, {}),
              "cannot mount 'tunnel/table/x' as writer: the mount describes no collection");
    for (const char* bad : {"", "/tunnel", "tunnel/", "a//b", "a/./b", "a/../b", "..", "."}) {
-      EXPECT_EQ(mountAs(bad, "Test::FileTable", VelaDock::writer(), entryInfo()),
+      EXPECT_EQ(refusal(service, bad, writer, entryInfo()),
                 "invalid mount path '" + std::string(bad) + "'");
    }
-   EXPECT_EQ(mountAs("tunnel/table/x", "Test::RefusingTable", VelaDock::writer(), entryInfo()),
+   EXPECT_EQ(refusal(service, "tunnel/table/x", writer, entryInfo(), "Test::RefusingTable"),
              "store refused");
    EXPECT_EQ(service.mountCount(), 0u);
    EXPECT_EQ(service.mountGroup()->childCount(), 0u);
@@ -205,26 +197,19 @@ TEST(MountService, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
 
    // A configuration entity at a path is not a mount.
    service.database()->entityIs("config/decap", Vela::makePtr<PlainEntity>("decap"));
-   EXPECT_THROW(
-       service.mount("config/decap", "Test::FileTable", VelaDock::writer(), entryInfo(), loop),
-       Vela::RecreationException);
+   EXPECT_THROW(mount(service, "config/decap"), Vela::RecreationException);
    EXPECT_FALSE(service.unmount("config/decap"));
    EXPECT_TRUE(service.database()->entity("config/decap"));
 }
 
-TEST(MountService, ReaderMountServesTheEntityCollectionsOrTheDescribedOnes) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
-   Vault::MountService writer;
-   VelaDock::MountInfo two;
-   two.collectionIs("entry", 1024);
+TEST_F(MountServiceTest, ReaderMountServesTheEntityCollectionsOrTheDescribedOnes) {
+   Vault::MountService writer, readers;
+   VelaDock::MountInfo two = entryInfo(1024), one;
    two.collectionIs("status", 16);
-   writer.mount("tunnel/table/a", "Test::TwoCollectionTable", VelaDock::writer(), two, loop);
+   mount(writer, "tunnel/table/a", VelaDock::writer(), two, "Test::TwoCollectionTable");
 
-   Vault::MountService readers;
-   auto e =
-       readers.mount("tunnel/table/a", "Test::TwoCollectionTable", VelaDock::keyshadow(), {}, loop);
-   auto* t = asTable(e);
+   auto* t = asTable(
+       mount(readers, "tunnel/table/a", VelaDock::keyshadow(), {}, "Test::TwoCollectionTable"));
    ASSERT_EQ(t->controls_.size(), 2u);
    EXPECT_EQ(t->controls_["status"]->sizing(), 0u);
    EXPECT_EQ(t->controls_["status"]->mode(), VelaDock::keyshadow());
@@ -232,20 +217,16 @@ TEST(MountService, ReaderMountServesTheEntityCollectionsOrTheDescribedOnes) {
    EXPECT_EQ(t->seen_["status"], "sizing 16");
    EXPECT_EQ(t->controls_["entry"]->mountStatus(), 2);
 
-   VelaDock::MountInfo one;
    one.collectionIs("status", 5);
-   auto r =
-       readers.mount("tunnel/table/a2", "Test::TwoCollectionTable", VelaDock::reader(), one, loop);
-   ASSERT_EQ(asTable(r)->controls_.size(), 1u);
-   EXPECT_EQ(asTable(r)->controls_["status"]->sizing(), 5u);
+   auto* r = asTable(
+       mount(readers, "tunnel/table/a2", VelaDock::reader(), one, "Test::TwoCollectionTable"));
+   ASSERT_EQ(r->controls_.size(), 1u);
+   EXPECT_EQ(r->controls_["status"]->sizing(), 5u);
 }
 
-TEST(MountService, UnmountReleasesTheOwnerFileToAnotherProcessAndHandsTheEntityBack) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
+TEST_F(MountServiceTest, UnmountReleasesTheOwnerFileToAnotherProcessAndHandsTheEntityBack) {
    Vault::MountService service;
-   auto e =
-       service.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   auto e = mount(service, "tunnel/table/ldp");
    auto control = service.control("tunnel/table/ldp", "entry");
 
    // Exit codes: 0 mounted, 1 refused as second writer, 2 anything else.
@@ -281,18 +262,14 @@ TEST(MountService, UnmountReleasesTheOwnerFileToAnotherProcessAndHandsTheEntityB
    EXPECT_EQ(control->releasedEntityName(), "ldp");
 
    // A new mount after the unmount builds a new entity.
-   auto fresh =
-       service.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
-   EXPECT_EQ(asTable(fresh)->handleParentCalls_, 1);
+   EXPECT_EQ(asTable(mount(service, "tunnel/table/ldp"))->handleParentCalls_, 1);
    EXPECT_NE(service.control("tunnel/table/ldp", "entry"), control);
 }
 
-TEST(MountService, CleanupRemovesTheFilesAndParentsItEmptied) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
+TEST_F(MountServiceTest, CleanupRemovesTheFilesAndParentsItEmptied) {
    Vault::MountService service;
-   service.mount("tunnel/table/ldp", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
-   service.mount("tunnel/table/sr", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
+   mount(service, "tunnel/table/ldp");
+   mount(service, "tunnel/table/sr");
    const std::string table = root.path() + "/tunnel/table";
 
    EXPECT_TRUE(service.cleanup("tunnel/table/ldp"));
@@ -310,14 +287,12 @@ TEST(MountService, CleanupRemovesTheFilesAndParentsItEmptied) {
    EXPECT_THROW(service.cleanup("../etc"), Vault::MountError);
 }
 
-TEST(MountService, DestroyingTheServiceUnmountsEverything) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
+TEST_F(MountServiceTest, DestroyingTheServiceUnmountsEverything) {
    Vela::Ptr<Vela::Entity> a, b;
    {
       Vault::MountService service;
-      a = service.mount("t/a", "Test::FileTable", VelaDock::writer(), entryInfo(), loop);
-      b = service.mount("t/b", "Test::FileTable", VelaDock::keyshadow(), {}, loop);
+      a = mount(service, "t/a");
+      b = mount(service, "t/b", VelaDock::keyshadow(), {});
    }
    EXPECT_EQ(asTable(a)->unmounts_, 1);
    EXPECT_EQ(asTable(b)->unmounts_, 1);
@@ -342,7 +317,8 @@ TEST(Database, PathsAndEntities) {
    EXPECT_THROW(db.entityIs("/config/y", e), Vault::MountError);
    auto made = db.entityNew("config/f", "Test::FileTable");
    EXPECT_EQ(made->name(), "f");
-   EXPECT_EQ(errorOf([&] { db.entityNew("config/g", "No::Such"); }), "unknown type 'No::Such'");
+   EXPECT_EQ(Testing::errorText([&] { db.entityNew("config/g", "No::Such"); }),
+             "unknown type 'No::Such'");
    EXPECT_EQ(db.paths(), (std::vector<Vela::String>{"config/f", "config/x"}));
    EXPECT_TRUE(db.entityDel("config/x"));
    EXPECT_FALSE(db.entityDel("config/x"));

@@ -4,6 +4,7 @@
 
 #include "Vela/ArraySizeError.h"
 #include "Vela/Exception.h"
+#include "testing/Expect.h"
 
 namespace {
 
@@ -26,11 +27,9 @@ TEST(Exception, EveryRuntimeExceptionIsARuntimeError) {
    EXPECT_THROW(throw Vela::NullArgumentException("n"), Vela::Exception);
    EXPECT_THROW(throw Vela::RecreationException("r"), Vela::Exception);
    EXPECT_THROW(throw Vela::ArraySizeError::make(1, 2, nullptr, 0), std::runtime_error);
-   try {
-      throw Vela::ParseException("cannot read attribute 'value' of T: x");
-   } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "cannot read attribute 'value' of T: x");
-   }
+   EXPECT_EQ(Testing::errorText<std::runtime_error>(
+                 [] { throw Vela::ParseException("cannot read attribute 'value' of T: x"); }),
+             "cannot read attribute 'value' of T: x");
 }
 
 }  // namespace

@@ -134,22 +134,22 @@ TEST(ValueText, ErrorsNameTheAttributeBeingRead) {
    EXPECT_EQ(err("Value('Tunnel::TunnelTable::EncapId', ** {'value': 1})", kTunnelId, readValue),
              "cannot read attribute 'value' of Tunnel::TunnelTable::TunnelId: text does not start "
              "with \"Value('Tunnel::TunnelTable::TunnelId', ** {\"");
-   EXPECT_EQ(err("Value('T', ** {'other': 1})", "T", readValue),
-             "cannot read attribute 'value' of T: attribute not present");
-   EXPECT_EQ(err("Value('T', ** {'value': 1}", "T", readValue),
-             "cannot read attribute 'value' of T: expected \")\" at offset 26");
-   EXPECT_EQ(err("Value('T', ** {'value': 1}) ", "T", readValue),
-             "cannot read attribute 'value' of T: unexpected text after the value at offset 27");
-   EXPECT_EQ(err("Value('T', ** {'value': 1,'b': 2})", "T", readValue),
-             "cannot read attribute 'value' of T: expected \", \" at offset 25");
-   EXPECT_EQ(err("Value('T', ** {'value': 1, 'value': 2})", "T", readValue),
-             "cannot read attribute 'value' of T: attribute 'value' appears twice");
-   EXPECT_EQ(err("Value('T', ** {'value': 'abc})", "T", readValue),
-             "cannot read attribute 'value' of T: unterminated string in attribute 'value'");
-   EXPECT_EQ(err("Value('T', ** {'value': [1, 2})", "T", readValue),
-             "cannot read attribute 'value' of T: expected \"}\" at offset 30");
-   EXPECT_EQ(err("Value('T', ** {'value': [1, 2", "T", readValue),
-             "cannot read attribute 'value' of T: unterminated value of attribute 'value'");
+   // Read as T's 'value'; the error follows "cannot read attribute 'value' of T: ".
+   const std::pair<const char*, const char*> cases[] = {
+       {"Value('T', ** {'other': 1})", "attribute not present"},
+       {"Value('T', ** {'value': 1}", "expected \")\" at offset 26"},
+       {"Value('T', ** {'value': 1}) ", "unexpected text after the value at offset 27"},
+       {"Value('T', ** {'value': 1,'b': 2})", "expected \", \" at offset 25"},
+       {"Value('T', ** {'value': 1, 'value': 2})", "attribute 'value' appears twice"},
+       {"Value('T', ** {'value': 'abc})", "unterminated string in attribute 'value'"},
+       {"Value('T', ** {'value': [1, 2})", "expected \"}\" at offset 30"},
+       {"Value('T', ** {'value': [1, 2", "unterminated value of attribute 'value'"},
+   };
+   for (const auto& [text, error] : cases) {
+      SCOPED_TRACE(text);
+      EXPECT_EQ(err(text, "T", readValue),
+                std::string("cannot read attribute 'value' of T: ") + error);
+   }
    EXPECT_EQ(err("Value('T', ** {'value': 70000})", "T",
                  [](const ValueTextParser& p) { p.readUnsigned<uint16_t>("value"); }),
              "cannot read attribute 'value' of T: expected a 16-bit unsigned number, got "

@@ -45,44 +45,39 @@ class GuardedBytes {
    uint8_t* base_ = nullptr;
 };
 
+// Sample values of each type, from their text forms.
 template <typename T>
 std::vector<T> samples();
 
+template <typename T>
+std::vector<T> parsed(std::initializer_list<std::string> texts) {
+   return std::vector<T>(texts.begin(), texts.end());
+}
+
 template <>
 std::vector<IpGenAddr> samples() {
-   return {IpGenAddr(), IpGenAddr("10.0.0.1"), IpGenAddr("255.255.255.255"),
-           IpGenAddr("2001:db8::1"), IpGenAddr("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff")};
+   return parsed<IpGenAddr>({"none", "10.0.0.1", "255.255.255.255", "2001:db8::1",
+                             "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"});
 }
 
 template <>
 std::vector<IpGenPrefix> samples() {
-   return {IpGenPrefix(),
-           IpGenPrefix("10.0.0.0/8"),
-           IpGenPrefix("1.2.3.4/32"),
-           IpGenPrefix("0.0.0.0/0"),
-           IpGenPrefix("2001:db8::/32"),
-           IpGenPrefix("::1/128")};
+   return parsed<IpGenPrefix>(
+       {"none", "10.0.0.0/8", "1.2.3.4/32", "0.0.0.0/0", "2001:db8::/32", "::1/128"});
 }
 
 template <>
 std::vector<IntfId> samples() {
-   return {IntfId(),
-           IntfId("Ethernet1"),
-           IntfId("Ethernet3/1/4"),
-           IntfId("Vlan4094"),
-           IntfId("Management1/1"),
-           IntfId::tunnelIntf(70000),
-           DynamicTunnelIntfId::tunnelIdToIntfId(0x900000000005)};
+   return parsed<IntfId>({"", "Ethernet1", "Ethernet3/1/4", "Vlan4094", "Management1/1",
+                          "Tunnel70000", "DynamicTunnel0x900000000005"});
 }
 
 template <>
 std::vector<MplsLabelOperation> samples() {
-   return {MplsLabelOperation(),
-           MplsLabelOperation::push({100, 200}),
-           MplsLabelOperation::push(std::vector<uint32_t>(11, 0xFFFFF)),
-           MplsLabelOperation::swap({300}),
-           MplsLabelOperation::pop(2),
-           MplsLabelOperation::popAndPush(3, std::vector<uint32_t>{7, 8})};
+   std::string fullStack = "push";  // eleven labels of 20 bits
+   for (int i = 0; i < 11; ++i) fullStack += " 1048575";
+   return parsed<MplsLabelOperation>(
+       {"", "push 100 200", fullStack, "swap 300", "pop 2", "pop 3 push 7 8"});
 }
 
 template <typename T>

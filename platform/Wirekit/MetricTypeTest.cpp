@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <sstream>
 
 #include "Vela/Exception.h"
 #include "Wirekit/Errors.h"
 #include "Wirekit/MetricType.h"
+#include "testing/Expect.h"
 
 using Wirekit::MetricType;
 
@@ -15,9 +15,7 @@ TEST(MetricType, DefaultIsIgpMetricOfValueOne) {
    EXPECT_EQ(static_cast<uint32_t>(Wirekit::kDefaultMetricType), 1u);
    EXPECT_EQ(Wirekit::kDefaultMetricType, MetricType::igpMetric);
    EXPECT_EQ(Wirekit::valueToStrep(MetricType::igpMetric), "igpMetric");
-   std::ostringstream os;
-   os << MetricType::medMetric;
-   EXPECT_EQ(os.str(), "medMetric");
+   EXPECT_EQ(Testing::streamed(MetricType::medMetric), "medMetric");
 }
 
 TEST(MetricType, NamesValuesAndBytesRoundTrip) {
@@ -40,12 +38,8 @@ TEST(MetricType, UnknownValuesAndNamesAreRejected) {
       for (int i = 0; i < 4; ++i) b[i] = static_cast<uint8_t>(v >> (8 * i));
       EXPECT_THROW(Wirekit::deserializeMetricType(b.data()), Wirekit::FormatError) << v;
    }
-   try {
-      Wirekit::metricTypeFromValue(6);
-      ADD_FAILURE();
-   } catch (const Wirekit::FormatError& e) {
-      EXPECT_STREQ(e.what(), "Wirekit::MetricType: unknown value 6");
-   }
+   EXPECT_EQ(Testing::errorText<Wirekit::FormatError>([] { Wirekit::metricTypeFromValue(6); }),
+             "Wirekit::MetricType: unknown value 6");
    for (const char* t : {"", "igp", "IgpMetric", "igpMetric ", "1"}) {
       EXPECT_THROW(Wirekit::metricTypeFromString(t), Vela::ParseException) << t;
    }

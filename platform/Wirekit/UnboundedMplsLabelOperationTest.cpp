@@ -1,14 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Vela/Exception.h"
 #include "Wirekit/Errors.h"
 #include "Wirekit/UnboundedMplsLabelOperation.h"
+#include "testing/Expect.h"
 
+using Testing::errorText;
 using Wirekit::FormatError;
 using Wirekit::LabelStackOverflow;
 using Wirekit::MplsLabelOperation;
@@ -17,6 +18,7 @@ using Op = UnboundedMplsLabelOperation;
 
 namespace {
 
+// The byte form, written over 0xEE bytes with room to spare, so a write past the end shows.
 std::vector<uint8_t> bytesOf(const Op& op) {
    std::vector<uint8_t> b(op.serializeLen() + 4, 0xEE);
    op.serialize(b.data());
@@ -30,24 +32,13 @@ std::vector<uint32_t> labelRun(size_t n) {
    return v;
 }
 
-template <typename F>
-std::string errorOf(F&& f) {
-   try {
-      f();
-   } catch (const std::exception& e) {
-      return e.what();
-   }
-   return "(no error)";
-}
-
 TEST(UnboundedMplsLabelOperation, ByteFormIsHeaderCountAndLabels) {
-   const std::vector<uint8_t> expected = {1, 0, 0, 0, 2, 0, 0, 0, 100, 0, 0, 0, 200, 0, 0, 0};
-   EXPECT_EQ(bytesOf(Op::push({100, 200})), expected);
-   const std::vector<uint8_t> pop = {3, 2, 0, 0, 0, 0, 0, 0};
-   EXPECT_EQ(bytesOf(Op::pop(2)), pop);
-   EXPECT_EQ(bytesOf(Op()), std::vector<uint8_t>(8, 0));
-   const std::vector<uint8_t> swap = {2, 1, 0, 0, 1, 0, 0, 0, 0xFF, 0xFF, 0x0F, 0};
-   EXPECT_EQ(bytesOf(Op::swap({0xFFFFF})), swap);
+   using Bytes = std::vector<uint8_t>;
+   EXPECT_EQ(bytesOf(Op::push({100, 200})),
+             (Bytes{1, 0, 0, 0, 2, 0, 0, 0, 100, 0, 0, 0, 200, 0, 0, 0}));
+   EXPECT_EQ(bytesOf(Op::pop(2)), (Bytes{3, 2, 0, 0, 0, 0, 0, 0}));
+   EXPECT_EQ(bytesOf(Op()), Bytes(8, 0));
+   EXPECT_EQ(bytesOf(Op::swap({0xFFFFF})), (Bytes{2, 1, 0, 0, 1, 0, 0, 0, 0xFF, 0xFF, 0x0F, 0}));
 }
 
 TEST(UnboundedMplsLabelOperation, RoundTripsStacksOfAnyDepth) {
@@ -87,7 +78,7 @@ TEST(UnboundedMplsLabelOperation, DeserializeRejectsBadContentAndWrongLengths) {
    const auto len = static_cast<uint32_t>(good.size());
    auto b = good;
    b.push_back(0);
-   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data(), len + 1); }),
+   EXPECT_EQ(errorText<FormatError>([&] { Op::deserialize(b.data(), len + 1); }),
              "Wirekit::UnboundedMplsLabelOperation: record length does not match 17 bytes");
    for (unsigned kind = 0; kind < 256; ++kind) {
       for (unsigned pops : {0u, 1u, 2u, 255u}) {
@@ -102,20 +93,21 @@ TEST(UnboundedMplsLabelOperation, DeserializeRejectsBadContentAndWrongLengths) {
          }
       }
    }
-   b = good;
-   b[0] = 0;
-   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data(), len); }),
-             "Wirekit::UnboundedMplsLabelOperation: kind 0 does not match 0 pops and 2 labels");
-   for (int pos : {2, 3}) {
+   // One byte changed, and the error it must give.
+   const struct {
+      size_t pos;
+      uint8_t value;
+      const char* error;
+   } cases[] = {{0, 0, "kind 0 does not match 0 pops and 2 labels"},
+                {2, 1, "padding bytes set"},
+                {3, 1, "padding bytes set"},
+                {14, 0x10, "label 1048776 out of range"}};
+   for (const auto& c : cases) {
       b = good;
-      b[pos] = 1;
-      EXPECT_EQ(errorOf([&] { Op::deserialize(b.data(), len); }),
-                "Wirekit::UnboundedMplsLabelOperation: padding bytes set");
+      b[c.pos] = c.value;
+      EXPECT_EQ(errorText<FormatError>([&] { Op::deserialize(b.data(), len); }),
+                std::string("Wirekit::UnboundedMplsLabelOperation: ") + c.error);
    }
-   b = good;
-   b[14] = 0x10;
-   EXPECT_EQ(errorOf([&] { Op::deserialize(b.data(), len); }),
-             "Wirekit::UnboundedMplsLabelOperation: label 1048776 out of range");
    b = good;
    b[11] = 0x80;
    EXPECT_THROW(Op::deserialize(b.data(), len), FormatError);
@@ -126,7 +118,7 @@ TEST(UnboundedMplsLabelOperation, ConvertsToBoundedOnlyWhenItFits) {
    const MplsLabelOperation bounded = eleven.toBounded();
    EXPECT_EQ(bounded, MplsLabelOperation::swap(labelRun(11)));
    EXPECT_EQ(Op(bounded), eleven);
-   EXPECT_EQ(errorOf([] { Op::push(labelRun(12)).toBounded(); }),
+   EXPECT_EQ(errorText<LabelStackOverflow>([] { Op::push(labelRun(12)).toBounded(); }),
              "label stack of 12 labels exceeds the capacity of 11");
    EXPECT_THROW(Op::push(labelRun(600)).toBounded(), LabelStackOverflow);
    EXPECT_EQ(Op().toBounded(), MplsLabelOperation());
@@ -153,9 +145,7 @@ TEST(UnboundedMplsLabelOperation, AgreesWithTheBoundedTypeOnTextHashAndOrder) {
       ASSERT_EQ(ua < ub, a < b) << a << " vs " << b;
       ASSERT_EQ(ua == ub, a == b) << a << " vs " << b;
    }
-   std::ostringstream os;
-   os << Op::push({1, 2});
-   EXPECT_EQ(os.str(), "push 1 2");
+   EXPECT_EQ(Testing::streamed(Op::push({1, 2})), "push 1 2");
    EXPECT_LT(Op::push(labelRun(11)), Op::push(labelRun(12)));
    EXPECT_THROW(Op("push x"), Vela::ParseException);
 }
