@@ -20,6 +20,16 @@
 // slot, and defers removals to flushComplete(), where a key is reported removed only if no slot
 // holds it any more - a key that merely moved (shrink, or a re-formatted table) is not lost.
 //
+// Invariant (what keeps the table's view equal to the writer's across restarts): every key the
+// table was told about and not since told removed is either indexed in the shadow or listed in
+// pendingRemovals_. A flush takes a key out of the index before it knows whether the key is gone
+// or only moved, so the pending list belongs to the shadow, not to one flush: only
+// flushComplete() drains it, and a flush cut short (the writer restarted or re-formatted again
+// mid-flush, the reader re-attached) hands it on to the next flush, which resolves it against
+// the then current files. Only detach(), which drops the whole shadow without callbacks, clears
+// it. The index is keyed by the hash under the table's hashSeed; a re-formatted table brings a
+// new seed, and re-attaching re-keys the records the shadow keeps (rehashIndex).
+//
 // Writer restart: the herald's relume is re-stamped by a restarted writer (see HeraldWriter), which
 // also wakes readers; a reader that sees a relume other than its own detaches its files, keeps its
 // shadow, re-attaches under the new relume and flushes. When the new files are not ready yet it
@@ -41,6 +51,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "Loom/Clock.h"
@@ -132,6 +143,7 @@ class DockShadow {
       for (uint32_t i = 0; i < store_.size(); ++i) store_[i].record = ShadowRecord{};
       index_.clear();
       store_.reset();
+      pendingRemovals_.clear();
       synced_ = false;
    }
 
@@ -215,10 +227,10 @@ class DockShadow {
    // Ends a flush: reports the keys that left their slot and are held by no other slot.
    void flushComplete() {
       flushing_ = false;
-      std::vector<K> removed = std::move(pendingRemovals_);
+      auto removed = std::move(pendingRemovals_);
       pendingRemovals_.clear();
-      for (const K& key : removed) {
-         if (!index_.find(bucketHash(key), KeyTraits<K>::secondary(key))) notifyRemoved(key);
+      for (const auto& [fingerprint, key] : removed) {
+         if (!index_.find(bucketHash(key), fingerprint)) notifyRemoved(key);
       }
       SPOOR_TRACE(ShadowDetail::trace(), 7, "{} flush complete members:{}", name_, members());
    }
@@ -456,7 +468,10 @@ class DockShadow {
       if (!SlotTable::validateHeader(*copy.header, copy.size, relume, reason)) return fail(reason);
       if (!herald_.attach(dir_, relume, reason)) return fail(reason);
       relume_ = relume;
-      hashSeed_ = copy.header->hashSeed;
+      if (copy.header->hashSeed != hashSeed_) {
+         hashSeed_ = copy.header->hashSeed;
+         rehashIndex();
+      }
       allocator_ = std::make_unique<Tessel::ReaderAllocator>(dir_, relume);
       mapSlots();
       resize();
@@ -511,15 +526,35 @@ class DockShadow {
       });
    }
 
+   // Re-keys the indexed records under hashSeed_ (a re-formatted table chose a new seed). The
+   // records are unlinked first so that no chain ever holds records hashed under two seeds.
+   void rehashIndex() {
+      if (index_.size() == 0) return;
+      std::vector<ShadowSlot*> kept;
+      kept.reserve(index_.size());
+      for (uint32_t s = 0; s < store_.size(); ++s) {
+         ShadowSlot& ss = store_[s];
+         if (!ss.present || !ss.record.linked()) continue;
+         index_.remove(ss.record);
+         kept.push_back(&ss);
+      }
+      for (ShadowSlot* ss : kept) {
+         ss->record.hash = bucketHash(ss->key);
+         index_.write(ss->record.slot, ss->record);
+      }
+      SPOOR_TRACE(ShadowDetail::trace(), 5, "{} re-keyed {} records under hashSeed:{}", name_,
+                  kept.size(), hashSeed_);
+   }
+
    // Starts comparing every slot with the shadow; positions the queue at the writer's position
-   // first, so every change after the comparison's start is in the queue.
+   // first, so every change after the comparison's start is in the queue. Removals still pending
+   // from a flush that was cut short stay pending (see the invariant in the file comment).
    void startFlush(bool wholeTable) {
       ++counters_.flushes;
       herald_.restartAt(herald_.writerPosition());
       seq_ = herald_.lastSeq();
       flushing_ = true;
       flushNext_ = 0;
-      pendingRemovals_.clear();
       if (wholeTable && current().onWholeTable) current().onWholeTable();
    }
    void continueFlush() {
@@ -608,10 +643,19 @@ class DockShadow {
       ss.clear();
       if (!indexed) return;
       if (flag == SlotFlag::kFlushed) {
-         pendingRemovals_.push_back(key);
+         addPendingRemoval(key);
       } else {
          notifyRemoved(key);
       }
+   }
+   // Listed once however often flushes drop it: the table hears of a removal once.
+   void addPendingRemoval(const K& key) {
+      const uint64_t fingerprint = KeyTraits<K>::secondary(key);
+      auto [it, end] = pendingRemovals_.equal_range(fingerprint);
+      for (; it != end; ++it) {
+         if (it->second == key) return;
+      }
+      pendingRemovals_.emplace(fingerprint, key);
    }
    void notifyValue(const K& key, const V& value) {
       if (!notifying_) return;
@@ -662,7 +706,9 @@ class DockShadow {
    ShadowHashMap index_;
    ShadowStore<ShadowSlot> store_;
    std::vector<uint8_t> bytes_;
-   std::vector<K> pendingRemovals_;
+   // Keys dropped from their slot by a flush and not yet known to be gone or moved, by their
+   // seed-independent fingerprint (KeyTraits::secondary).
+   std::unordered_multimap<uint64_t, K> pendingRemovals_;
    bool flushing_ = false;
    uint32_t flushNext_ = 0;
    bool synced_ = false;

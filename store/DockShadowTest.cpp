@@ -307,6 +307,85 @@ TEST(DockShadow, ReaderFollowsAReformattedTable) {
    EXPECT_EQ(r->lookup(5), Value(5, 2, 2));
 }
 
+// A resynchronization takes a key out of the shadow before it knows whether the key is gone or
+// only moved. Here the writer restarts while the reader's resynchronization is half done (cut after
+// its first turn of slots, with removed keys among them): the next resynchronization must still
+// report those keys removed, exactly once.
+TEST(DockShadow, RemovalsFoundByAnInterruptedResyncAreReportedAfterTheNextRestart) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Seen seen;
+   std::unique_ptr<Shadow> r;
+   auto w = std::make_unique<Writer>(config());
+   w->initialize("t/cut");
+   for (uint64_t k = 1; k <= 1000; ++k) w->write(Value(k, 1, 1));
+   w->flush();
+   r = std::make_unique<Shadow>("cut", w->directory(), loop);
+   seen.attach(*r);
+   ASSERT_TRUE(r->initialize());
+   ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
+   // Keys removed from the first 100 slots, which the first turn of a resync compares.
+   std::set<uint64_t> gone;
+   for (uint64_t k = 1; k <= 1000; ++k) {
+      if (w->slotOf(k) < 100) gone.insert(k);
+   }
+   ASSERT_EQ(gone.size(), 100u);
+   for (uint64_t k : gone) w->remove(k);
+   w.reset();  // the writer dies before the reader has read the removals
+   w = std::make_unique<Writer>(config());
+   w->initialize("t/cut");
+   r->yieldTimeIs(1e-9);  // every turn of a resync ends after its first 256 slots
+   r->processQueue();     // sees the restart, re-attaches, compares slots 0..255, yields
+   ASSERT_EQ(r->state(), ReaderState::kSynchronized);  // mid-flush
+   ASSERT_EQ(r->members(), 900u);
+   ASSERT_TRUE(seen.removed.empty());
+   // Restarted again before the reader's next turn: the cut resync is abandoned.
+   w.reset();
+   w = std::make_unique<Writer>(config());
+   w->initialize("t/cut");
+   w->write(Value(1001, 1, 1));
+   w->flush();
+   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == w->relumeId() && r->quiesced(); }));
+   EXPECT_GE(r->readerCounters().reattaches, 2u);
+   EXPECT_EQ(seen.values, contents(*w));
+   EXPECT_EQ(std::set<uint64_t>(seen.removed.begin(), seen.removed.end()), gone);
+   EXPECT_EQ(seen.removed.size(), gone.size());
+}
+
+// A re-formatted table chooses a new hash seed: keys the shadow keeps across the re-attach (same
+// key in the same slot) are found by lookup under the new seed.
+TEST(DockShadow, KeysKeptAcrossAReformatAreFoundUnderTheNewSeed) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Seen seen;
+   std::unique_ptr<Shadow> r;
+   uint32_t firstSeed = 0;
+   {
+      Writer w(config());
+      w.initialize("t/seed");
+      for (uint64_t k = 1; k <= 30; ++k) w.write(Value(k, 1, 1));
+      w.flush();
+      firstSeed = w.table().header()->hashSeed;
+      r = std::make_unique<Shadow>("seed", w.directory(), loop);
+      seen.attach(*r);
+      ASSERT_TRUE(r->initialize());
+      ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
+      Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
+      f.data()[20] ^= 0xFF;
+   }
+   Writer again(config());
+   again.initialize("t/seed");
+   ASSERT_EQ(again.mountStatus(), MountStatus::kReformatted);
+   ASSERT_NE(again.table().header()->hashSeed, firstSeed);
+   // The same keys in the same order: each lands in the slot it had before.
+   for (uint64_t k = 1; k <= 30; ++k) again.write(Value(k, 1, 1));
+   again.flush();
+   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == again.relumeId() && r->quiesced(); }));
+   EXPECT_TRUE(seen.removed.empty());
+   EXPECT_EQ(seen.values, contents(again));
+   for (uint64_t k = 1; k <= 30; ++k) EXPECT_EQ(r->lookup(k), Value(k, 1, 1)) << k;
+}
+
 TEST(DockShadow, ShrinkMovesKeysWithoutReportingThemRemoved) {
    Testing::TempRoot root;
    Writer w(config());

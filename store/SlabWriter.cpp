@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <vector>
 
 #include "Loom/CorruptionException.h"
@@ -47,10 +49,21 @@ uint32_t SlabWriter::numOccupied() const {
 
 void SlabWriter::create() {
    const uint32_t n = initialEntries(entrySize_);
+   // Formatted under a temporary name and renamed into place: a new file reads as zeros, i.e. as
+   // entries of payload size 0 (occupied), so a writer killed between creating the file and
+   // listing its entries as free would leave a slab that fails validation and costs the table.
+   const std::string tmp = fmt::format("{}.{}.tmp", path_, ::getpid());
    file_ = Region::MappedFile::create(
-       path_, Region::checkedRegionSize(Dock::kSlabHeaderSize, n, entrySize_));
+       tmp, Region::checkedRegionSize(Dock::kSlabHeaderSize, n, entrySize_));
    formatSlabHeader(header(), relume_, entrySize_, n);
    addFreeEntries(0, n);
+   if (::rename(tmp.c_str(), path_.c_str()) != 0) {
+      const int err = errno;
+      file_.close();
+      ::unlink(tmp.c_str());
+      throw Region::Error::fromErrno("cannot rename slab into place", path_, err);
+   }
+   file_ = Region::MappedFile::openReadWrite(path_);
    SPOOR_TRACE(trace(), 5, "{}::create() entrySize: {} entries: {}", name_, entrySize_, n);
 }
 
