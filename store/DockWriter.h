@@ -267,8 +267,17 @@ class DockWriter {
    void write(const V& value) {
       const K key = KeyOf()(value);
       const uint32_t hash = hash_->hashOf(key);
-      const uint32_t s = hash_->lookup(key, hash);
-      if (s != kNone) prefetchSlot(s);
+      // Most keys head their chain (load <= 1): the head's slot line and its old slab entry (by
+      // the hint kept with the head) are prefetched before the record is read, so that the three
+      // misses, two of them with page walks in the shared mappings, overlap.
+      const uint32_t bucket = buckets_.bucketOf(hash);
+      const uint32_t first = buckets_.head(bucket);
+      if (first != kNone) {
+         __builtin_prefetch(&table_.slot(first), 1);
+         prefetchEntry(buckets_.headHint(bucket));
+      }
+      const uint32_t s = hash_->lookupFrom(first, key, hash);
+      if (s != kNone && s != first) prefetchSlot(s);
       openDirect(s, key, hash);
       directCommit(value);
    }
@@ -346,8 +355,8 @@ class DockWriter {
          closeDirect();
          throw;
       }
-      table_.records()[s].offsetHint = nv.offset.value;
       if (flags & kOccupied) {
+         hash_->offsetHintIs(s, nv.offset.value);
          const Tessel::Offset old = offsetOf(s);
          Lookaside& la = h->lookaside;
          // Release fence: a reader that sees any of these lookaside words (relaxed) and then
@@ -370,6 +379,7 @@ class DockWriter {
          dynamic_->release(old);
          ++counters_.replaces;
       } else {
+         table_.records()[s].offsetHint = nv.offset.value;  // link() passes it to the head
          slot.offset.store(nv.offset.value, std::memory_order_relaxed);
          slot.length.store(nv.length, std::memory_order_relaxed);
          slot.keyHash.store(directHash_, std::memory_order_relaxed);
@@ -606,12 +616,17 @@ class DockWriter {
       return Tessel::SlabValue{offset, length};
    }
 
-   // Starts the cache misses a replacement of slot `s` will take: its slot line and the header
-   // of the entry its value is in (the private offset hint; a stale hint costs one wasted
-   // prefetch, never a wrong result).
+   // Starts the cache misses a replacement of slot `s` will take: its slot line (usually already
+   // under way from the lookup) and the header of the entry its value is in (the private offset
+   // hint; a stale hint costs one wasted prefetch, never a wrong result).
    void prefetchSlot(uint32_t s) {
       __builtin_prefetch(&table_.slot(s), 1);
-      const Tessel::Offset o = Tessel::Offset::fromWord(table_.records()[s].offsetHint);
+      prefetchEntry(table_.records()[s].offsetHint);
+   }
+   // Prefetches the header of the slab entry an Offset word names, when it is mapped.
+   void prefetchEntry(uint32_t word) {
+      if (word == kNone) return;
+      const Tessel::Offset o = Tessel::Offset::fromWord(word);
       if (Tessel::SlabWriter* slab = allocator_->attachedSlab(o.slab());
           slab && o.index() < slab->numEntries()) {
          __builtin_prefetch(Tessel::entryAt(slab->file().data(), slab->entrySize(), o.index()), 1);
@@ -677,7 +692,7 @@ class DockWriter {
       // Release: the new slot's words before OCCUPIED.
       ts.flags.store(((tflags + kWriteStep) | kOccupied) & ~kLookaside, std::memory_order_release);
       if (!hash_->relink(from, to)) VELA_FAIL("fromSlot:{} not referenced", from);
-      rec[to].offsetHint = nv.offset.value;
+      hash_->offsetHintIs(to, nv.offset.value);
       notify(to);
       herald_.postTombstone(from);
       const uint32_t fflags = fs.flags.load(std::memory_order_relaxed);
