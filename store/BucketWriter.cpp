@@ -4,6 +4,9 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstring>
+
 #include "Region/MappedFile.h"
 #include "Vela/Assert.h"
 
@@ -44,6 +47,16 @@ void BucketWriter::map() {
    heads_ = reinterpret_cast<std::atomic<uint32_t>*>(file_->data() + kBucketHeaderSize);
 }
 
+void BucketWriter::reserveMirror(uint32_t count) {
+   if (count <= mirrorCapacity_) return;
+   HugePageBuffer grown(size_t(count) * sizeof(MirrorHead));
+   if (mirror_) std::memcpy(grown.data(), mirror_, size_t(numBuckets_) * sizeof(MirrorHead));
+   mirrorBuffer_ = std::move(grown);
+   mirror_ = mirrorBuffer_.as<MirrorHead>();
+   mirrorCapacity_ =
+       uint32_t(std::min<size_t>(mirrorBuffer_.size() / sizeof(MirrorHead), UINT32_MAX));
+}
+
 void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t hashSeed,
                           uint32_t numBuckets) {
    VELA_ASSERT(numBuckets > 0 && (numBuckets & (numBuckets - 1)) == 0);
@@ -73,7 +86,12 @@ void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t has
    fields.relume = relume;
    fields.hashSeed = hashSeed;
    std::atomic_ref<uint32_t>(header_->check).store(checkOf(fields), std::memory_order_relaxed);
-   for (uint32_t i = 0; i < numBuckets; ++i) heads_[i].store(kNone, std::memory_order_relaxed);
+   numBuckets_ = 0;
+   reserveMirror(numBuckets);
+   for (uint32_t i = 0; i < numBuckets; ++i) {
+      heads_[i].store(kNone, std::memory_order_relaxed);
+      mirror_[i] = MirrorHead{kNone, kNone};
+   }
    numBuckets_ = numBuckets;
    header_->sizeWord.store(makeSizeWord(counter + 1, numBuckets), std::memory_order_release);
 }
@@ -83,6 +101,9 @@ void BucketWriter::detach() {
    header_ = nullptr;
    heads_ = nullptr;
    numBuckets_ = 0;
+   mirrorBuffer_ = HugePageBuffer();
+   mirror_ = nullptr;
+   mirrorCapacity_ = 0;
 }
 
 void BucketWriter::beginResize(uint32_t newCount) {
@@ -92,8 +113,10 @@ void BucketWriter::beginResize(uint32_t newCount) {
       file_->resize(size);
       map();
    }
+   reserveMirror(newCount);
    for (uint32_t i = numBuckets_; i < newCount; ++i) {
       heads_[i].store(kNone, std::memory_order_relaxed);
+      mirror_[i] = MirrorHead{kNone, kNone};
    }
    const uint64_t old = header_->sizeWord.load(std::memory_order_relaxed);
    // Release: the emptied heads are visible with the new count. The fence orders the odd

@@ -11,6 +11,14 @@
 // increments of the resize counter in sizeWord: the counter is odd while chains are being moved,
 // so a plain reader that sees an odd counter, or a counter that changed across its walk, retries.
 // The file only grows; a smaller count leaves the tail unused.
+//
+// The writer reads heads from a private mirror (a HugePageBuffer) and stores every change to both:
+// the lookup of a replacement reads one head at random, and the shared mapping, on 4 KiB pages,
+// added a TLB miss to that cache miss. Next to each head the mirror keeps the head slot's value
+// Offset word as a prefetch hint, so that a replacement can start on the slot's old slab entry
+// (a page walk and a miss of their own) at the same time as on the slot and its record, instead
+// of after them. Readers still see every head through the file, with the same release stores as
+// before; the mirror is never read by anyone else.
 #pragma once
 
 #include <atomic>
@@ -18,6 +26,7 @@
 #include <memory>
 #include <string>
 
+#include "store/HugePageBuffer.h"
 #include "store/Layout.h"
 
 namespace Region {
@@ -54,10 +63,19 @@ class BucketWriter {
    bool attached() const { return header_ != nullptr; }
 
    uint32_t numBuckets() const { return numBuckets_; }
-   uint32_t head(uint32_t bucket) const { return heads_[bucket].load(std::memory_order_relaxed); }
+   // The writer's own view of a head (its private mirror), and the hint kept with it: the head
+   // slot's value Offset word when last told, kNone when not known. Only ever prefetched.
+   uint32_t head(uint32_t bucket) const { return mirror_[bucket].slot; }
+   uint32_t headHint(uint32_t bucket) const { return mirror_[bucket].hint; }
+   void headHintIs(uint32_t bucket, uint32_t hint) { mirror_[bucket].hint = hint; }
+   // The head as readers see it in the file.
+   uint32_t sharedHead(uint32_t bucket) const {
+      return heads_[bucket].load(std::memory_order_relaxed);
+   }
    // Release: the slot's words, stored before it is linked, are visible to a reader that
    // acquires the head.
-   void headIs(uint32_t bucket, uint32_t slot) {
+   void headIs(uint32_t bucket, uint32_t slot, uint32_t hint = kNone) {
+      mirror_[bucket] = MirrorHead{slot, hint};
       heads_[bucket].store(slot, std::memory_order_release);
    }
    uint32_t bucketOf(uint32_t keyHash) const { return keyHash & (numBuckets_ - 1); }
@@ -74,12 +92,21 @@ class BucketWriter {
 
   private:
    void map();
+   // Makes the mirror hold at least `count` heads, keeping the first numBuckets_.
+   void reserveMirror(uint32_t count);
    static uint32_t checkOf(const BucketHeader& h);
 
    std::unique_ptr<Region::MappedFile> file_;
    BucketHeader* header_ = nullptr;
    std::atomic<uint32_t>* heads_ = nullptr;
    uint32_t numBuckets_ = 0;
+   struct MirrorHead {
+      uint32_t slot;  // the same as the file's head
+      uint32_t hint;  // the head slot's value Offset word, or kNone
+   };
+   HugePageBuffer mirrorBuffer_;
+   MirrorHead* mirror_ = nullptr;  // numBuckets_ heads
+   uint32_t mirrorCapacity_ = 0;
 };
 
 }  // namespace Dock

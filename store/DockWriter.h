@@ -267,10 +267,23 @@ class DockWriter {
    void write(const V& value) {
       const K key = KeyOf()(value);
       const uint32_t hash = hash_->hashOf(key);
-      const uint32_t s = hash_->lookup(key, hash);
-      if (s != kNone) prefetchSlot(s);
+      // Most keys head their chain (load <= 1): the head's record, its slot line and its old slab
+      // entry (by the hint kept with the head) are prefetched together, so that the three misses,
+      // two of them with page walks in the shared mappings, overlap.
+      const uint32_t bucket = buckets_.bucketOf(hash);
+      const uint32_t first = buckets_.head(bucket);
+      if (first != kNone) {
+         __builtin_prefetch(&table_.slot(first), 1);
+         prefetchEntry(buckets_.headHint(bucket));
+         __builtin_prefetch(&table_.records()[first], 0);
+      }
+      // The value is serialized (private work, often the larger part of a replacement) while
+      // those misses are in flight; the record is touched only after it.
+      const uint32_t length = serializeToScratch(value);
+      const uint32_t s = hash_->lookupFrom(first, key, hash);
+      if (s != kNone && s != first) prefetchSlot(s);
       openDirect(s, key, hash);
-      directCommit(value);
+      publish(length);
    }
 
    // Removes `key`; returns whether it was there (and its value in *removed when given).
@@ -327,27 +340,50 @@ class DockWriter {
          VELA_FAIL("not in direct mode! Make sure the DirectIs/Commit are properly paired!");
       }
       VELA_ASSERT(sameKey(KeyOf()(value), directKey_) && "direct commit of another key");
-      // Serialized privately first: it needs no shared line, so it overlaps the misses on the
-      // slot and the old entry that write() prefetched.
+      uint32_t length;
+      try {
+         length = serializeToScratch(value);
+      } catch (...) {
+         abandonDirect();
+         throw;
+      }
+      publish(length);
+   }
+
+   bool directOpen() const { return directSlot_ != kNone; }
+
+  private:
+   // Serializes `value` into scratch_; returns its length.
+   uint32_t serializeToScratch(const V& value) {
+      const uint32_t length = value.serializeLen();
+      if (scratch_.size() < length) scratch_.resize(length);
+      value.serialize(scratch_.data());
+      return length;
+   }
+
+   // Nothing was published: gives a newly taken slot back and closes direct mode.
+   void abandonDirect() {
+      const uint32_t flags = table_.slot(directSlot_).flags.load(std::memory_order_relaxed);
+      if (!(flags & kOccupied)) table_.freeSlot(directSlot_);
+      closeDirect();
+   }
+
+   // Publishes scratch_[0, length) into the open slot (the commit sequence above).
+   // REQUIRES: a direct write is open.
+   void publish(uint32_t length) {
+      const uint32_t s = directSlot_;
       auto* h = table_.header();
       Slot& slot = table_.slot(s);
       Tessel::SlabValue nv;
-      uint32_t flags;
+      const uint32_t flags = slot.flags.load(std::memory_order_relaxed);
       try {
-         const uint32_t length = value.serializeLen();
-         if (scratch_.size() < length) scratch_.resize(length);
-         value.serialize(scratch_.data());
-         flags = slot.flags.load(std::memory_order_relaxed);
          nv = storeEntry(s, length);
       } catch (...) {
-         flags = slot.flags.load(std::memory_order_relaxed);
-         // Nothing was published: give a newly taken slot back and close direct mode.
-         if (!(flags & kOccupied)) table_.freeSlot(s);
-         closeDirect();
+         abandonDirect();
          throw;
       }
-      table_.records()[s].offsetHint = nv.offset.value;
       if (flags & kOccupied) {
+         hash_->offsetHintIs(s, nv.offset.value);
          const Tessel::Offset old = offsetOf(s);
          Lookaside& la = h->lookaside;
          // Release fence: a reader that sees any of these lookaside words (relaxed) and then
@@ -370,6 +406,7 @@ class DockWriter {
          dynamic_->release(old);
          ++counters_.replaces;
       } else {
+         table_.records()[s].offsetHint = nv.offset.value;  // link() passes it to the head
          slot.offset.store(nv.offset.value, std::memory_order_relaxed);
          slot.length.store(nv.length, std::memory_order_relaxed);
          slot.keyHash.store(directHash_, std::memory_order_relaxed);
@@ -392,8 +429,7 @@ class DockWriter {
                             std::memory_order_release);
    }
 
-   bool directOpen() const { return directSlot_ != kNone; }
-
+  public:
    // ---------------------------------------------------------------------------------------
    // The writer's own reads.
 
@@ -606,12 +642,17 @@ class DockWriter {
       return Tessel::SlabValue{offset, length};
    }
 
-   // Starts the cache misses a replacement of slot `s` will take: its slot line and the header
-   // of the entry its value is in (the private offset hint; a stale hint costs one wasted
-   // prefetch, never a wrong result).
+   // Starts the cache misses a replacement of slot `s` will take: its slot line (usually already
+   // under way from the lookup) and the header of the entry its value is in (the private offset
+   // hint; a stale hint costs one wasted prefetch, never a wrong result).
    void prefetchSlot(uint32_t s) {
       __builtin_prefetch(&table_.slot(s), 1);
-      const Tessel::Offset o = Tessel::Offset::fromWord(table_.records()[s].offsetHint);
+      prefetchEntry(table_.records()[s].offsetHint);
+   }
+   // Prefetches the header of the slab entry an Offset word names, when it is mapped.
+   void prefetchEntry(uint32_t word) {
+      if (word == kNone) return;
+      const Tessel::Offset o = Tessel::Offset::fromWord(word);
       if (Tessel::SlabWriter* slab = allocator_->attachedSlab(o.slab());
           slab && o.index() < slab->numEntries()) {
          __builtin_prefetch(Tessel::entryAt(slab->file().data(), slab->entrySize(), o.index()), 1);
@@ -677,7 +718,7 @@ class DockWriter {
       // Release: the new slot's words before OCCUPIED.
       ts.flags.store(((tflags + kWriteStep) | kOccupied) & ~kLookaside, std::memory_order_release);
       if (!hash_->relink(from, to)) VELA_FAIL("fromSlot:{} not referenced", from);
-      rec[to].offsetHint = nv.offset.value;
+      hash_->offsetHintIs(to, nv.offset.value);
       notify(to);
       herald_.postTombstone(from);
       const uint32_t fflags = fs.flags.load(std::memory_order_relaxed);

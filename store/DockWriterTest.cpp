@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <map>
 #include <random>
@@ -12,6 +13,7 @@
 
 #include "Loom/EventLoop.h"
 #include "Spoor/Trace.h"
+#include "Vela/Hash.h"
 #include "store/DockWriter.h"
 #include "store/WriterTestValue.h"
 #include "testing/TempRoot.h"
@@ -98,10 +100,28 @@ TEST(DockWriter, EveryWritePostsOneNotificationAndFlushWakesOncePerBatch) {
    EXPECT_EQ(w.writerCounters().wakes, wakes + 2);
 }
 
+// The key hash is the one-at-a-time hash over the key's bytes from the table's seed, the same
+// value a reader computes with the library's hash, for 8-byte and wider keys.
+TEST(DockWriter, KeyHashIsOneAtATimeOverTheKeyBytes) {
+   struct Wide {
+      uint64_t a, b, c;
+   };
+   std::mt19937_64 rng(11);
+   for (int i = 0; i < 1000; ++i) {
+      const uint64_t k = rng();
+      const uint32_t seed = uint32_t(rng());
+      ASSERT_EQ(Dock::KeyTraits<uint64_t>::hash(k, seed), Vela::oneAtATime(&k, sizeof k, seed));
+      const Wide w{rng(), rng(), rng()};
+      ASSERT_EQ(Dock::KeyTraits<Wide>::hash(w, seed), Vela::oneAtATime(&w, sizeof w, seed));
+   }
+   // A known value: the published algorithm over the bytes 01 00 00 00 00 00 00 00, seed 0.
+   EXPECT_EQ(Dock::KeyTraits<uint64_t>::hash(1, 0), Vela::oneAtATimeOf(uint64_t(1)));
+}
+
 TEST(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
    Testing::TempRoot root;
    Spoor::Capture cap;
-   Writer w(testConfig());
+   Writer w(testConfig(8, 1 << 18));
    w.initialize("t/entry");
    EXPECT_EQ(w.buckets(), Dock::kInitialBuckets);
    for (uint64_t k = 1; k <= Dock::kInitialBuckets; ++k) w.write(Value(k, 1, 1));
@@ -111,13 +131,15 @@ TEST(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
    EXPECT_TRUE(cap.contains("growing from: 16 to: 32"));
    std::mt19937_64 rng(5);
    std::vector<uint64_t> keys;
-   // Enough keys for the slot records to span several of their chunks.
-   for (int i = 0; i < 40000; ++i) {
+   // Enough keys for the slot records to span more than one of their chunks.
+   const uint32_t n = Writer::Table::Slots::kChunk + 8000;
+   for (uint32_t i = 0; i < n; ++i) {
       keys.push_back(rng());
       w.write(Value(keys.back(), 1, 1));
    }
-   EXPECT_EQ(w.buckets(), 65536u);
-   EXPECT_GT(w.table().records().size(), 2 * Writer::Table::Slots::kChunk);
+   const uint32_t grown = std::bit_ceil(n + Dock::kInitialBuckets);
+   EXPECT_EQ(w.buckets(), grown);
+   EXPECT_GT(w.table().records().size(), Writer::Table::Slots::kChunk);
    for (uint64_t k : keys) ASSERT_EQ(w.lookup(k)->key, k);
    for (uint64_t k = 1; k <= Dock::kInitialBuckets; ++k) ASSERT_TRUE(w.contains(k));
    // The shared chains (what plain readers walk) hold every key once, each in the bucket its
@@ -127,7 +149,9 @@ TEST(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
       const uint32_t nb = w.buckets();
       for (uint32_t b = 0; b < nb; ++b) {
          uint32_t last = 0;
-         for (uint32_t s = w.bucketFile().head(b); s != Dock::kNone;
+         // The writer's private mirror of the heads agrees with the file.
+         ASSERT_EQ(w.bucketFile().head(b), w.bucketFile().sharedHead(b));
+         for (uint32_t s = w.bucketFile().sharedHead(b); s != Dock::kNone;
               s = w.table().slot(s).next.load()) {
             ASSERT_TRUE(w.flagsOf(s) & Dock::kOccupied);
             const uint32_t hash = w.table().slot(s).keyHash.load();
@@ -144,7 +168,7 @@ TEST(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
    checkSharedChains();
    // Removing most keys halves the buckets again; the rest stay findable.
    for (size_t i = 0; i < keys.size() - 10; ++i) ASSERT_TRUE(w.remove(keys[i]));
-   EXPECT_LT(w.buckets(), 65536u);
+   EXPECT_LT(w.buckets(), grown);
    EXPECT_GE(w.buckets(), Dock::kInitialBuckets);
    for (size_t i = keys.size() - 10; i < keys.size(); ++i) ASSERT_TRUE(w.contains(keys[i]));
    checkSharedChains();

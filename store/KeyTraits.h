@@ -28,8 +28,14 @@ struct KeyTraits {
    static_assert(std::has_unique_object_representations_v<K>,
                  "a key with padding or floating point members must specialize Dock::KeyTraits");
 
+   // The same value as Vela::oneAtATime(&key, sizeof(K), seed), inlined: the length is a
+   // constant here, so the byte loop unrolls into the writer's lookup instead of a library call.
    static uint32_t hash(const K& key, uint32_t seed) noexcept {
-      return Vela::oneAtATime(&key, sizeof(K), seed);
+      unsigned char bytes[sizeof(K)];
+      std::memcpy(bytes, &key, sizeof(K));
+      uint32_t h = seed;
+      for (size_t i = 0; i < sizeof(K); ++i) h = Vela::oneAtATimeStep(h, bytes[i]);
+      return Vela::oneAtATimeFinish(h);
    }
 
    static uint64_t secondary(const K& key) noexcept {

@@ -39,14 +39,6 @@ SlabWriter::SlabWriter(std::string path, uint32_t entrySize, uint32_t relume)
    VELA_ASSERT(entrySize % 8 == 0 && entrySize > Dock::kSlabEntryHeaderSize);
 }
 
-uint32_t SlabWriter::numEntries() const {
-   return header()->numEntries.load(std::memory_order_relaxed);
-}
-
-uint32_t SlabWriter::numOccupied() const {
-   return header()->numOccupied.load(std::memory_order_relaxed);
-}
-
 void SlabWriter::create() {
    const uint32_t n = initialEntries(entrySize_);
    // Formatted under a temporary name and renamed into place: a new file reads as zeros, i.e. as
@@ -55,15 +47,18 @@ void SlabWriter::create() {
    const std::string tmp = fmt::format("{}.{}.tmp", path_, ::getpid());
    file_ = Region::MappedFile::create(
        tmp, Region::checkedRegionSize(Dock::kSlabHeaderSize, n, entrySize_));
+   mapped();
    formatSlabHeader(header(), relume_, entrySize_, n);
    addFreeEntries(0, n);
    if (::rename(tmp.c_str(), path_.c_str()) != 0) {
       const int err = errno;
       file_.close();
+      mapped();
       ::unlink(tmp.c_str());
       throw Region::Error::fromErrno("cannot rename slab into place", path_, err);
    }
    file_ = Region::MappedFile::openReadWrite(path_);
+   mapped();
    SPOOR_TRACE(trace(), 5, "{}::create() entrySize: {} entries: {}", name_, entrySize_, n);
 }
 
@@ -79,11 +74,13 @@ void SlabWriter::checkHeader(uint32_t wantedRelume) {
 void SlabWriter::open(bool readOnly) {
    file_ = readOnly ? Region::MappedFile::openReadOnly(path_)
                     : Region::MappedFile::openReadWrite(path_);
+   mapped();
    try {
       // A restarted writer keeps files of an earlier generation: any relume is accepted here.
       checkHeader(0);
    } catch (...) {
       file_.close();
+      mapped();
       throw;
    }
 }
@@ -99,16 +96,17 @@ void SlabWriter::attachReadOnly() {
 
 void SlabWriter::detach() {
    file_.close();
+   mapped();
 }
 
-SlabEntryHeader* SlabWriter::getEntry(uint32_t index) {
-   // The mapping bound protects against a header whose numEntries outgrew the file.
-   const uint64_t limit = std::min<uint64_t>(numEntries(), entriesIn(file_.size(), entrySize_));
-   if (index >= limit) {
-      corrupt(fmt::format("{}::getEntry() index: {} is beyond farthest possible index: {}", name_,
-                          index, int64_t(limit) - 1));
-   }
-   return entry(index);
+void SlabWriter::mapped() {
+   mappedEntries_ = uint32_t(std::min<uint64_t>(entriesIn(file_.size(), entrySize_), UINT32_MAX));
+}
+
+void SlabWriter::beyond(uint32_t index) const {
+   const uint64_t limit = std::min<uint64_t>(numEntries(), mappedEntries_);
+   corrupt(fmt::format("{}::getEntry() index: {} is beyond farthest possible index: {}", name_,
+                       index, int64_t(limit) - 1));
 }
 
 SlabEntryHeader* SlabWriter::lookup(uint32_t index) {
@@ -189,6 +187,7 @@ void SlabWriter::resize(uint32_t newNumEntries) {
    const uint32_t old = numEntries();
    VELA_ASSERT(newNumEntries > old);
    file_.resize(Region::checkedRegionSize(Dock::kSlabHeaderSize, newNumEntries, entrySize_));
+   mapped();
    addFreeEntries(old, newNumEntries);
    SlabHeader* h = header();
    h->numEntries.store(newNumEntries, std::memory_order_relaxed);
@@ -227,6 +226,7 @@ bool SlabWriter::shrink() {
    std::atomic_thread_fence(std::memory_order_release);
    // No slot names an entry past target (they are all free), so their pages can go.
    file_.resize(Dock::kSlabHeaderSize + size_t(entrySize_) * target);
+   mapped();
    SPOOR_TRACE(trace(), 5, "{}::shrink() from {} entries to {}", name_, n, target);
    return true;
 }

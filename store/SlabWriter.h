@@ -37,7 +37,14 @@ class SlabWriter {
 
    // The entry at `index`. Throws "{}::getEntry() index: {} is beyond farthest possible index: {}"
    // when index >= numEntries (farthest possible index is numEntries - 1).
-   SlabEntryHeader* getEntry(uint32_t index);
+   // Inline: three lookups on every replacement; the bound is the cached mapping size, so no
+   // division on the way.
+   SlabEntryHeader* getEntry(uint32_t index) {
+      // The mapping bound protects against a header whose numEntries outgrew the file.
+      if (index >= numEntries() || index >= mappedEntries_) [[unlikely]]
+         beyond(index);
+      return entry(index);
+   }
    // getEntry plus the occupancy checks: "{}::lookup() entry at index: {} is marked unoccupied",
    // "{}::lookup() encountered payloadSize: {}, but max payloadSize:{} at index: {}".
    SlabEntryHeader* lookup(uint32_t index);
@@ -70,8 +77,8 @@ class SlabWriter {
    SlabHeader* header() const { return reinterpret_cast<SlabHeader*>(file_.data()); }
    uint32_t entrySize() const { return entrySize_; }
    uint32_t maxPayload() const { return entrySize_ - Dock::kSlabEntryHeaderSize; }
-   uint32_t numEntries() const;
-   uint32_t numOccupied() const;
+   uint32_t numEntries() const { return header()->numEntries.load(std::memory_order_relaxed); }
+   uint32_t numOccupied() const { return header()->numOccupied.load(std::memory_order_relaxed); }
    uint32_t relume() const { return relume_; }
    const std::string& name() const { return name_; }
    const std::string& path() const { return path_; }
@@ -82,6 +89,10 @@ class SlabWriter {
    SlabEntryHeader* entry(uint32_t index) const {
       return reinterpret_cast<SlabEntryHeader*>(entryAt(file_.data(), entrySize_, index));
    }
+   // Re-reads the mapping's size into mappedEntries_ (after every map, unmap and resize).
+   void mapped();
+   // Throws the getEntry() range error.
+   [[noreturn]] void beyond(uint32_t index) const;
    void checkHeader(uint32_t wantedRelume);
    void open(bool readOnly);
 
@@ -90,6 +101,7 @@ class SlabWriter {
    uint32_t entrySize_;
    uint32_t relume_;
    Region::MappedFile file_;
+   uint32_t mappedEntries_ = 0;  // entries the mapping holds completely
 };
 
 // Validates a slab file that no SlabWriter holds (mapped read-only for the check):

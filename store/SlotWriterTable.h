@@ -21,13 +21,16 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Loom/Clock.h"
 #include "Loom/EventLoop.h"
 #include "Vela/Exception.h"
 #include "store/DockConfig.h"
+#include "store/HugePageBuffer.h"
 #include "store/Layout.h"
 
 namespace Region {
@@ -144,11 +147,14 @@ class SlotWriterTable : public SlotFile {
    // One record per slot; at() checks the index. Records live in fixed chunks so that growing
    // never copies the records already there (a vector doubling a million records would stall
    // the writer for as long as the copy takes); new chunks are added between critical-task
-   // checks.
+   // checks. Each chunk is a HugePageBuffer: a replacement reads one or two records at random,
+   // and with 4 KiB pages every such read was also a TLB miss (the largest single cost of a
+   // replacement in a million-key table). 2^16 records per chunk fill most of a 2 MiB page.
    class Slots {
      public:
-      static constexpr uint32_t kChunkBits = 14;
+      static constexpr uint32_t kChunkBits = 16;
       static constexpr uint32_t kChunk = 1u << kChunkBits;
+      static_assert(std::is_trivially_destructible_v<Record>);
 
       Record& at(uint32_t index) {
          if (index >= size_) [[unlikely]] {
@@ -157,10 +163,10 @@ class SlotWriterTable : public SlotFile {
          return (*this)[index];
       }
       Record& operator[](uint32_t index) {
-         return chunks_[index >> kChunkBits][index & (kChunk - 1)];
+         return chunks_[index >> kChunkBits].template as<Record>()[index & (kChunk - 1)];
       }
       const Record& operator[](uint32_t index) const {
-         return chunks_[index >> kChunkBits][index & (kChunk - 1)];
+         return chunks_[index >> kChunkBits].template as<Record>()[index & (kChunk - 1)];
       }
       uint32_t size() const { return size_; }
       // Keeps at least n records (never drops chunks: the table may grow back); records beyond
@@ -175,14 +181,17 @@ class SlotWriterTable : public SlotFile {
          const uint64_t had = uint64_t(chunks_.size()) * kChunk;
          for (uint64_t i = size_; i < n && i < had; ++i) (*this)[uint32_t(i)] = Record{};
          while (uint64_t(chunks_.size()) * kChunk < n) {
-            chunks_.push_back(std::make_unique<Record[]>(kChunk));
+            HugePageBuffer chunk(sizeof(Record) * kChunk);
+            Record* r = chunk.as<Record>();
+            for (uint32_t i = 0; i < kChunk; ++i) new (&r[i]) Record{};
+            chunks_.push_back(std::move(chunk));
             if (yield) yield->check();
          }
          size_ = n;
       }
 
      private:
-      std::vector<std::unique_ptr<Record[]>> chunks_;
+      std::vector<HugePageBuffer> chunks_;
       uint32_t size_ = 0;
    };
 

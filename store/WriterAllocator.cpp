@@ -73,7 +73,7 @@ void WriterAllocator::attachReadOnly() {
    mode_ = Mode::kReadOnly;
 }
 
-SlabWriter* WriterAllocator::slab(uint32_t s, bool create) {
+SlabWriter* WriterAllocator::firstUse(uint32_t s, bool create) {
    VELA_ASSERT(mode_ != Mode::kDetached && "slab allocator is not attached");
    const uint32_t bit = 1u << s;
    if (slabs_[s] && (validated_ & bit)) return slabs_[s].get();

@@ -63,8 +63,14 @@ class WriterAllocator {
   private:
    enum class Mode { kDetached, kCreated, kAttached, kReadOnly };
    // The slab's writer, attaching (and validating) or creating it on first use; nullptr when the
-   // file does not exist and `create` is false.
-   SlabWriter* slab(uint32_t slab, bool create);
+   // file does not exist and `create` is false. Inline for the validated slab (every call after
+   // the first): alloc, lookup and free each take this path on every replacement.
+   SlabWriter* slab(uint32_t slab, bool create) {
+      if ((validated_ & (1u << slab)) && slabs_[slab]) [[likely]]
+         return slabs_[slab].get();
+      return firstUse(slab, create);
+   }
+   SlabWriter* firstUse(uint32_t slab, bool create);
 
    std::string dir_;
    LinearSizeConfig config_;

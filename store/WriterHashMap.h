@@ -67,8 +67,12 @@ class WriterHashMap {
 
    // The slot holding `key`, or kNone.
    uint32_t lookup(const K& key, uint32_t hash) const {
+      return lookupFrom(buckets_.head(buckets_.bucketOf(hash)), key, hash);
+   }
+   // The same, from the chain's first slot already read (a caller that prefetches by it).
+   uint32_t lookupFrom(uint32_t first, const K& key, uint32_t hash) const {
       auto& rec = table_.records();
-      for (uint32_t s = buckets_.head(buckets_.bucketOf(hash)); s != kNone; s = rec[s].next) {
+      for (uint32_t s = first; s != kNone; s = rec[s].next) {
          if (rec[s].hash == hash && sameKey(rec[s].key, key)) return s;
       }
       return kNone;
@@ -147,7 +151,7 @@ class WriterHashMap {
          if (s == kNone) continue;
          // The partner is empty (beginResize): hang the tail there first, then cut it off, so a
          // writer-side walk never loses it.
-         buckets_.headIs(b + oldCount, s);
+         buckets_.headIs(b + oldCount, s, rec[s].offsetHint);
          setNext(prev, b, kNone);
          yield.check();
       }
@@ -178,6 +182,15 @@ class WriterHashMap {
          yield.check();
       }
       buckets_.endResize(newCount);
+   }
+
+   // Records `slot`'s new value Offset word as its prefetch hint (and its bucket's, when it heads
+   // the chain). REQUIRES: `slot` is linked.
+   void offsetHintIs(uint32_t slot, uint32_t word) {
+      auto& r = table_.records()[slot];
+      r.offsetHint = word;
+      const uint32_t b = buckets_.bucketOf(r.hash);
+      if (buckets_.head(b) == slot) buckets_.headHintIs(b, word);
    }
 
    // Iteration: the first slot in (reversed hash, key) order, or kNone.
@@ -223,7 +236,7 @@ class WriterHashMap {
    }
    void setNext(uint32_t prev, uint32_t bucket, uint32_t next) {
       if (prev == kNone) {
-         buckets_.headIs(bucket, next);
+         buckets_.headIs(bucket, next, next == kNone ? kNone : table_.records()[next].offsetHint);
       } else {
          table_.records()[prev].next = next;
          table_.slot(prev).next.store(next, std::memory_order_release);
