@@ -141,23 +141,31 @@ TEST(DockReader, ChainAnomaliesAreReportedNotLoopedOn) {
    Testing::TempRoot root;
    Writer w(config());
    w.initialize("t/chains");
-   for (uint64_t k = 1; k <= 12; ++k) w.write(Value(k, 1, 1));
-   // Two keys in one chain: the later one links to the earlier one.
    Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
+   const uint32_t seed = reinterpret_cast<const SlotTableHeader*>(f.data())->hashSeed;
+   const uint32_t mask = w.buckets() - 1;
+   // Two keys in one chain (the later one links to the earlier one), whatever the table's seed:
+   // key 1 and the first key hashing to its bucket.
+   uint64_t partner = 2;
+   while ((KeyTraits<uint64_t>::hash(partner, seed) & mask) !=
+          (KeyTraits<uint64_t>::hash(1, seed) & mask)) {
+      ++partner;
+   }
+   w.write(Value(1, 1, 1));
+   w.write(Value(partner, 1, 1));
    Slot* slots = writableSlots(f);
    uint32_t head = kNone, second = kNone;
-   for (uint64_t k = 1; k <= 12 && second == kNone; ++k) {
+   for (uint64_t k : {uint64_t(1), partner}) {
+      if (second != kNone) break;
       const uint32_t s = w.slotOf(k);
       if (slots[s].next.load() != kNone) {
          head = s;
          second = slots[s].next.load();
       }
    }
-   ASSERT_NE(second, kNone) << "no chain of two among 12 keys in 16 buckets";
-   const uint64_t missing = 1000;  // hashes to the chain's bucket? search any absent key there
-   uint64_t probe = missing;
-   const uint32_t mask = w.buckets() - 1;
-   const uint32_t seed = reinterpret_cast<const SlotTableHeader*>(f.data())->hashSeed;
+   ASSERT_NE(second, kNone) << "keys 1 and " << partner << " share a bucket but no chain";
+   // An absent key of the chain's bucket.
+   uint64_t probe = partner + 1;
    while ((KeyTraits<uint64_t>::hash(probe, seed) & mask) != (slots[head].keyHash.load() & mask)) {
       ++probe;
    }
