@@ -67,35 +67,13 @@ enum class EntryKind : uint16_t {
    staticTunnelTableEntry = 21,
 };
 
-// A fixed-capacity array whose copies carry only the live places: copying an entry that holds one
-// via costs one via, not 600. What lies past the count is not part of the value (equality and the
-// byte form ignore it), so a copy leaves its own places there untouched.
+// The entries' collections. A FixedArray copy carries only the live places (copying an entry that
+// holds one via costs one via, not 600) and no stale place past its count, so the array itself is
+// what the entries hold; the name stays for the fields declared with it.
 template <typename Array>
-class LiveCopyArray : public Array {
-  public:
-   LiveCopyArray() = default;
-   LiveCopyArray(const Array& other) { copyLive(other); }  // NOLINT: converting by design
-   LiveCopyArray(const LiveCopyArray& other) : Array() { copyLive(other); }
-   LiveCopyArray& operator=(const LiveCopyArray& other) {
-      if (this != &other) copyLive(other);
-      return *this;
-   }
-   LiveCopyArray& operator=(const Array& other) {
-      if (this != &other) copyLive(other);
-      return *this;
-   }
-
-  private:
-   void copyLive(const Array& other) {
-      std::copy(other.begin(), other.end(), this->data());
-      this->setCountUnchecked(other.count());
-   }
-};
+using LiveCopyArray = Array;
 
 namespace Codec {
-
-template <typename Array>
-struct FieldTraits<LiveCopyArray<Array>> : FieldTraits<Array> {};
 
 inline constexpr uint32_t kRecordHeaderLen = 6;
 

@@ -1,11 +1,18 @@
 // FixedArray: a collection of at most Capacity values stored in place (no heap) with an explicit
-// count, the shape of every via and tunnel-id collection of the entries. It lives inside records
-// that are copied byte for byte into shared memory, so it is a plain aggregate of its storage:
+// count, the shape of every via and tunnel-id collection of the entries. Entries hold arrays of
+// 600 vias (about 45 KB), so construction and copying cost what the array holds, not its capacity:
+// the places are raw storage, constructed lazily up to a high-water mark.
 //
 //    struct FixedArray<T, Index, Capacity> {
-//       T        items[Capacity];   // places 0..count-1 are live; places past count keep old
-//       contents uint32_t count;
+//       T        items[Capacity];  // raw storage: places 0..initialized-1 are constructed,
+//                                  // places from there on are never touched
+//       uint32_t count;            // places 0..count-1 are live
+//       uint32_t initialized;      // high-water mark, >= min(count, Capacity)
 //    };
+//
+// A place at or past the mark is the empty value T{} by definition; it is constructed as T{}
+// only when something reaches past it (is(), a writable at()). Places between the count and the
+// mark keep old contents.
 //
 // Places are written with is(i, v), which grows the count to i + 1 when needed. Deletion keeps the
 // live range free of a trailing hole:
@@ -14,14 +21,21 @@
 //     holds T{}; the contents of the dropped places are left as they were;
 //   - otherwise place i becomes T{} (a hole) and the count stays.
 // Because a shrinking count leaves old contents behind, a later is() past the count revives the
-// places in between with whatever they held. That is the collection's designed behaviour.
+// places in between with whatever they held (T{} for those at or past the mark). That is the
+// collection's designed behaviour. A copy takes only the live places and sets its mark to its
+// count, so it carries no stale place: growing a copy shows T{} where the original revives.
+//
+// T must be trivially copyable and trivially destructible: places are copied as bytes and never
+// destroyed, and deserializers may fill them through data().
 #pragma once
 
 #include <algorithm>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
+#include <new>
 #include <type_traits>
 
 #include "Vela/ArraySizeError.h"
@@ -33,6 +47,8 @@ namespace Vela {
 template <typename T, typename Index, size_t Capacity>
 class FixedArray {
    static_assert(Capacity > 0 && Capacity <= UINT32_MAX);
+   static_assert(std::is_trivially_copyable_v<T>, "FixedArray places are copied as bytes");
+   static_assert(std::is_trivially_destructible_v<T>, "FixedArray places are never destroyed");
 
    template <bool Const>
    class Iter;
@@ -45,12 +61,29 @@ class FixedArray {
 
    static constexpr size_t capacity() noexcept { return Capacity; }
 
-   // Stores v at place i; returns the stored value.
+   // Empty, with no place constructed. User-provided, so that value-initialising an array does
+   // not zero its storage either.
+   FixedArray() noexcept {}
+
+   // Copies the live places only; the copy's mark is its count (it carries no stale place).
+   FixedArray(const FixedArray& other) noexcept { copyLive(other); }
+   FixedArray& operator=(const FixedArray& other) noexcept {
+      if (this != &other) copyLive(other);
+      return *this;
+   }
+
+   // Stores v at place i; returns the stored value. Places between the mark and i become T{}.
    const T& is(Index i, const T& v) {
       const size_t p = position(i);
-      items_[p] = v;
+      if (p < initialized_) {
+         items()[p] = v;
+      } else {
+         constructEmpty(p);
+         ::new (static_cast<void*>(items() + p)) T(v);
+         initialized_ = static_cast<uint32_t>(p + 1);
+      }
       count_ = std::max<uint32_t>(count_, static_cast<uint32_t>(p + 1));
-      return items_[p];
+      return items()[p];
    }
 
    // Removes place i by the deletion rule above; returns the value it held, or T{} if none.
@@ -66,7 +99,7 @@ class FixedArray {
       return begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(p + 1, count_));
    }
 
-   // Empties the array. Like del(), leaves the places' contents behind.
+   // Empties the array. Like del(), leaves the places' contents (and the mark) behind.
    void delAll() noexcept { count_ = 0; }
 
    uint32_t count() const noexcept { return count_; }
@@ -75,25 +108,40 @@ class FixedArray {
    // The value at place i if it is live, T{} otherwise. Writes go through is().
    const T& operator[](Index i) const {
       const size_t p = position(i);
-      return p < count_ ? items_[p] : emptyValue();
+      return p < count_ ? items()[p] : emptyValue();
    }
 
-   // Raw place access by number, live or not (byte-form readers and writers).
+   // Raw place access by number, live or not (byte-form readers and writers): a place at or past
+   // the mark reads as T{}. The writable form first constructs T{} in every place up to and
+   // including i, so the caller may write the place partly.
    // REQUIRES: i < Capacity.
    const T& at(uint32_t i) const {
       VELA_ASSERT(i < Capacity);
-      return items_[i];
+      return i < initialized_ ? items()[i] : emptyValue();
    }
    T& at(uint32_t i) {
       VELA_ASSERT(i < Capacity);
-      return items_[i];
+      if (i >= initialized_) {
+         constructEmpty(size_t{i} + 1);
+         initialized_ = i + 1;
+      }
+      return items()[i];
    }
-   T* data() noexcept { return items_; }
-   const T* data() const noexcept { return items_; }
 
-   // Sets the count without looking at the places: for deserialization, which copies the places
-   // and the count and then calls validateSize().
-   void setCountUnchecked(uint32_t count) noexcept { count_ = count; }
+   // The storage, for bulk writers: places at or past the mark hold no value until written, and
+   // setCountUnchecked() then declares them. Reading through data() is valid below the mark only.
+   T* data() noexcept { return items(); }
+   const T* data() const noexcept { return items(); }
+
+   // Sets the count without looking at the places: for deserialization, which writes the places
+   // (through at() or data()) and the count and then calls validateSize(). Raises the mark to the
+   // count (never lowers it), taking the places written through data() as constructed.
+   // REQUIRES: every place below min(count, Capacity) at or past the mark has been written.
+   void setCountUnchecked(uint32_t count) noexcept {
+      count_ = count;
+      initialized_ =
+          std::max(initialized_, static_cast<uint32_t>(std::min<size_t>(count, Capacity)));
+   }
 
    // Throws ArraySizeError if the count exceeds the capacity, dumping `buffer` (the bytes the
    // array was read from) or, without one, the array's own bytes.
@@ -102,10 +150,10 @@ class FixedArray {
       if (count_ > Capacity) throw ArraySizeError::make(Capacity, count_, buffer, bufferLen);
    }
 
-   iterator begin() noexcept { return iterator(items_); }
-   iterator end() noexcept { return iterator(items_ + liveCount()); }
-   const_iterator begin() const noexcept { return const_iterator(items_); }
-   const_iterator end() const noexcept { return const_iterator(items_ + liveCount()); }
+   iterator begin() noexcept { return iterator(items()); }
+   iterator end() noexcept { return iterator(items() + liveCount()); }
+   const_iterator begin() const noexcept { return const_iterator(items()); }
+   const_iterator end() const noexcept { return const_iterator(items() + liveCount()); }
 
    // Equal counts and equal live places; what lies past the count does not matter.
    friend bool operator==(const FixedArray& a, const FixedArray& b) {
@@ -113,6 +161,25 @@ class FixedArray {
    }
 
   private:
+   // Objects of a trivially copyable T in the byte storage begin their lifetime by placement new
+   // or, for places copied or filled as bytes, by implicit creation.
+   T* items() noexcept { return reinterpret_cast<T*>(storage_); }
+   const T* items() const noexcept { return reinterpret_cast<const T*>(storage_); }
+
+   // Constructs T{} in the places from the mark up to (not including) `end`; the caller moves
+   // the mark.
+   void constructEmpty(size_t end) {
+      for (size_t p = initialized_; p < end; ++p) ::new (static_cast<void*>(items() + p)) T{};
+   }
+
+   // Bytes, not element assignment: the places at or past this array's mark are not objects yet.
+   void copyLive(const FixedArray& other) noexcept {
+      const size_t n = other.liveCount();
+      if (n > 0) std::memcpy(storage_, other.storage_, n * sizeof(T));
+      count_ = other.count_;
+      initialized_ = static_cast<uint32_t>(n);
+   }
+
    static const T& emptyValue() {
       static const T empty{};
       return empty;
@@ -135,13 +202,13 @@ class FixedArray {
    }
 
    T delAt(size_t p) {
-      if (p >= count_) return T{};
-      T removed = items_[p];
+      if (p >= count_) return T{};  // from here p < min(count, Capacity) <= mark
+      T removed = items()[p];
       if (p + 1 == count_) {
          count_ = static_cast<uint32_t>(p);
-         while (count_ > 0 && items_[count_ - 1] == T{}) --count_;
+         while (count_ > 0 && items()[count_ - 1] == T{}) --count_;
       } else {
-         items_[p] = T{};
+         items()[p] = T{};
       }
       return removed;
    }
@@ -192,8 +259,10 @@ class FixedArray {
       pointer p_ = nullptr;
    };
 
-   T items_[Capacity]{};
+   // Left uninitialised on purpose: that is what keeps construction O(1) and copies O(count).
+   alignas(T) std::byte storage_[Capacity * sizeof(T)];
    uint32_t count_ = 0;
+   uint32_t initialized_ = 0;  // the high-water mark
 };
 
 }  // namespace Vela

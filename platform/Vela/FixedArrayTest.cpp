@@ -1,8 +1,11 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Vela/FixedArray.h"
@@ -137,6 +140,158 @@ TEST(FixedArray, DeserializedCountIsValidated) {
                                       fmt::ptr(static_cast<const void*>(wire))));
    }
    EXPECT_THROW(a.validateSize(), std::runtime_error);
+}
+
+// ---- lazily constructed places ----
+
+// An element whose empty value is not all-zero bytes, so a place nobody constructed cannot pass
+// for it by chance.
+struct Tagged {
+   uint32_t v = 0x5a5a5a5a;
+   friend bool operator==(const Tagged&, const Tagged&) = default;
+};
+
+// Makes the compiler treat the memory at p as read and written elsewhere, so filling storage
+// before an array is built in it, and reading the storage afterwards, are not optimised away.
+void escape(void* p) {
+   __asm__ __volatile__("" : : "r"(p) : "memory");
+}
+
+// An array built in storage filled with 0xab: whatever the array never wrote stays 0xab.
+template <typename A>
+class Dirty {
+  public:
+   Dirty() { a_ = ::new (prepare()) A(); }
+   explicit Dirty(const A& from) { a_ = ::new (prepare()) A(from); }
+   A& operator*() { return *a_; }
+   A* operator->() { return a_; }
+   // True if no byte of places [from, Capacity) was written.
+   bool untouchedFrom(size_t from) {
+      escape(bytes_);
+      const auto* places = reinterpret_cast<const unsigned char*>(a_->data());
+      const size_t size = A::capacity() * sizeof(typename A::value_type);
+      const size_t start = from * sizeof(typename A::value_type);
+      return std::all_of(places + start, places + size, [](unsigned char b) { return b == 0xab; });
+   }
+
+  private:
+   void* prepare() {
+      std::memset(bytes_, 0xab, sizeof bytes_);
+      escape(bytes_);
+      return bytes_;
+   }
+   alignas(A) unsigned char bytes_[sizeof(A)];
+   A* a_;
+};
+
+template <typename T>
+T valueOf(int n) {
+   if constexpr (std::is_same_v<T, Tagged>) {
+      return Tagged{static_cast<uint32_t>(n)};
+   } else {
+      return static_cast<T>('a' + n);
+   }
+}
+
+template <typename T>
+class FixedArrayPlaces : public ::testing::Test {
+  public:
+   using Array = Vela::FixedArray<T, uint32_t, 8>;
+   static T v(int n) { return valueOf<T>(n); }
+   static std::vector<T> live(const Array& a) { return {a.begin(), a.end()}; }
+};
+using ElementKinds = ::testing::Types<uint32_t, char, Tagged>;
+TYPED_TEST_SUITE(FixedArrayPlaces, ElementKinds);
+
+TYPED_TEST(FixedArrayPlaces, PlacesNeverWrittenReadAsEmptyValue) {
+   using T = TypeParam;
+   Dirty<typename TestFixture::Array> a;
+   EXPECT_TRUE(a->empty());
+   EXPECT_EQ(std::as_const(*a).at(5), T{});
+   EXPECT_EQ((*a)[5], T{});
+   a->is(3, this->v(3));
+   EXPECT_EQ(this->live(*a), (std::vector<T>{T{}, T{}, T{}, this->v(3)}));
+   EXPECT_EQ(std::as_const(*a).at(4), T{});
+   // A writable place is the empty value until written, and so are those it reached past.
+   EXPECT_EQ(a->at(6), T{});
+   a->at(6) = this->v(6);
+   EXPECT_EQ(std::as_const(*a).at(5), T{});
+   EXPECT_EQ(std::as_const(*a).at(6), this->v(6));
+   EXPECT_EQ(a->count(), 4u);
+   a->is(7, this->v(7));  // place 6 was written past the count: it revives
+   EXPECT_EQ(this->live(*a),
+             (std::vector<T>{T{}, T{}, T{}, this->v(3), T{}, T{}, this->v(6), this->v(7)}));
+}
+
+TYPED_TEST(FixedArrayPlaces, RevivalBeyondTheHighWaterMarkGivesEmptyValue) {
+   using T = TypeParam;
+   Dirty<typename TestFixture::Array> a;
+   for (int i = 0; i < 3; ++i) a->is(i, this->v(i));
+   a->del(2);
+   a->del(1);
+   a->is(5, this->v(5));  // 1 and 2 come back as they were; 3 and 4 were never reached
+   EXPECT_EQ(this->live(*a),
+             (std::vector<T>{this->v(0), this->v(1), this->v(2), T{}, T{}, this->v(5)}));
+}
+
+TYPED_TEST(FixedArrayPlaces, CopiesCarryNoStalePlaces) {
+   using T = TypeParam;
+   using Array = typename TestFixture::Array;
+   Array src;  // live [v0, v1], stale v2 and v3 past the count
+   for (int i = 0; i < 4; ++i) src.is(i, this->v(i));
+   src.del(3);
+   src.del(2);
+
+   Dirty<Array> copy(src);
+   EXPECT_EQ(*copy, src);
+   EXPECT_EQ(std::as_const(*copy).at(2), T{});
+   copy->is(4, this->v(9));
+   EXPECT_EQ(this->live(*copy), (std::vector<T>{this->v(0), this->v(1), T{}, T{}, this->v(9)}));
+
+   // Assignment drops the target's own stale places too.
+   Dirty<Array> target;
+   for (int i = 0; i < 6; ++i) target->is(i, this->v(i + 10));
+   target->delAll();
+   *target = src;
+   EXPECT_EQ(*target, src);
+   target->is(5, this->v(9));
+   EXPECT_EQ(this->live(*target),
+             (std::vector<T>{this->v(0), this->v(1), T{}, T{}, T{}, this->v(9)}));
+
+   // The original keeps its stale places, also through assignment to itself.
+   const Array& same = src;
+   src = same;
+   src.is(4, this->v(9));
+   EXPECT_EQ(this->live(src),
+             (std::vector<T>{this->v(0), this->v(1), this->v(2), this->v(3), this->v(9)}));
+}
+
+TEST(FixedArray, ConstructionAndCopyTouchOnlyLivePlaces) {
+   Dirty<Vias> empty;
+   EXPECT_TRUE(empty.untouchedFrom(0));
+   Vias src;
+   for (uint32_t i = 0; i < 600; ++i) src.is(i, i + 1);
+   for (uint32_t i = 599; i >= 2; --i) src.del(i);
+   Dirty<Vias> copy(src);
+   EXPECT_TRUE(copy.untouchedFrom(2));
+   EXPECT_EQ(live(*copy), (std::vector<uint32_t>{1, 2}));
+   Dirty<Vias> target;
+   *target = src;
+   EXPECT_TRUE(target.untouchedFrom(2));
+   EXPECT_EQ(*target, src);
+}
+
+TEST(FixedArray, BulkWritesAreDeclaredBySettingTheCount) {
+   Dirty<Vias> a;
+   const uint32_t wire[3] = {7, 8, 9};
+   std::memcpy(a->data(), wire, sizeof wire);
+   a->setCountUnchecked(3);
+   EXPECT_EQ(live(*a), (std::vector<uint32_t>{7, 8, 9}));
+   // Lowering the count keeps the places written: they revive.
+   a->setCountUnchecked(1);
+   a->is(4, 5);
+   EXPECT_EQ(live(*a), (std::vector<uint32_t>{7, 8, 9, 0, 5}));
+   EXPECT_TRUE(a.untouchedFrom(5));
 }
 
 TEST(ArraySizeError, TextHasAddressAndCappedLowerCaseDump) {
