@@ -89,6 +89,7 @@ void WakeFanout::add(const std::string& name) {
    Peer p;
    p.name = name;
    p.len = Wake::address(dir_, dirFd_, name, p.addr);
+   p.round = 0;
    peers_.push_back(p);
    SPOOR_TRACE(trace(), 7, "{} reader {} joined", dir_, name);
 }
@@ -122,8 +123,24 @@ bool WakeFanout::send(const Peer& peer) {
    return true;
 }
 
+void WakeFanout::sendToAll() {
+   for (size_t i = 0; i < peers_.size();) {
+      Peer& p = peers_[i];
+      if (p.round == round_ || send(p)) {
+         p.round = round_;
+         ++i;
+      } else {
+         p = std::move(peers_.back());
+         peers_.pop_back();
+      }
+   }
+}
+
 void WakeFanout::wakeAll() {
    VELA_ASSERT(isOpen());
+   ++round_;
+   // The readers already known first: learning of joins and leaves stays off their path.
+   sendToAll();
    // Pairs with the fence in HeraldReader::attach between binding and reading the position: the
    // caller's store of the queue position is ordered before the drain below.
    std::atomic_thread_fence(std::memory_order_seq_cst);
@@ -133,6 +150,7 @@ void WakeFanout::wakeAll() {
    } else {
       relist();  // the last re-read failed: try again
    }
+   if (events_.empty()) return;
    for (const WakeEvent& e : events_) {
       switch (e.kind) {
          case WakeEvent::Kind::kAdded:
@@ -146,14 +164,8 @@ void WakeFanout::wakeAll() {
             break;
       }
    }
-   for (size_t i = 0; i < peers_.size();) {
-      if (send(peers_[i])) {
-         ++i;
-      } else {
-         peers_[i] = std::move(peers_.back());
-         peers_.pop_back();
-      }
-   }
+   // Readers that joined since the last wake (a re-listing sends to everyone again: harmless).
+   sendToAll();
 }
 
 }  // namespace Dock

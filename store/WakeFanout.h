@@ -5,14 +5,17 @@
 // instance (WakeWatcher), drained without blocking at each wake, and lists the directory once
 // when it opens, so a restarted writer finds the readers that were already there.
 //
-// Per wake, for each reader, one sendto():
+// Per wake, the known readers are sent to first; then the watcher is drained and readers that
+// joined meanwhile are sent to as well. For each reader, one sendto():
 //   - success, or EAGAIN: the reader's socket is full, so a wake is already pending: done;
 //   - ECONNREFUSED or ENOENT: the reader died without removing its name: remove it (unlink) and
 //     forget it, so a dead reader costs nothing lasting;
 //   - anything else (e.g. EACCES while a reader has not yet set its socket's mode): keep it.
 // A datagram stays charged to the sending socket until its reader reads it, so the sending buffer
 // is raised as far as the system allows: a reader alive but not reading holds at most the
-// system's datagram queue length (net.unix.max_dgram_qlen, 10 by default) of them.
+// system's datagram queue length (net.unix.max_dgram_qlen, 10 by default) of them. Only when
+// tens of readers of one table stall at once is the buffer full, and then sends to the others
+// fail with EAGAIN too until a stalled reader reads or dies (its datagrams are freed with it).
 //
 // Ordering with a joining reader: the reader binds its name (which queues the inotify event) and
 // only then reads the writer's queue position, with a sequentially consistent fence between the
@@ -66,12 +69,14 @@ class WakeFanout {
       std::string name;
       sockaddr_un addr;
       socklen_t len;
+      uint64_t round;  // the wake that last sent to it
    };
    void watchAndList();
    void relist();
    void add(const std::string& name);
    void forget(const std::string& name);
    bool send(const Peer& peer);
+   void sendToAll();
 
    std::string dir_;
    int dirFd_ = -1;
@@ -80,6 +85,7 @@ class WakeFanout {
    std::vector<Peer> peers_;
    std::vector<WakeEvent> events_;  // scratch, kept to avoid an allocation per wake
    Counters counters_;
+   uint64_t round_ = 0;  // wakes so far
 };
 
 }  // namespace Dock

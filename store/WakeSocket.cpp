@@ -74,9 +74,19 @@ void WakeSocket::close() {
 }
 
 void WakeSocket::drain() {
-   char byte;
-   while (::recv(fd_, &byte, sizeof(byte), MSG_DONTWAIT) >= 0) {
+   // One system call takes what is queued (at most the system's datagram queue length, 10 by
+   // default; a longer queue leaves the socket readable and the loop comes back).
+   constexpr unsigned kBatch = 16;
+   char bytes[kBatch];
+   iovec iov[kBatch];
+   mmsghdr msgs[kBatch];
+   std::memset(msgs, 0, sizeof(msgs));
+   for (unsigned i = 0; i < kBatch; ++i) {
+      iov[i] = {&bytes[i], 1};
+      msgs[i].msg_hdr.msg_iov = &iov[i];
+      msgs[i].msg_hdr.msg_iovlen = 1;
    }
+   ::recvmmsg(fd_, msgs, kBatch, MSG_DONTWAIT, nullptr);
 }
 
 }  // namespace Dock

@@ -32,7 +32,7 @@ class WakeSocket {
 
    int fd() const { return fd_; }
    const std::string& name() const { return name_; }
-   // Reads every pending datagram without blocking.
+   // Reads the pending datagrams without blocking.
    void drain();
 
   private:
