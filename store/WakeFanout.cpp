@@ -112,7 +112,8 @@ bool WakeFanout::send(const Peer& peer) {
       ++counters_.pending;
       return true;
    }
-   if (err == ECONNREFUSED || err == ENOENT) {
+   if (err == ENOENT) return false;  // the reader left and removed its name itself
+   if (err == ECONNREFUSED) {
       // Bound by a process that is gone: nobody will remove the name but us.
       ::unlinkat(dirFd_, peer.name.c_str(), 0);
       ++counters_.removed;

@@ -8,8 +8,9 @@
 // Per wake, the known readers are sent to first; then the watcher is drained and readers that
 // joined meanwhile are sent to as well. For each reader, one sendto():
 //   - success, or EAGAIN: the reader's socket is full, so a wake is already pending: done;
-//   - ECONNREFUSED or ENOENT: the reader died without removing its name: remove it (unlink) and
-//     forget it, so a dead reader costs nothing lasting;
+//   - ENOENT: the reader left and removed its name: forget it;
+//   - ECONNREFUSED: the reader died without removing its name: remove it (unlink) and forget it,
+//     so a dead reader costs nothing lasting;
 //   - anything else (e.g. EACCES while a reader has not yet set its socket's mode): keep it.
 // A datagram stays charged to the sending socket until its reader reads it, so the sending buffer
 // is raised as far as the system allows: a reader alive but not reading holds at most the
