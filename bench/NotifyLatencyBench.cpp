@@ -1,17 +1,21 @@
 // Writer-to-reader notification latency across processes, and a reader's catch-up rate.
 //
-// NotifyLatency: a writer process publishes one value per round (write + flush: one futex wake)
-// and a reader process running DockShadow on its Loom loop records, in its per-key callback, the
-// time since the write call began (CLOCK_MONOTONIC is shared by all processes). In the same run,
-// the same two processes measure a bare futex wake (the writer stores a timestamp, bumps a futex
-// word and wakes; the woken process reads the clock), the floor any cross-process wake-up has.
-// Reported: median and p99 of both, in microseconds, and the store/futex ratio of the medians.
+// NotifyLatency: a writer process publishes one value per round (write + flush: one datagram to
+// the reader's wake socket) and a reader process running DockShadow on its Loom loop records, in
+// its per-key callback, the time since the write call began (CLOCK_MONOTONIC is shared by all
+// processes). In the same run, the same two processes measure two bare wake-ups, the floors any
+// cross-process wake-up has: a futex wake (the writer stores a timestamp, bumps a futex word and
+// wakes; the woken process reads the clock) and a datagram over a socket pair to a process
+// sleeping in poll(). Reported: median and p99 of each, in microseconds, and the store/futex
+// ratios.
 //
 // CatchUp: a burst of writes while the reader does not run, then the time the reader takes to
 // apply every notification of the burst (items_per_second = notifications applied per second).
 #include <benchmark/benchmark.h>
 #include <linux/futex.h>
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,6 +84,7 @@ struct Shared {
    std::atomic<uint32_t> ready;
    std::atomic<uint64_t> sentNs;
    uint64_t futexLatency[kRounds];
+   uint64_t dgramLatency[kRounds];
    uint64_t storeLatency[kRounds];
 };
 
@@ -130,6 +135,8 @@ void NotifyLatency(benchmark::State& state) {
    Writer w(config());
    w.initialize("bench/latency");
    const std::string dir = w.directory();
+   int pair[2];
+   if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair) != 0) std::abort();
    const pid_t child = ::fork();
    if (child == 0) {
       // Bare futex rounds first.
@@ -138,6 +145,16 @@ void NotifyLatency(benchmark::State& state) {
       for (int i = 0; i < kRounds; ++i) {
          awaitChange(sh->futexWord, uint32_t(i));
          sh->futexLatency[i] = nowNs() - sh->sentNs.load(std::memory_order_acquire);
+         bump(sh->ack);
+      }
+      // Bare datagrams next.
+      for (int i = 0; i < kRounds; ++i) {
+         pollfd p{pair[1], POLLIN, 0};
+         while (::poll(&p, 1, -1) != 1) {
+         }
+         sh->dgramLatency[i] = nowNs() - sh->sentNs.load(std::memory_order_acquire);
+         char byte;
+         if (::recv(pair[1], &byte, 1, 0) != 1) ::_exit(3);
          bump(sh->ack);
       }
       // Then the store.
@@ -167,6 +184,13 @@ void NotifyLatency(benchmark::State& state) {
          bump(sh->futexWord);
          awaitChange(sh->ack, ack);
       }
+      for (int i = 0; i < kRounds; ++i) {
+         const uint32_t ack = sh->ack.load();
+         sh->sentNs.store(nowNs(), std::memory_order_release);
+         const char byte = 0;
+         if (::send(pair[0], &byte, 1, 0) != 1) std::abort();
+         awaitChange(sh->ack, ack);
+      }
       awaitChange(sh->ready, 1);
       for (int i = 0; i < kRounds; ++i) {
          const uint32_t ack = sh->ack.load();
@@ -180,12 +204,18 @@ void NotifyLatency(benchmark::State& state) {
    }
    ::waitpid(child, nullptr, 0);
    std::vector<uint64_t> f(sh->futexLatency, sh->futexLatency + kRounds);
+   std::vector<uint64_t> d(sh->dgramLatency, sh->dgramLatency + kRounds);
    std::vector<uint64_t> s(sh->storeLatency, sh->storeLatency + kRounds);
    state.counters["futex_p50_us"] = percentile(f, 0.5);
    state.counters["futex_p99_us"] = percentile(f, 0.99);
+   state.counters["dgram_p50_us"] = percentile(d, 0.5);
+   state.counters["dgram_p99_us"] = percentile(d, 0.99);
    state.counters["store_p50_us"] = percentile(s, 0.5);
    state.counters["store_p99_us"] = percentile(s, 0.99);
    state.counters["store_over_futex_p50"] = percentile(s, 0.5) / percentile(f, 0.5);
+   state.counters["store_over_futex_p99"] = percentile(s, 0.99) / percentile(f, 0.99);
+   ::close(pair[0]);
+   ::close(pair[1]);
    ::munmap(sh, sizeof(Shared));
    std::filesystem::remove_all(root);
 }

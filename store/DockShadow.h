@@ -3,8 +3,9 @@
 // It attaches read-only to a table's files, keeps a private shadow (per slot: the key, or the key
 // and value; and a ShadowHashMap from key to slot) and turns the writer's notifications into
 // per-key callbacks (Region::Notify): added or changed key with its value, removed key, whole
-// table, synchronization complete and quiesced. It runs on one Loom::EventLoop: the herald's
-// eventfd wakes it (no polling), and long work is cut into turns of at most yieldTime.
+// table, synchronization complete and quiesced. It runs on one Loom::EventLoop: the writer's
+// datagram to the herald's wake socket wakes it (no polling), and long work is cut into turns of
+// at most yieldTime.
 //
 // States:
 //   detached        nothing mapped (before initialize, after detach, while re-attaching)
@@ -78,7 +79,7 @@ enum class ReaderState { kDetached, kAttached, kSynchronizing, kSynchronized, kQ
 const char* readerStateName(ReaderState state);
 
 struct ReaderCounters {
-   uint64_t wakes = 0;          // eventfd wake-ups handled
+   uint64_t wakes = 0;          // wake-ups handled
    uint64_t notifications = 0;  // queue entries applied
    uint64_t slotsCopied = 0;    // consistent slot copies taken
    uint64_t lapped = 0;         // times the writer overwrote notifications not yet read

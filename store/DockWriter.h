@@ -16,7 +16,7 @@
 // the slot; the old entry is freed only after the slot names the new one, so a reader's payload
 // copy can be torn only when the flags word changed, which its re-check sees.
 //
-// Readers are woken once per batch: flush() does one futex wake for everything posted since the
+// Readers are woken once per batch: flush() does one wake for everything posted since the
 // last one. When an event loop runs on the writer's thread, the first write of a loop turn posts a
 // task that flushes at the end of the turn; without a loop the caller flushes.
 //

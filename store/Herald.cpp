@@ -1,12 +1,7 @@
-// Herald: header checks and the futex calls shared by the queue's writer and readers.
+// Herald: header checks shared by the queue's writer and readers.
 #include "store/Herald.h"
 
 #include <fmt/format.h>
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <climits>
 
 namespace Dock::Herald {
 
@@ -44,17 +39,6 @@ bool validate(const HeraldHeader& header, size_t fileSize, uint32_t wantedRelume
       return false;
    }
    return true;
-}
-
-int futexWake(const std::atomic<uint32_t>& word) {
-   return int(::syscall(SYS_futex, reinterpret_cast<const uint32_t*>(&word), FUTEX_WAKE, INT_MAX,
-                        nullptr, nullptr, 0));
-}
-
-void futexWait(const std::atomic<uint32_t>& word, uint32_t expected) {
-   // EAGAIN (the word already changed) and EINTR both just return: callers re-check.
-   ::syscall(SYS_futex, reinterpret_cast<const uint32_t*>(&word), FUTEX_WAIT, expected, nullptr,
-             nullptr, 0);
 }
 
 }  // namespace Dock::Herald

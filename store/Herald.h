@@ -1,6 +1,5 @@
 // Herald: what the writer's and the readers' sides of the notification queue share: the file's
-// header check, the relume word that a restarted writer re-stamps, and the futex calls on the
-// header's wakeWord.
+// header check and the relume word that a restarted writer re-stamps.
 //
 // Layout (see HeraldHeader and Notification in store/Layout.h):
 //
@@ -9,10 +8,8 @@
 //      Notification ring[capacity];      // 16 bytes each: seq, slot, kind
 //   };
 //
-// Wake mechanism: wakeWord is a futex word on a MAP_SHARED file mapping, so the shared (not
-// private) futex operations work across processes. The writer increments it and issues one
-// FUTEX_WAKE per batch; a reader's waiter thread sleeps in FUTEX_WAIT on it and forwards each wake
-// to the reader's event loop through an eventfd (see HeraldReader).
+// Wake mechanism: not in this file. The writer sends a datagram per batch to each reader's socket
+// in the table's wake directory (WakeFanout, WakeSocket); the header's wakeWord only counts wakes.
 #pragma once
 
 #include <atomic>
@@ -44,10 +41,5 @@ inline uint32_t relumeOf(const HeraldHeader& header) {
 inline void relumeIs(HeraldHeader& header, uint32_t relume) {
    std::atomic_ref<uint32_t>(header.relume).store(relume, std::memory_order_release);
 }
-
-// FUTEX_WAKE (shared) of every waiter on `word`; returns how many were woken.
-int futexWake(const std::atomic<uint32_t>& word);
-// FUTEX_WAIT (shared) while `word` holds `expected`; returns at once when it does not.
-void futexWait(const std::atomic<uint32_t>& word, uint32_t expected);
 
 }  // namespace Dock::Herald

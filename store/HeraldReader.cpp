@@ -1,10 +1,7 @@
-// HeraldReader: reading the notification ring and bridging the futex wake to an eventfd.
+// HeraldReader: reading the notification ring; attaching binds the reader's wake socket.
 #include "store/HeraldReader.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include <atomic>
 
 #include "Region/Error.h"
 #include "Region/MappedFile.h"
@@ -59,64 +56,26 @@ bool HeraldReader::attach(const std::string& dir, uint32_t relume, std::string& 
    tables_[0] = HeraldNotifications(ring_, half_);
    tables_[1] = HeraldNotifications(ring_ + half_, half_);
    seqBase_ = header_->seqBase;
-   restartAt(writerPosition());
-
-   eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-   if (eventFd_ < 0) {
-      const int err = errno;
+   // The socket before the position: once bound, the writer's next wake drains the event of its
+   // name (WakeFanout::wakeAll). The fence pairs with the one there: either this load sees the
+   // writer's latest position, or that wake, which follows it, sees the socket.
+   if (!wake_.open(dir, reason)) {
       detach();
-      reason = Region::Error::fromErrno("eventfd", path, err).what();
       return false;
    }
-   stop_.store(false, std::memory_order_relaxed);
-   // The wake count is sampled here, not in the thread: a wake that lands between attach() and
-   // the thread's first wait must still be forwarded.
-   const uint32_t seen = header_->wakeWord.load(std::memory_order_acquire);
-   waiter_ = std::thread([this, seen] { waiterLoop(seen); });
+   std::atomic_thread_fence(std::memory_order_seq_cst);
+   restartAt(writerPosition());
    return true;
 }
 
 void HeraldReader::detach() {
-   stopWaiter();
-   if (eventFd_ >= 0) ::close(eventFd_);
-   eventFd_ = -1;
+   wake_.close();
    file_.reset();
    header_ = nullptr;
    ring_ = nullptr;
    tables_[0] = tables_[1] = HeraldNotifications();
    mask_ = half_ = current_ = 0;
    pos_ = lastSeq_ = 0;
-}
-
-void HeraldReader::stopWaiter() {
-   if (!waiter_.joinable()) return;
-   stop_.store(true, std::memory_order_release);
-   // The waiter may be about to sleep: keep waking until it has seen the flag.
-   while (true) {
-      Herald::futexWake(header_->wakeWord);
-      if (stop_.load(std::memory_order_acquire) == false) break;  // waiter acknowledged
-      std::this_thread::yield();
-   }
-   waiter_.join();
-}
-
-void HeraldReader::waiterLoop(uint32_t seen) {
-   while (!stop_.load(std::memory_order_acquire)) {
-      Herald::futexWait(header_->wakeWord, seen);
-      const uint32_t now = header_->wakeWord.load(std::memory_order_acquire);
-      if (now == seen) continue;  // spurious (another reader stopping its waiter) or EINTR
-      seen = now;
-      const uint64_t one = 1;
-      // A full eventfd counter (EAGAIN) still leaves it readable: nothing is lost.
-      [[maybe_unused]] ssize_t n = ::write(eventFd_, &one, sizeof(one));
-   }
-   stop_.store(false, std::memory_order_release);  // acknowledge
-}
-
-void HeraldReader::drainWake() {
-   uint64_t count;
-   while (::read(eventFd_, &count, sizeof(count)) > 0) {
-   }
 }
 
 uint32_t HeraldReader::relume() const {

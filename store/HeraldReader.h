@@ -11,19 +11,18 @@
 // position, then compare every slot) and loses no key - only the per-slot history, which it never
 // needed. Lapping is counted by the caller.
 //
-// Wake-up without polling: a waiter thread sleeps in FUTEX_WAIT on the header's wakeWord and, for
-// each change of the word, writes the reader's eventfd, which the reader's Loom::EventLoop watches.
-// The thread only forwards wakes; it never touches the reader's state. Stopping it wakes the futex
-// (a FUTEX_WAKE needs only read access to the page) after raising a stop flag.
+// Wake-up without polling: attach() binds the reader's socket in the table's wake directory
+// (WakeSocket); the writer sends it a datagram per batch, and the reader's Loom::EventLoop watches
+// it directly: one wake-up per notification batch, no thread. detach() removes the socket.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "store/Layout.h"
+#include "store/WakeSocket.h"
 
 namespace Region {
 class MappedFile;
@@ -93,15 +92,14 @@ class HeraldReader {
    // latest notification cannot be read.
    bool quiesced(uint64_t shadowSeq) const;
 
-   // The eventfd that becomes readable when the writer wakes readers (valid while attached).
-   int eventFd() const { return eventFd_; }
-   // Empties the eventfd (call from its handler before reading the queue).
-   void drainWake();
+   // The descriptor that becomes readable when the writer wakes readers (valid while attached).
+   int eventFd() const { return wake_.fd(); }
+   // Empties it (call from its handler before reading the queue).
+   void drainWake() { wake_.drain(); }
+   // The reader's socket name in the wake directory.
+   const std::string& wakeName() const { return wake_.name(); }
 
   private:
-   void waiterLoop(uint32_t seen);
-   void stopWaiter();
-
    std::unique_ptr<Region::MappedFile> file_;
    const HeraldHeader* header_ = nullptr;
    const Notification* ring_ = nullptr;
@@ -112,9 +110,7 @@ class HeraldReader {
    uint64_t seqBase_ = 0;
    uint64_t pos_ = 0;
    uint64_t lastSeq_ = 0;
-   int eventFd_ = -1;
-   std::atomic<bool> stop_{false};
-   std::thread waiter_;
+   WakeSocket wake_;
 };
 
 }  // namespace Dock

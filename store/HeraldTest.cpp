@@ -1,5 +1,5 @@
 // Notification queue: positions and sequences, wrap-around, lapping, the two tables, quiesced,
-// relume re-stamping, and the futex wake reaching a reader in another process.
+// relume re-stamping, and the wake reaching a reader in another process.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -206,7 +206,7 @@ TEST(Herald, WakeReachesReaderInAnotherProcessOncePerBatch) {
       uint64_t seen = 0;
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
       while (seen < 300) {
-         // Sleeps in poll until the writer's futex wake is forwarded: no timed re-checks.
+         // Sleeps in poll until the writer's datagram arrives: no timed re-checks.
          if (!waitReadable(r.eventFd(), 20000)) return 4;
          r.drainWake();
          HeraldReader::Entry e;

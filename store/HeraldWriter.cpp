@@ -26,6 +26,7 @@ void HeraldWriter::create(const std::string& dir, uint32_t relume, uint32_t capa
    if (capacity == 0) capacity = kDefaultHeraldCapacity;
    VELA_ASSERT(capacity >= 2 && (capacity & (capacity - 1)) == 0);
    detach();
+   fanout_.open(dir);
    const std::string path = Herald::path(dir);
    // Readers may still map the file being replaced: keep it to tell them, once the new one is in
    // place, that this writer generation is gone.
@@ -67,7 +68,7 @@ void HeraldWriter::create(const std::string& dir, uint32_t relume, uint32_t capa
    if (previous && previous.size() >= kHeraldHeaderSize) {
       auto* old = reinterpret_cast<HeraldHeader*>(previous.data());
       Herald::relumeIs(*old, relume);
-      wakeWaiters(old);
+      wakeReaders(old);
    }
    SPOOR_TRACE(trace(), 5, "created {} capacity:{} relume:{}", path, capacity, relume);
 }
@@ -81,6 +82,7 @@ void HeraldWriter::attach(const std::string& dir, uint32_t relume) {
                          reason)) {
       throw Vela::Exception(fmt::format("cannot attach to herald {}: {}", path, reason));
    }
+   fanout_.open(dir);
    file_ = std::make_unique<Region::MappedFile>(std::move(file));
    mapFile(path);
    relume_ = relume;
@@ -89,7 +91,7 @@ void HeraldWriter::attach(const std::string& dir, uint32_t relume) {
    // Re-stamp and wake: readers compare the herald's relume with the one they attached under and
    // resynchronize with the restarted writer.
    Herald::relumeIs(*header_, relume);
-   wakeWaiters(header_);
+   wakeReaders(header_);
    SPOOR_TRACE(trace(), 5, "attached {} position:{} relume:{}", path, pos_, relume);
 }
 
@@ -103,6 +105,7 @@ void HeraldWriter::mapFile(const std::string&) {
 }
 
 void HeraldWriter::detach() {
+   fanout_.close();
    file_.reset();
    header_ = nullptr;
    ring_ = nullptr;
@@ -124,14 +127,14 @@ void HeraldWriter::shrinkEnd() {
 void HeraldWriter::wake() {
    if (pos_ == wokenPos_) return;
    wokenPos_ = pos_;
-   wakeWaiters(header_);
+   wakeReaders(header_);
 }
 
-void HeraldWriter::wakeWaiters(HeraldHeader* header) {
-   // Release: a waiter that acquires the new wakeWord value sees every notification posted
-   // before it (writerPos was already release-stored by post()).
-   header->wakeWord.fetch_add(1, std::memory_order_release);
-   Herald::futexWake(header->wakeWord);
+void HeraldWriter::wakeReaders(HeraldHeader* header) {
+   // The count only records wakes (tests and dumps read it); nobody waits on it. Relaxed: the
+   // readers learn of notifications from writerPos, release-stored by post().
+   header->wakeWord.fetch_add(1, std::memory_order_relaxed);
+   fanout_.wakeAll();
 }
 
 }  // namespace Dock

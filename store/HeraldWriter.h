@@ -7,15 +7,18 @@
 // resynchronizes from the slot table (it never loses a key, only the per-slot history).
 //
 // Cost model: post() is five plain stores into the mapping, no system call. Readers are woken
-// once per batch: wake() increments the futex word `wakeWord` and issues one FUTEX_WAKE (shared,
-// i.e. without FUTEX_PRIVATE_FLAG, so waiters in other processes mapping the same file are woken).
-// The table's writer calls wake() when its event-loop turn ends or on an explicit flush.
+// once per batch: wake() increments the header's wake count `wakeWord` and sends one datagram to
+// each reader's socket in the table's wake directory (WakeFanout), after a non-blocking read of
+// the process's inotify instance that tells it of readers joining and leaving. A reader's event
+// loop watches its socket directly, so a notification costs the reader one wake-up. The table's
+// writer calls wake() when its event-loop turn ends or on an explicit flush.
 //
 // Restart: create() always lays down a fresh file (a new inode, renamed into place), so readers
 // still mapping the previous one are not disturbed; before returning it stores the new relume into
-// the previous file's header and wakes its waiters, which tells them the writer restarted.
-// attach() keeps the existing file and its positions (a restarted writer that kept its entries),
-// stores the new relume into its header and wakes the readers, who then resynchronize.
+// the previous file's header and wakes every reader in the wake directory (listed once when the
+// writer opens it), which tells them the writer restarted. attach() keeps the existing file and
+// its positions (a restarted writer that kept its entries), stores the new relume into its header
+// and wakes the readers, who then resynchronize.
 //
 // Threads: one writer thread; none of these calls are thread-safe with each other.
 #pragma once
@@ -26,6 +29,7 @@
 #include <string>
 
 #include "store/Layout.h"
+#include "store/WakeFanout.h"
 
 namespace Region {
 class MappedFile;
@@ -47,13 +51,14 @@ class HeraldWriter {
    HeraldWriter(const HeraldWriter&) = delete;
    HeraldWriter& operator=(const HeraldWriter&) = delete;
 
-   // Formats a new, empty herald file <dir>/herald. REQUIRES: capacity is a power of two >= 2
-   // (0 selects kDefaultHeraldCapacity). Throws Region::Error when the file cannot be made.
+   // Formats a new, empty herald file <dir>/herald and opens the wake directory. REQUIRES:
+   // capacity is a power of two >= 2 (0 selects kDefaultHeraldCapacity). Throws Region::Error
+   // when the file or the wake directory cannot be made.
    void create(const std::string& dir, uint32_t relume, uint32_t capacity = kDefaultHeraldCapacity);
    // Re-opens an existing herald file after a writer restart and continues at its position.
    // Throws Vela::Exception with the reason when the file is missing or fails its checks.
    void attach(const std::string& dir, uint32_t relume);
-   // Unmaps the file (readers keep theirs).
+   // Unmaps the file (readers keep theirs) and stops watching the wake directory.
    void detach();
    bool attached() const { return header_ != nullptr; }
 
@@ -80,8 +85,11 @@ class HeraldWriter {
    void shrinkStart();
    void shrinkEnd();
 
-   // One futex wake for everything posted since the last wake; nothing when nothing was posted.
+   // One wake of every reader for everything posted since the last wake; nothing when nothing
+   // was posted.
    void wake();
+   // The readers this writer wakes, as it last saw its wake directory.
+   const WakeFanout& fanout() const { return fanout_; }
 
    // Next queue position to be written.
    uint64_t position() const { return pos_; }
@@ -92,7 +100,7 @@ class HeraldWriter {
 
   private:
    void mapFile(const std::string& path);
-   void wakeWaiters(HeraldHeader* header);
+   void wakeReaders(HeraldHeader* header);
 
    std::unique_ptr<Region::MappedFile> file_;
    HeraldHeader* header_ = nullptr;
@@ -102,6 +110,7 @@ class HeraldWriter {
    uint64_t seqBase_ = 0;
    uint64_t pos_ = 0;
    uint64_t wokenPos_ = 0;  // pos_ at the last wake
+   WakeFanout fanout_;
 };
 
 }  // namespace Dock

@@ -11,6 +11,8 @@
 //       herald       notification queue: HeraldHeader, then capacity Notifications
 //       relume       the writer's restart-generation identifier: RelumeRecord
 //       owner        text naming the writing process; held with an exclusive flock while it lives
+//       wake/        one unix datagram socket per attached reader, "<pid>-<n>": the writer sends
+//                    each a datagram per batch of notifications (store/WakeDirectory.h)
 //
 // All multi-byte fields are little-endian (the only byte order this library runs on; checked
 // below). Every word that one process writes while another reads it is a std::atomic of a width
@@ -43,6 +45,7 @@ constexpr const char* kBucketsFile = "buckets";
 constexpr const char* kHeraldFile = "herald";
 constexpr const char* kRelumeFile = "relume";
 constexpr const char* kOwnerFile = "owner";
+constexpr const char* kWakeDirectory = "wake";
 constexpr uint32_t kNumSlabs = 32;
 // "slab.00" .. "slab.31"
 std::string slabFileName(uint32_t slab);
@@ -296,7 +299,7 @@ static_assert(sizeof(RelumeRecord) == 16);
 //        8      4  version      1
 //       12      4  relume
 //       16      4  capacity     number of notifications in the ring (power of two)
-//       20      4  wakeWord     futex word: the writer increments it and wakes waiting readers
+//       20      4  wakeWord     wake count: the writer increments it once per wake of its readers
 //       24      8  seqBase      sequence of queue position 0
 //       32      8  writerPos    next queue position to be written (release-stored after the entry)
 //       40      8  shrinkStart  queue position of the latest shrink-start mark, all-ones if none
