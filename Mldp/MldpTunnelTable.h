@@ -7,11 +7,15 @@
 
 namespace Tunnel::TunnelTable {
 
-// The largest entry: a tree id text of up to 4 KiB and 600 vias.
+// The longest tree id text the table's store is sized for; writers must not exceed it.
+inline constexpr uint32_t kMldpTreeIdMaxLen = 4096;
+
+// The largest entry: a tree id text of up to kMldpTreeIdMaxLen bytes and 600 vias.
 inline constexpr TunnelTableType mldpTunnelTableType{
     "Tunnel::TunnelTable::MldpTunnelTable", MldpTunnelTableEntry::kTypeName, TunnelType::mldpTunnel,
     TunnelTableIdentifier::mldpTunnelTable,
-    MulticastTunnelTableEntry::kFixedLen + 4096 + 4 + 600 * MplsVia::kSerializedSize};
+    MulticastTunnelTableEntry::kFixedLen + kMldpTreeIdMaxLen + 4 +
+        MldpTunnelTableEntry::kViaCapacity* MplsVia::kSerializedSize};
 
 extern template class TunnelTableFamily<MldpTunnelTableEntry>;  // in MldpTunnel.cpp
 

@@ -4,7 +4,7 @@
 The network is a small service-provider core seen from one provider-edge router, pe1: its
 routers, its links, and the tunnel tables its protocol agents would fill. The update is the same
 network a moment later: an LDP path re-routed, a static tunnel withdrawn, a BGP-LU route lost,
-a new SR tunnel and a new EVPN VXLAN tunnel. Run it again after editing; the JSON files are what
+a new SR tunnel, a new EVPN VXLAN tunnel and a new branch on an mLDP tree. Run it again after editing; the JSON files are what
 the demo and the tests read.
 """
 import copy
@@ -204,6 +204,21 @@ for n in ("pe2", "pe3", "pe4", "pe5", "dci1", "dci2"):
     tunnels.append({"table": "evpnVxlan",
                     "tunnelInfo": {"srcAddr": lo("pe1"), "dstAddr": lo(n), "udpPort": 4789, "ttl": 255}})
 
+# mLDP: point-to-multipoint trees rooted at pe1 (multicast VPN default and data trees, one
+# in-band (S,G) tree) and a multipoint-to-multipoint tree rooted at rr1; each via is a branch the
+# traffic is replicated over, with the label the downstream router advertised.
+mldp_trees = [
+    ("p2mp root %s lsp-id 1" % lo("pe1"), [UP1, UP2]),
+    ("p2mp root %s lsp-id 2" % lo("pe1"), [UP1]),
+    ("p2mp root %s source 198.51.100.10 group 232.1.1.1" % lo("pe1"), [UP2, UP3]),
+    ("mp2mp root %s lsp-id 7" % lo("rr1"), [UP1]),
+]
+for i, (tree, branches) in enumerate(mldp_trees):
+    tunnels.append({"table": "mldpTunnel", "index": 1 + i, "mcastTreeId": tree,
+                    "vias": [{"nextHop": nh(b), "interface": b,
+                              "labels": "push %d" % (31000 + 100 * i + k)}
+                             for k, b in enumerate(branches)]})
+
 network = {"name": "sp-core-pe1", "localRouter": "pe1",
            "routers": [routers[n] for n in names], "tunnels": tunnels}
 
@@ -223,6 +238,10 @@ ut.append({"table": "sr", "index": num["dci1"], "name": "isis-sr-dci1", "endpoin
            "igpMetric": 45, "vias": [{"nextHop": nh(UP3), "interface": UP3, "labels": "push %d" % (16000 + num["dci1"])}]})
 ut.append({"table": "evpnVxlan", "tunnelInfo": {"srcAddr": lo("pe1"), "dstAddr": lo("pe6"),
                                                "udpPort": 4789, "ttl": 255}})
+# A receiver behind p3 joins mLDP tree 2: the tree gains a branch over the port-channel.
+for t in ut:
+    if t["table"] == "mldpTunnel" and t["index"] == 2:
+        t["vias"].append({"nextHop": nh(UP3), "interface": UP3, "labels": "push 31101"})
 
 for fname, doc in (("network.json", network), ("network-update.json", update)):
     with open(os.path.join(HERE, fname), "w") as f:

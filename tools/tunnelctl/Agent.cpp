@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Mldp/MldpTunnelTable.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vela/Exception.h"
 #include "store/DockShadow.h"
@@ -15,7 +16,9 @@
 namespace TunnelCtl {
 
 Agent::Agent() : service_(Vela::makePtr<Vault::MountService>()), mounter_(service_, loop_) {
+   // The mount service makes tables by type name; the mLDP table lives in its own component.
    Tunnel::TunnelTable::registerTunnelTableTypes();
+   Tunnel::TunnelTable::registerMldpTunnelTableType();
 }
 
 Agent::~Agent() {

@@ -14,9 +14,11 @@
 #include <set>
 #include <sstream>
 
+#include "Mldp/MldpTunnelTable.h"
 #include "TunnelTable/EvpnVxlanTunnelTable.h"
 #include "TunnelTable/TunnelTableEntries.h"
 #include "TunnelTable/TunnelTables.h"
+#include "Vela/Assert.h"
 #include "Vela/Exception.h"
 #include "Wirekit/MetricType.h"
 #include "Wirekit/MplsLabelOperation.h"
@@ -188,7 +190,6 @@ class TunnelReader {
       const TableEntry* table = tableByMountName(mountName);
       if (!table)
          tableKey.fail("unknown table '" + mountName + "' (known: " + knownMountNames() + ")");
-      if (!table->type) tableKey.fail("table '" + mountName + "' is not served by tunnelctl");
       table_ = table;
       DescribedTunnel t;
       t.table = table;
@@ -228,7 +229,6 @@ class TunnelReader {
       const std::string mountName = tableKey.string();
       const TableEntry* t = tableByMountName(mountName);
       if (!t) tableKey.fail("unknown table '" + mountName + "' (known: " + knownMountNames() + ")");
-      if (!t->type) tableKey.fail("table '" + mountName + "' is not served by tunnelctl");
       const Cursor indexKey = o.need("index");
       const TunnelId id = makeId(indexKey, t->type->tunnelType,
                                  indexKey.unsignedNumber(std::numeric_limits<uint64_t>::max()));
@@ -595,6 +595,25 @@ class TunnelReader {
       };
    }
 
+   // mLDP tunnels: the multicast tree the tunnel belongs to and the MPLS vias its traffic is
+   // replicated over. The tree id's text is taken as written (its form is the multicast
+   // library's); it must not be empty, and not longer than the table's store is sized for. The
+   // entry has none of the shared fields.
+   void mldp(Object& o, DescribedTunnel& t) {
+      const TunnelId id = indexedId(o);
+      const Cursor tc = o.need("mcastTreeId");
+      const std::string tree = tc.string();
+      if (tree.empty()) tc.fail("an mLDP tunnel needs the text of its multicast tree id");
+      if (tree.size() > TT::kMldpTreeIdMaxLen) {
+         tc.fail("a multicast tree id has at most " + std::to_string(TT::kMldpTreeIdMaxLen) +
+                 " characters, got " + std::to_string(tree.size()));
+      }
+      TT::MldpTunnelTableEntry e(id, Routing::Multicast::MulticastTreeId(tree));
+      if (auto c = o.get("vias"))
+         eachVia(*c, [&](TT::ViaIndex i, const Cursor& v) { e.viaIs(i, mplsVia(v)); });
+      finishEntry<TT::MldpTunnelTable>(t, e);
+   }
+
    void build(Object& o, DescribedTunnel& t) {
       switch (table_->id) {
          case Id::bgpLuTunnelTable:
@@ -664,9 +683,12 @@ class TunnelReader {
                 });
          case Id::evpnVxlanTunnelTable:
             return evpn(o, t);
-         default:
-            o.fail("table '" + table_->mountName + "' is not served by tunnelctl");
+         case Id::mldpTunnelTable:
+            return mldp(o, t);
+         case Id::invalidTunnelTableId:
+            break;
       }
+      VELA_FAIL("table identifier {} has no description reader", unsigned(table_->id));
    }
 
    Description& d_;

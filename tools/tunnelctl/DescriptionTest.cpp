@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Description.h"
+#include "Mldp/MldpTunnelTable.h"
 #include "TunnelTable/EvpnVxlanTunnelEntry.h"
 #include "TunnelTable/TunnelTableEntries.h"
 #include "Wirekit/MplsLabelOperation.h"
@@ -45,7 +46,7 @@ TEST(Description, BundledExampleFillsEveryTableItDescribes) {
    const Description d = loadDescription(std::string(TUNNEL_SOURCE_DIR) + "/examples/network.json");
    EXPECT_EQ(d.routers.size(), 24u);
    EXPECT_EQ(d.localRouter, "pe1");
-   EXPECT_EQ(d.tunnels.size(), 92u);
+   EXPECT_EQ(d.tunnels.size(), 96u);
    std::vector<std::string> tables;
    for (const auto* t : d.tables()) tables.push_back(t->mountName);
    const std::vector<std::string> expected = {"bgpLu",
@@ -65,16 +66,17 @@ TEST(Description, BundledExampleFillsEveryTableItDescribes) {
                                               "tiLfa",
                                               "srTePolicy",
                                               "nimboSdkSbfd",
-                                              "isisFlexAlgoTunnel"};
+                                              "isisFlexAlgoTunnel",
+                                              "mldpTunnel"};
    EXPECT_EQ(tables, expected);
    for (const auto& t : d.tunnels) {
       EXPECT_EQ(t.id.tunnelType(), t.table->type->tunnelType) << t.path;
       EXPECT_TRUE(t.write) << t.path;
    }
-   // The update differs by exactly its five edits.
+   // The update differs by exactly its six edits (two removed, two added, two changed).
    const Description u =
        loadDescription(std::string(TUNNEL_SOURCE_DIR) + "/examples/network-update.json");
-   EXPECT_EQ(u.tunnels.size(), 92u - 2 + 2);
+   EXPECT_EQ(u.tunnels.size(), 96u - 2 + 2);
 }
 
 TEST(Description, LdpTunnelIsBuiltFieldByField) {
@@ -108,6 +110,34 @@ TEST(Description, LdpTunnelIsBuiltFieldByField) {
        t.text.find("'entryPref': Value('Tunnel::TunnelTable::TunnelEntryPref', ** {'value': 40})"),
        std::string::npos)
        << t.text;
+}
+
+TEST(Description, MldpTunnelCarriesItsTreeIdAndVias) {
+   const std::string longest(TT::kMldpTreeIdMaxLen, 't');
+   const Description d = parseDescription(
+       net(R"({"table": "mldpTunnel", "index": 5, "mcastTreeId": "p2mp root 10.255.0.1 lsp-id 5",
+       "vias": [{"nextHop": "10.0.0.1", "interface": "Ethernet1", "labels": "push 31000"},
+                {"nextHop": "10.0.0.1", "interface": "Ethernet1", "labels": "push 31001"}]},
+           {"table": "mldpTunnel", "index": 6, "mcastTreeId": ")" +
+           longest + R"("})"),
+       "ok.json");
+   ASSERT_EQ(d.tunnels.size(), 2u);
+   TT::MldpTunnelTableEntry e(
+       TT::TunnelId(TT::TunnelId::convertToTunnelValue(TT::TunnelType::mldpTunnel, 5)),
+       Routing::Multicast::MulticastTreeId("p2mp root 10.255.0.1 lsp-id 5"));
+   for (uint32_t i = 0; i < 2; ++i) {
+      e.viaIs(TT::ViaIndex(uint16_t(i)),
+              TT::MplsVia(Wirekit::IpGenAddr("10.0.0.1"), Wirekit::IntfId("Ethernet1"),
+                          Wirekit::MplsLabelOperation::push({31000 + i})));
+   }
+   EXPECT_EQ(d.tunnels[0].table->mountName, "mldpTunnel");
+   EXPECT_EQ(d.tunnels[0].id, e.tunnelId());
+   EXPECT_EQ(d.tunnels[0].text, valueToStrep(e));
+   // The longest tree id the store is sized for is accepted; a tunnel without vias has none.
+   EXPECT_EQ(d.tunnels[1].text,
+             valueToStrep(TT::MldpTunnelTableEntry(
+                 TT::TunnelId(TT::TunnelId::convertToTunnelValue(TT::TunnelType::mldpTunnel, 6)),
+                 Routing::Multicast::MulticastTreeId(longest))));
 }
 
 TEST(Description, DefaultsReferencesAndAllocatedIndexes) {
@@ -153,9 +183,21 @@ TEST(Description, MistakesNameTheFileThePlaceAndWhatIsWrong) {
         "bad.json: tunnels[0].table: unknown table 'ldpp' (known: bgpLu, bgpLuPush, ldp, "
         "rsvpFrr, rsvpLerSub, rsvpLer, sr, ospfSr, static, nexthopGroup, srTeSegmentList, "
         "greTunnelInterface, ipsecVtiTunnelInterface, ipsecGreTunnelInterface, evpnVxlan, tiLfa, "
-        "srTePolicy, nimboSdkSbfd, isisFlexAlgoTunnel)"},
+        "srTePolicy, nimboSdkSbfd, isisFlexAlgoTunnel, mldpTunnel)"},
        {R"({"table": "mldpTunnel", "index": 1})",
-        "bad.json: tunnels[0].table: table 'mldpTunnel' is not served by tunnelctl"},
+        "bad.json: tunnels[0]: missing key 'mcastTreeId'"},
+       {R"({"table": "mldpTunnel", "index": 1, "mcastTreeId": ""})",
+        "bad.json: tunnels[0].mcastTreeId: an mLDP tunnel needs the text of its multicast tree id"},
+       {R"({"table": "mldpTunnel", "index": 1, "mcastTreeId": 7})",
+        "bad.json: tunnels[0].mcastTreeId: expected a string, got 7"},
+       {R"({"table": "mldpTunnel", "index": 1, "mcastTreeId": ")" + std::string(4097, 't') +
+            R"("})",
+        "bad.json: tunnels[0].mcastTreeId: a multicast tree id has at most 4096 characters, got "
+        "4097"},
+       {R"({"table": "mldpTunnel", "index": 1, "mcastTreeId": "t", "name": "m"})",
+        "bad.json: tunnels[0].name: unknown key for table 'mldpTunnel'"},
+       {R"({"table": "mldpTunnel", "index": 1, "mcastTreeId": "t", "vias": [{"nextHop": "10.0.0.1"}, {"nextHop": "10.0.0.1", "interface": "Ethernet2"}]})",
+        "bad.json: tunnels[0].vias[1].interface: 'Ethernet2' is not an interface of router 'pe1'"},
        {R"({"table": "ldp"})", "bad.json: tunnels[0]: missing key 'index'"},
        {R"({"table": "static", "index": 1, "igpMetric": 5})",
         "bad.json: tunnels[0].igpMetric: unknown key for table 'static'"},

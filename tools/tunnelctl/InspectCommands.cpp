@@ -14,6 +14,7 @@
 
 #include "Agent.h"
 #include "Commands.h"
+#include "Mldp/MldpTunnelTable.h"
 #include "Region/MappedFile.h"
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
@@ -182,21 +183,49 @@ Vela::Ptr<TT::TunnelTableBase> mountSynchronized(Agent& agent, const TableEntry&
    return mounted;
 }
 
+// One entry as `show --json` gives it: the key's parts, then what a program wants without parsing
+// the text form (the mLDP tree id), then the text form.
+struct ShownEntry {
+   TT::TunnelId id;
+   json fields;
+   Vela::String text;
+};
+
+// Every entry of `table`, by tunnel id. An mLDP entry is read once, and its tree id and text
+// both come from that one copy, so they cannot straddle a concurrent write.
+std::vector<ShownEntry> showSnapshot(const TT::TunnelTableBase& table) {
+   std::vector<ShownEntry> out;
+   if (const auto* mldp = dynamic_cast<const TT::MldpTunnelTable*>(&table)) {
+      for (const auto& key : mldp->entryKeys()) {
+         if (auto e = mldp->entryIf(key)) {
+            out.push_back(
+                {key, {{"mcastTreeId", std::string(e->mcastTreeId().text())}}, valueToStrep(*e)});
+         }
+      }
+      std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
+   } else {
+      for (auto& [key, text] : tableSnapshot(table)) out.push_back({key, json::object(), text});
+   }
+   return out;
+}
+
 }  // namespace
 
 int runShow(std::ostream& out, const std::string& name, bool asJson) {
-   const TableEntry& table = requireServedTable(name);
+   const TableEntry& table = requireTable(name);
    existingTableDirectory(table);
    Agent agent;
    auto mounted = mountSynchronized(agent, table);
-   const auto entries = tableSnapshot(*mounted);
+   const auto entries = showSnapshot(*mounted);
    if (asJson) {
       json list = json::array();
-      for (const auto& [id, text] : entries) {
-         list.push_back({{"tunnelId", id.value()},
-                         {"tunnelType", TT::tunnelTypeCode(id.tunnelType())},
-                         {"tunnelIndex", id.tunnelIndex()},
-                         {"text", text}});
+      for (const auto& e : entries) {
+         json j = {{"tunnelId", e.id.value()},
+                   {"tunnelType", TT::tunnelTypeCode(e.id.tunnelType())},
+                   {"tunnelIndex", e.id.tunnelIndex()}};
+         j.update(e.fields);
+         j["text"] = e.text;
+         list.push_back(std::move(j));
       }
       out << json{{"table", table.mountName},
                   {"typeName", table.type->typeName},
@@ -207,13 +236,13 @@ int runShow(std::ostream& out, const std::string& name, bool asJson) {
           << "\n";
    } else {
       out << table.mountName << ": " << entries.size() << " entries\n";
-      for (const auto& [id, text] : entries) out << text << "\n";
+      for (const auto& e : entries) out << e.text << "\n";
    }
    return 0;
 }
 
 int runWatch(std::ostream& out, const std::string& name, uint64_t count, double seconds) {
-   const TableEntry& table = requireServedTable(name);
+   const TableEntry& table = requireTable(name);
    existingTableDirectory(table);
    Agent agent;
    bool stop = false;
@@ -251,7 +280,7 @@ int runWatch(std::ostream& out, const std::string& name, uint64_t count, double 
 }
 
 int runValidate(std::ostream& out, const std::string& name) {
-   const TableEntry& table = requireServedTable(name);
+   const TableEntry& table = requireTable(name);
    const std::string dir = existingTableDirectory(table);
    const std::string storeName = table.path + "/" + kEntryCollection;
    try {

@@ -2,9 +2,11 @@
 // drift from what the agents mount.
 #include "TableCatalog.h"
 
+#include "Mldp/MldpTunnelTable.h"
 #include "TunnelTable/EvpnVxlanTunnelTable.h"
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTables.h"
+#include "Vela/Assert.h"
 
 namespace TunnelCtl {
 
@@ -52,9 +54,12 @@ const TunnelTableType* frameworkType(TunnelTableIdentifier id) {
          return &TT::nimboSdkSbfdSessionTunnelTableType;
       case TunnelTableIdentifier::isisFlexAlgoTunnelTable:
          return &TT::isisFlexAlgoTunnelTableType;
-      default:
-         return nullptr;
+      case TunnelTableIdentifier::mldpTunnelTable:
+         return &TT::mldpTunnelTableType;
+      case TunnelTableIdentifier::invalidTunnelTableId:
+         break;
    }
+   VELA_FAIL("table identifier {} has no framework type in tunnelctl", unsigned(id));
 }
 
 }  // namespace
@@ -87,7 +92,6 @@ const TableEntry& tableById(TunnelTableIdentifier id) {
 std::string knownMountNames() {
    std::string out;
    for (const auto& t : tableCatalog()) {
-      if (!t.type) continue;
       if (!out.empty()) out += ", ";
       out += t.mountName;
    }
@@ -98,13 +102,12 @@ std::string tableDirectory(const std::string& root, const TableEntry& table) {
    return root + "/" + table.path + "/" + kEntryCollection;
 }
 
-const TableEntry& requireServedTable(std::string_view mountName) {
+const TableEntry& requireTable(std::string_view mountName) {
    const TableEntry* t = tableByMountName(mountName);
    if (!t) {
       throw UsageError("unknown table '" + std::string(mountName) +
                        "' (known: " + knownMountNames() + ")");
    }
-   if (!t->type) throw UsageError("table '" + t->mountName + "' is not served by tunnelctl");
    return *t;
 }
 

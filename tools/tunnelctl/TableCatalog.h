@@ -1,10 +1,7 @@
 // TableCatalog: the tunnel tables this tool knows, by the mount name people type ("ldp", "sr",
 // "rsvpLer", ...). Per table: its identifier (the mounter's key), its framework type (type name,
 // entry type, tunnel type, largest entry) and where its files live under a store root.
-//
-// The mLDP table (identifier 20) is listed so that names resolve, but it has no framework type
-// here: it belongs to another component, and the tool reports it as not supported rather than
-// guessing its entry bounds.
+// Every table of the family is served, the mLDP table (identifier 20, from Mldp/) included.
 #pragma once
 
 #include <optional>
@@ -24,7 +21,7 @@ struct TableEntry {
    TunnelTableIdentifier id;
    std::string mountName;        // "ldp"
    std::string path;             // "tunnel/table/ldp"
-   const TunnelTableType* type;  // null when the tool does not serve the table
+   const TunnelTableType* type;  // never null
 };
 
 // Every table, in identifier order (1 to 20).
@@ -40,9 +37,8 @@ std::string knownMountNames();
 inline constexpr const char* kEntryCollection = "entry";
 std::string tableDirectory(const std::string& root, const TableEntry& table);
 
-// The table of `mountName`, or throws UsageError "unknown table '<name>' (known: ...)"; tables
-// the tool does not serve give "table '<name>' is not served by tunnelctl".
-const TableEntry& requireServedTable(std::string_view mountName);
+// The table of `mountName`, or throws UsageError "unknown table '<name>' (known: ...)".
+const TableEntry& requireTable(std::string_view mountName);
 
 // A mistake of the person running the tool: printed as "tunnelctl: <what>", exit status 2.
 class UsageError : public std::runtime_error {

@@ -1,7 +1,8 @@
 #!/bin/bash
 # tunnelctl driven as a person drives it, with real processes: a publishing writer agent, `show`
-# and `watch` readers in other processes, a refused second writer, a reload that readers are told
-# of key by key, `validate` on a healthy and on a damaged table, and the error paths.
+# and `watch` readers in other processes (the mLDP table as well as the family's others), a refused
+# second writer, a reload that readers are told of key by key, `validate` on a healthy and on a
+# damaged table, and the error paths.
 # Usage: tunnelctl_processes_test.sh TUNNELCTL SOURCE_DIR
 set -u
 ctl=$1
@@ -37,8 +38,9 @@ cp "$src/examples/network.json" "$work/net.json"
 "$ctl" publish "$work/net.json" >"$work/publish.out" 2>"$work/publish.err" &
 pub=$!
 pids+=($pub)
-wait_for "$work/publish.out" '^ready: 92 tunnels in 18 tables under ' 30
+wait_for "$work/publish.out" '^ready: 96 tunnels in 19 tables under ' 30
 grep -qx 'ldp: 23 tunnels (23 written, 0 removed)' "$work/publish.out" || fail "publish summary"
+grep -qx 'mldpTunnel: 4 tunnels (4 written, 0 removed)' "$work/publish.out" || fail "publish summary"
 grep -qx 'evpnVxlan: 6 tunnels (6 written, 0 removed)' "$work/publish.out" || fail "publish summary"
 
 # A second writer of the same tables is refused.
@@ -51,7 +53,7 @@ grep -q "^tunnelctl: table $TUNNEL_SHMEM_ROOT/tunnel/table/bgpLu/entry already h
 "$ctl" list >"$work/list.out" 2>&1 || fail "list"
 line=$(grep '^ldp ' "$work/list.out")
 [[ $line =~ ^ldp\ +pid\ $pub\ \(alive\)\ +23\ +[0-9]+\ +[0-9]+$ ]] || fail "list ldp line: $line"
-expect_eq "$(grep -c '(alive)' "$work/list.out")" 18 "tables with a live writer"
+expect_eq "$(grep -c '(alive)' "$work/list.out")" 19 "tables with a live writer"
 
 # show --json in another process: what a reader sees.
 "$ctl" show ldp --json >"$work/show.out" 2>"$work/show.err" || fail "show --json"
@@ -60,6 +62,16 @@ expect_eq "$(grep -c '"text": "Value(.Tunnel::TunnelTable::LdpTunnelTableEntry.'
 grep -q '"tunnelId": 52776558133257,' "$work/show.out" || fail "show ldp index 9 (0x300000000009)"
 "$ctl" show static >"$work/static.out" 2>&1 || fail "show static"
 expect_eq "$(head -1 "$work/static.out")" "static: 3 entries" "show static header"
+# mLDP: the JSON gives each tree id beside the text form, and the plain listing is those texts.
+"$ctl" show mldpTunnel --json >"$work/show-mldp.out" 2>&1 || fail "show mldpTunnel --json"
+grep -q '"count": 4,' "$work/show-mldp.out" || fail "show mldpTunnel count"
+# Index 1 of type 22: 22 << 44 | 1.
+grep -A3 '"tunnelId": 387028092977153,' "$work/show-mldp.out" |
+   grep -qx '      "mcastTreeId": "p2mp root 10.255.0.7 lsp-id 1",' || fail "show mldpTunnel tree id"
+grep -q "\"text\": \"Value('Tunnel::TunnelTable::MldpTunnelTableEntry', \*\* {'tunnelId': .*'mcastTreeId': Value('Routing::Multicast::MulticastTreeId', \*\* {'text': 'p2mp root 10.255.0.7 source 198.51.100.10 group 232.1.1.1'}), 'via': \[" \
+   "$work/show-mldp.out" || fail "show mldpTunnel text form"
+"$ctl" show mldpTunnel >"$work/mldp.out" 2>&1 || fail "show mldpTunnel"
+expect_eq "$(tail -n +2 "$work/mldp.out")" "$(sed -n 's/^ *"text": "\(.*\)"$/\1/p' "$work/show-mldp.out")" "show mldpTunnel texts"
 
 # watch in two more processes, then the writer reloads an edited description (SIGHUP).
 "$ctl" watch ldp --count 1 --seconds 30 >"$work/watch-ldp.out" 2>&1 &
@@ -70,23 +82,33 @@ ws=$!
 pids+=($ws)
 wait_for "$work/watch-ldp.out" '^ldp: synchronized, 23 entries$' 20
 wait_for "$work/watch-static.out" '^static: synchronized, 3 entries$' 20
+"$ctl" watch mldpTunnel --count 1 --seconds 30 >"$work/watch-mldp.out" 2>&1 &
+wm=$!
+pids+=($wm)
+wait_for "$work/watch-mldp.out" '^mldpTunnel: synchronized, 4 entries$' 20
 cp "$src/examples/network-update.json" "$work/net.json"
 kill -HUP $pub
-wait_for "$work/publish.out" '^reloaded .*: 5 changes$' 20
+wait_for "$work/publish.out" '^reloaded .*: 6 changes$' 20
 wait $wl || fail "watch ldp exit status"
 wait $ws || fail "watch static exit status"
+wait $wm || fail "watch mldpTunnel exit status"
+grep -q "^mldpTunnel index 2 changed: Value('Tunnel::TunnelTable::MldpTunnelTableEntry', .*'text': 'p2mp root 10.255.0.7 lsp-id 2'.*10\.0\.4\.1" \
+   "$work/watch-mldp.out" || fail "watch saw the new mLDP branch"
+grep -qx 'mldpTunnel: 1 changes' "$work/watch-mldp.out" || fail "watch mldpTunnel count"
 grep -q "^ldp index 9 changed: Value('Tunnel::TunnelTable::LdpTunnelTableEntry', .*'entryMetric': 40," \
    "$work/watch-ldp.out" || fail "watch saw the ldp change"
 grep -qx 'ldp: 1 changes' "$work/watch-ldp.out" || fail "watch ldp count"
 grep -qx 'static index 3 removed' "$work/watch-static.out" || fail "watch saw the static removal"
 for c in 'ldp index 9: written' 'static index 3: removed' 'bgpLu index 305: removed' \
-   'sr index 23: written' 'evpnVxlan index 7: written'; do
+   'sr index 23: written' 'evpnVxlan index 7: written' 'mldpTunnel index 2: written'; do
    grep -qx "$c" "$work/publish.out" || fail "reload change '$c'"
 done
 
 # validate a healthy table.
 "$ctl" validate ldp >"$work/valid.out" 2>&1 || fail "validate healthy"
 expect_eq "$(cat "$work/valid.out")" "ldp: valid: 23 occupied slots, $(($(grep '^ldp ' "$work/list.out" | awk '{print $6}') - 23)) free slots, 23 slab entries" "validate output"
+"$ctl" validate mldpTunnel >"$work/valid-mldp.out" 2>&1 || fail "validate mldpTunnel"
+expect_eq "$(cat "$work/valid-mldp.out")" "mldpTunnel: valid: 4 occupied slots, $(($(grep '^mldpTunnel ' "$work/list.out" | awk '{print $6}') - 4)) free slots, 4 slab entries" "validate mldpTunnel output"
 
 # The writer stops; its files stay, and list shows the writer gone.
 kill -TERM $pub
