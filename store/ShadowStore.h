@@ -34,8 +34,11 @@ struct ValueShadowSlot {
       value = v;
    }
    void clear() {
+      // Assigned from one default value made once: `V{}` would zero-fill a large fixed-capacity
+      // value on every clear, while assignment copies only the live part.
+      static const V kEmpty{};
       present = false;
-      value = V{};
+      value = kEmpty;
    }
 };
 
