@@ -326,8 +326,10 @@ TYPED_TEST_P(TunnelTableFamilyTest, ForkedReadersSeeEveryKeysFinalState) {
          Recorder seen;
          reader->notifieeAdd(&seen);
          const TunnelId k40 = this->key(40);
-         if (!runUntil(loop, [&] { return reader->entry(k40) == this->make(40, 9); })) return 7;
-         if (seen.count(Vela::attrEntry, k40) == 0) return 8;
+         // Wait for the notification, not the value: a key-shadowing reader reads values from the
+         // shared table, so the new value can be visible before the loop delivers its notification.
+         if (!runUntil(loop, [&] { return seen.count(Vela::attrEntry, k40) > 0; })) return 8;
+         if (!(reader->entry(k40) == this->make(40, 9))) return 7;
          reader->notifieeDel(&seen);
          return 0;
       }));
