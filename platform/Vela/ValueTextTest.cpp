@@ -7,6 +7,7 @@
 
 #include "Vela/BoundedIndex.h"
 #include "Vela/ValueText.h"
+#include "testing/Expect.h"
 
 namespace {
 
@@ -18,15 +19,7 @@ using Vela::ValueTextParser;
 
 constexpr const char* kTunnelId = "Tunnel::TunnelTable::TunnelId";
 
-template <typename E, typename F>
-std::string errorOf(F&& f) {
-   try {
-      f();
-   } catch (const E& e) {
-      return e.what();
-   }
-   return "(no exception)";
-}
+using Testing::errorText;
 
 TEST(ValueText, BuilderWritesFieldsInCallOrder) {
    EXPECT_EQ(ValueTextBuilder(kTunnelId).field("value", "123").str(),
@@ -119,7 +112,7 @@ TEST(ValueText, BuilderOutputParsesBack) {
 
 TEST(ValueText, ErrorsNameTheAttributeBeingRead) {
    const auto err = [](std::string_view text, std::string_view type, auto read) {
-      return errorOf<ParseException>([&] { read(ValueTextParser(text, type)); });
+      return errorText<ParseException>([&] { read(ValueTextParser(text, type)); });
    };
    const auto readValue = [](const ValueTextParser& p) { p.readUnsigned<uint64_t>("value"); };
    EXPECT_EQ(err("Value('Tunnel::TunnelTable::TunnelId', ** {'value': x1})", kTunnelId, readValue),
@@ -180,7 +173,7 @@ ViaIndex viaIndexFromText(std::string_view text) {
 TEST(ValueText, RangeErrorWhileReadingNamesTheAttribute) {
    EXPECT_EQ(viaIndexFromText("Value('Tunnel::TunnelTable::ViaIndex', ** {'value': 599})").value(),
              599u);
-   EXPECT_EQ(errorOf<RangeException>([] {
+   EXPECT_EQ(errorText<RangeException>([] {
                 viaIndexFromText("Value('Tunnel::TunnelTable::ViaIndex', ** {'value': 600})");
              }),
              "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
@@ -190,13 +183,13 @@ TEST(ValueText, RangeErrorWhileReadingNamesTheAttribute) {
    const String outer =
        "Value('Outer', ** {'via': Value('Tunnel::TunnelTable::ViaIndex', ** {'value': 1000})})";
    ValueTextParser p(outer.begin(), outer.end(), "Outer");
-   EXPECT_EQ(errorOf<RangeException>([&] { p.readField("via", viaIndexFromText); }),
+   EXPECT_EQ(errorText<RangeException>([&] { p.readField("via", viaIndexFromText); }),
              "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
              "Tunnel::TunnelTable::ViaIndex::max not allowed (reading attribute 'value') (reading "
              "attribute 'via')");
    const String bad = "Value('Outer', ** {'via': Value('Other', ** {'value': 1})})";
    ValueTextParser q(bad.begin(), bad.end(), "Outer");
-   EXPECT_EQ(errorOf<ParseException>([&] { q.readField("via", viaIndexFromText); }),
+   EXPECT_EQ(errorText<ParseException>([&] { q.readField("via", viaIndexFromText); }),
              "cannot read attribute 'via' of Outer: cannot read attribute 'value' of "
              "Tunnel::TunnelTable::ViaIndex: text does not start with "
              "\"Value('Tunnel::TunnelTable::ViaIndex', ** {\"");
