@@ -277,24 +277,30 @@ TEST(DockShadow, ReaderFollowsWriterRestartWithoutLosingKeys) {
    EXPECT_GE(seen.wholeTable, 1);
 }
 
+// A shadow `r` quiesced on a 30-key table "t/<name>" whose slot file is then damaged, so that
+// the next writer of the table must re-format it. `seed` is the first writer's hash seed.
+void shadowATableToReformat(const std::string& name, Loom::EventLoop& loop, Seen& seen,
+                            std::unique_ptr<Shadow>& r, uint32_t& seed) {
+   Writer w(config());
+   w.initialize("t/" + name);
+   for (uint64_t k = 1; k <= 30; ++k) w.write(Value(k, 1, 1));
+   w.flush();
+   seed = w.table().header()->hashSeed;
+   r = std::make_unique<Shadow>(name, w.directory(), loop);
+   seen.attach(*r);
+   ASSERT_TRUE(r->initialize());
+   ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
+   Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
+   f.data()[20] ^= 0xFF;
+}
+
 TEST(DockShadow, ReaderFollowsAReformattedTable) {
    Testing::TempRoot root;
    Loom::EventLoop loop;
    Seen seen;
    std::unique_ptr<Shadow> r;
-   {
-      Writer w(config());
-      w.initialize("t/reformat");
-      for (uint64_t k = 1; k <= 30; ++k) w.write(Value(k, 1, 1));
-      w.flush();
-      r = std::make_unique<Shadow>("reformat", w.directory(), loop);
-      seen.attach(*r);
-      ASSERT_TRUE(r->initialize());
-      ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
-      // Damage the files so that the next writer cannot keep them.
-      Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
-      f.data()[20] ^= 0xFF;
-   }
+   uint32_t seed = 0;
+   ASSERT_NO_FATAL_FAILURE(shadowATableToReformat("reformat", loop, seen, r, seed));
    Writer again(config());
    again.initialize("t/reformat");
    again.write(Value(5, 2, 2));
@@ -360,19 +366,7 @@ TEST(DockShadow, KeysKeptAcrossAReformatAreFoundUnderTheNewSeed) {
    Seen seen;
    std::unique_ptr<Shadow> r;
    uint32_t firstSeed = 0;
-   {
-      Writer w(config());
-      w.initialize("t/seed");
-      for (uint64_t k = 1; k <= 30; ++k) w.write(Value(k, 1, 1));
-      w.flush();
-      firstSeed = w.table().header()->hashSeed;
-      r = std::make_unique<Shadow>("seed", w.directory(), loop);
-      seen.attach(*r);
-      ASSERT_TRUE(r->initialize());
-      ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
-      Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
-      f.data()[20] ^= 0xFF;
-   }
+   ASSERT_NO_FATAL_FAILURE(shadowATableToReformat("seed", loop, seen, r, firstSeed));
    Writer again(config());
    again.initialize("t/seed");
    ASSERT_EQ(again.mountStatus(), MountStatus::kReformatted);
