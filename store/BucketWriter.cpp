@@ -47,10 +47,16 @@ void BucketWriter::map() {
    heads_ = reinterpret_cast<std::atomic<uint32_t>*>(file_->data() + kBucketHeaderSize);
 }
 
-void BucketWriter::reserveMirror(uint32_t count) {
+void BucketWriter::reserveMirror(uint32_t count, CriticalYield* yield) {
    if (count <= mirrorCapacity_) return;
    HugePageBuffer grown(size_t(count) * sizeof(MirrorHead));
-   if (mirror_) std::memcpy(grown.data(), mirror_, size_t(numBuckets_) * sizeof(MirrorHead));
+   // Copied in pieces: the copy faults in the new pages, a few milliseconds at a million heads.
+   constexpr uint32_t kPiece = 1u << 15;
+   for (uint32_t i = 0; mirror_ && i < numBuckets_; i += kPiece) {
+      std::memcpy(grown.as<MirrorHead>() + i, mirror_ + i,
+                  size_t(std::min(kPiece, numBuckets_ - i)) * sizeof(MirrorHead));
+      if (yield) yield->check();
+   }
    mirrorBuffer_ = std::move(grown);
    mirror_ = mirrorBuffer_.as<MirrorHead>();
    mirrorCapacity_ =
@@ -106,17 +112,18 @@ void BucketWriter::detach() {
    mirrorCapacity_ = 0;
 }
 
-void BucketWriter::beginResize(uint32_t newCount) {
+void BucketWriter::beginResize(uint32_t newCount, CriticalYield* yield) {
    VELA_ASSERT(newCount > 0 && (newCount & (newCount - 1)) == 0);
    const size_t size = fileSizeFor(newCount);
    if (file_->fileSize() < size) {
       file_->resize(size);
       map();
    }
-   reserveMirror(newCount);
+   reserveMirror(newCount, yield);
    for (uint32_t i = numBuckets_; i < newCount; ++i) {
       heads_[i].store(kNone, std::memory_order_relaxed);
       mirror_[i] = MirrorHead{kNone, kNone};
+      if (yield && i % 8192 == 8191) yield->check();
    }
    const uint64_t old = header_->sizeWord.load(std::memory_order_relaxed);
    // Release: the emptied heads are visible with the new count. The fence orders the odd

@@ -26,6 +26,7 @@
 #include <memory>
 #include <string>
 
+#include "store/CriticalYield.h"
 #include "store/HugePageBuffer.h"
 #include "store/Layout.h"
 
@@ -83,7 +84,8 @@ class BucketWriter {
    // Starts a change of the bucket count: grows the file to hold `count` heads if needed, empties
    // the heads beyond the current count, publishes `count` with an odd counter. The caller
    // relinks, then calls endResize with the final count (smaller than `count` for a shrink).
-   void beginResize(uint32_t count);
+   // `yield` is checked while new heads are laid down (fresh pages of the file and the mirror).
+   void beginResize(uint32_t count, CriticalYield* yield = nullptr);
    void endResize(uint32_t finalCount);
 
    // Checks the header against the relume and seed; returns false with a reason.
@@ -93,7 +95,7 @@ class BucketWriter {
   private:
    void map();
    // Makes the mirror hold at least `count` heads, keeping the first numBuckets_.
-   void reserveMirror(uint32_t count);
+   void reserveMirror(uint32_t count, CriticalYield* yield = nullptr);
    static uint32_t checkOf(const BucketHeader& h);
 
    std::unique_ptr<Region::MappedFile> file_;

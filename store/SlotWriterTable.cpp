@@ -76,7 +76,7 @@ void SlotFile::publishSize(uint32_t numSlots) {
    }
 }
 
-uint32_t SlotFile::allocSlot(const std::string& name, bool criticalCheck) {
+uint32_t SlotFile::allocSlot(const std::string& name, CriticalYield* yield) {
    uint32_t s = header_->freeSlots.load(std::memory_order_relaxed);
    if (s == kNone) {
       const uint32_t occupied = header_->occupiedSlots.load(std::memory_order_relaxed);
@@ -90,8 +90,7 @@ uint32_t SlotFile::allocSlot(const std::string& name, bool criticalCheck) {
                                           occupied, numSlots_, name));
       }
       const uint64_t wanted = std::max<uint64_t>(uint64_t(numSlots_) * 2, numSlots_ + minSlots_);
-      CriticalYield yield(criticalCheck);
-      grow(uint32_t(std::min<uint64_t>(wanted, max)), &yield);
+      grow(uint32_t(std::min<uint64_t>(wanted, max)), yield);
       s = header_->freeSlots.load(std::memory_order_relaxed);
    }
    header_->freeSlots.store(slots_[s].next.load(std::memory_order_relaxed),

@@ -26,9 +26,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "Loom/Clock.h"
-#include "Loom/EventLoop.h"
 #include "Vela/Exception.h"
+#include "store/CriticalYield.h"
 #include "store/DockConfig.h"
 #include "store/HugePageBuffer.h"
 #include "store/Layout.h"
@@ -38,35 +37,6 @@ class MappedFile;
 }
 
 namespace Dock {
-
-// Runs the pending critical tasks every `budget` ticks of work; one per long operation.
-// (The slot file, the bucket rehash and the shrink all use it.)
-class CriticalYield {
-  public:
-   explicit CriticalYield(bool enabled) : enabled_(enabled) {
-      if (enabled_) {
-         budget_ = uint64_t(0.01 * Loom::Clock::ticksPerSecond());
-         start_ = Loom::Clock::ticks();
-      }
-   }
-   // Between two units of work.
-   void check() {
-      if (!enabled_) return;
-      const uint64_t now = Loom::Clock::ticks();
-      if (now - start_ >= budget_) {
-         Loom::runPendingCriticalTasks();
-         ++yields_;
-         start_ = Loom::Clock::ticks();
-      }
-   }
-   uint64_t yields() const { return yields_; }
-
-  private:
-   bool enabled_;
-   uint64_t budget_ = 0;
-   uint64_t start_ = 0;
-   uint64_t yields_ = 0;
-};
 
 // A write needed a slot and none could be had.
 class TableFullError : public Vela::Exception {
@@ -103,8 +73,8 @@ class SlotFile {
    // Pops a free slot, growing the file if the list is empty. Throws TableFullError with
    // "Dock table full (occupancy:{} tableSize:{}) {}" when numSlots == maxSlots. The returned
    // slot is neither free-listed nor occupied until the caller publishes it.
-   // The growth yields to critical tasks every 10 ms when `criticalCheck` is on.
-   uint32_t allocSlot(const std::string& name, bool criticalCheck = false);
+   // The growth checks `yield` between steps when one is given.
+   uint32_t allocSlot(const std::string& name, CriticalYield* yield = nullptr);
    // Pushes a slot whose OCCUPIED bit the caller has cleared back on the free list.
    void freeSlot(uint32_t index);
    // Grows the file to newNumSlots (> numSlots), chaining the new slots onto the free list. The
@@ -183,9 +153,13 @@ class SlotWriterTable : public SlotFile {
          while (uint64_t(chunks_.size()) * kChunk < n) {
             HugePageBuffer chunk(sizeof(Record) * kChunk);
             Record* r = chunk.as<Record>();
-            for (uint32_t i = 0; i < kChunk; ++i) new (&r[i]) Record{};
+            // First touch of fresh pages is the cost (a fault per page, more under nested
+            // paging): check the budget every 8192 records, not once per chunk.
+            for (uint32_t i = 0; i < kChunk; ++i) {
+               new (&r[i]) Record{};
+               if (yield && i % 8192 == 8191) yield->check();
+            }
             chunks_.push_back(std::move(chunk));
-            if (yield) yield->check();
          }
          size_ = n;
       }
@@ -207,8 +181,8 @@ class SlotWriterTable : public SlotFile {
       if (header()->freeSlots.load(std::memory_order_relaxed) != kNone) {
          return SlotFile::allocSlot(name);
       }
-      CriticalYield yield(criticalCheck);
-      const uint32_t s = SlotFile::allocSlot(name, criticalCheck);
+      CriticalYield yield(criticalCheck);  // one budget for the file and the records
+      const uint32_t s = SlotFile::allocSlot(name, &yield);
       syncRecords(&yield);
       return s;
    }

@@ -139,7 +139,7 @@ class WriterHashMap {
       SPOOR_TRACE(trace, 5, "growing from: {} to: {}", oldCount, oldCount * 2);
       auto& rec = table_.records();
       CriticalYield yield(criticalCheck);
-      buckets_.beginResize(oldCount * 2);
+      buckets_.beginResize(oldCount * 2, &yield);
       for (uint32_t b = 0; b < oldCount; ++b) {
          uint32_t prev = kNone;
          uint32_t s = buckets_.head(b);
@@ -167,7 +167,7 @@ class WriterHashMap {
       SPOOR_TRACE(trace, 5, "growing from: {} to: {}", oldCount, newCount);
       auto& rec = table_.records();
       CriticalYield yield(criticalCheck);
-      buckets_.beginResize(oldCount);
+      buckets_.beginResize(oldCount, &yield);
       for (uint32_t b = newCount; b < oldCount; ++b) {
          const uint32_t upper = buckets_.head(b);
          if (upper == kNone) continue;
