@@ -229,7 +229,7 @@ class DockWriter {
       detach();
       ::unlink((dir_ + "/" + kSlotsFile).c_str());
       ::unlink((dir_ + "/" + kBucketsFile).c_str());
-      for (uint32_t s = 0; s < kNumSlabs; ++s) ::unlink((dir_ + "/" + slabFileName(s)).c_str());
+      Tessel::WriterAllocator::removeFiles(dir_);
    }
 
    // The deep walk of the slot table and slabs. Traces "Dock {} validation failed: {}" and

@@ -94,6 +94,55 @@ void SlabWriter::attachReadOnly() {
    open(true);
 }
 
+bool SlabWriter::repair() {
+   file_ = Region::MappedFile::openReadWrite(path_);
+   mapped();
+   SlabHeader* h = header();
+   std::string reason;
+   try {
+      // What no operation changes must hold before the rest is rebuilt from it.
+      if (file_.size() < Dock::kSlabHeaderSize ||
+          std::atomic_ref<uint64_t>(h->magic).load(std::memory_order_acquire) != Dock::kSlabMagic ||
+          h->version != Dock::kSlabVersion || h->hash != slabChecksum(h->entrySize) ||
+          h->entrySize != entrySize_ || numEntries() > mappedEntries_) {
+         checkHeader(0);  // throws the reason
+         corrupt(fmt::format("{}::repair() numEntries: {} but the file holds {}", name_,
+                             numEntries(), mappedEntries_));
+      }
+   } catch (...) {
+      file_.close();
+      mapped();
+      throw;
+   }
+   const uint32_t n = numEntries();
+   const uint32_t oldHead = h->freeList.load(std::memory_order_relaxed);
+   const uint32_t oldOccupied = numOccupied();
+   uint32_t head = Dock::kNone;
+   uint32_t occupied = 0;
+   for (uint32_t i = n; i-- > 0;) {
+      SlabEntryHeader* e = entry(i);
+      if (e->payloadSize.load(std::memory_order_relaxed) < 0) {
+         e->clientData.store(head, std::memory_order_relaxed);
+         head = i;
+      } else {
+         ++occupied;
+      }
+   }
+   h->freeList.store(head, std::memory_order_relaxed);
+   h->numOccupied.store(occupied, std::memory_order_relaxed);
+   SPOOR_TRACE(trace(), 1, "{}::repair() freeList: {} -> {} numOccupied: {} -> {}", name_, oldHead,
+               head, oldOccupied, occupied);
+   try {
+      checkHeader(0);
+   } catch (...) {
+      file_.close();
+      mapped();
+      throw;
+   }
+   stampSlabRelume(h, relume_);
+   return oldHead != head || oldOccupied != occupied;
+}
+
 void SlabWriter::detach() {
    file_.close();
    mapped();
@@ -146,11 +195,19 @@ uint32_t SlabWriter::alloc() {
    // guaranteed to see the slot flags change that retired the previous value, and discards its
    // copy.
    std::atomic_thread_fence(std::memory_order_release);
+   // Bookkeeping, in this order, inside the intent record: freeList, clientData, payloadSize,
+   // numOccupied.
+   intent_.begin(SlabOp::kAlloc, slabNumber_);
    h->freeList.store(e->clientData.load(std::memory_order_relaxed), std::memory_order_relaxed);
+   storePoint(StorePoint::kAllocPopped);
    e->clientData.store(Dock::kNone, std::memory_order_relaxed);
+   storePoint(StorePoint::kAllocUnlinked);
    e->payloadSize.store(0, std::memory_order_relaxed);
+   storePoint(StorePoint::kAllocSized);
    h->numOccupied.store(h->numOccupied.load(std::memory_order_relaxed) + 1,
                         std::memory_order_relaxed);
+   storePoint(StorePoint::kAllocCounted);
+   intent_.end();
    return index;
 }
 
@@ -161,11 +218,19 @@ void SlabWriter::free(uint32_t index) {
       VELA_FAIL("freeing unoccupied entry {} of {}", index, name_);
    }
    SlabHeader* h = header();
+   // Bookkeeping, in this order, inside the intent record: payloadSize, clientData, freeList,
+   // numOccupied.
+   intent_.begin(SlabOp::kFree, slabNumber_);
    e->payloadSize.store(-1, std::memory_order_relaxed);
+   storePoint(StorePoint::kFreeMarked);
    e->clientData.store(h->freeList.load(std::memory_order_relaxed), std::memory_order_relaxed);
+   storePoint(StorePoint::kFreeLinked);
    h->freeList.store(index, std::memory_order_relaxed);
+   storePoint(StorePoint::kFreeHeaded);
    h->numOccupied.store(h->numOccupied.load(std::memory_order_relaxed) - 1,
                         std::memory_order_relaxed);
+   storePoint(StorePoint::kFreeCounted);
+   intent_.end();
 }
 
 void SlabWriter::addFreeEntries(uint32_t start, uint32_t end) {
@@ -175,28 +240,39 @@ void SlabWriter::addFreeEntries(uint32_t start, uint32_t end) {
       corrupt(fmt::format("{}::addFreeEntries() free-list isn't empty", name_));
    }
    VELA_ASSERT(start <= end && end <= entriesIn(file_.size(), entrySize_));
+   const uint32_t half = start + (end - start) / 2;
    for (uint32_t i = start; i < end; ++i) {
+      if (i == half) storePoint(StorePoint::kGrowHalfFormatted);
       SlabEntryHeader* e = entry(i);
       e->payloadSize.store(-1, std::memory_order_relaxed);
       e->clientData.store(i + 1 < end ? i + 1 : Dock::kNone, std::memory_order_relaxed);
    }
    if (start < end) h->freeList.store(start, std::memory_order_relaxed);
+   storePoint(StorePoint::kGrowListed);
 }
 
 void SlabWriter::resize(uint32_t newNumEntries) {
    const uint32_t old = numEntries();
    VELA_ASSERT(newNumEntries > old);
+   // In this order, inside the intent record: the file grows, the new entries are formatted and
+   // listed (freeList), numEntries, the resize counter. Until numEntries is stored the new tail
+   // is outside the slab, so an interrupted growth is rolled back by ignoring it.
+   intent_.begin(SlabOp::kGrow, slabNumber_);
    file_.resize(Region::checkedRegionSize(Dock::kSlabHeaderSize, newNumEntries, entrySize_));
    mapped();
+   storePoint(StorePoint::kGrowExtended);
    addFreeEntries(old, newNumEntries);
    SlabHeader* h = header();
    h->numEntries.store(newNumEntries, std::memory_order_relaxed);
+   storePoint(StorePoint::kGrowCounted);
    // Release: a reader that sees the new counter (acquire, SlabReader::safeHeaderCopy) sees the
    // grown file's new entries and numEntries. The fence after it orders the counter before any
    // later header store, so a header copy that sees a later store also sees the new counter.
    h->resizeCounter.store(h->resizeCounter.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
    std::atomic_thread_fence(std::memory_order_release);
+   storePoint(StorePoint::kGrowVersioned);
+   intent_.end();
    SPOOR_TRACE(trace(), 5, "{}::resize() from {} entries to {}", name_, old, newNumEntries);
 }
 
@@ -208,7 +284,9 @@ bool SlabWriter::shrink() {
    // Keep two to four times the used prefix, as the slot table does with its occupancy.
    const uint32_t target = std::max(initialEntries(entrySize_), used * 2);
    if (uint64_t(used) * 4 > n || target >= n) return false;
-   // Rebuild the free list from the entries that remain, ascending.
+   // Rebuild the free list from the entries that remain, ascending. In this order, inside the
+   // intent record: the free entries' links, freeList, numEntries, the resize counter.
+   intent_.begin(SlabOp::kShrink, slabNumber_);
    SlabHeader* h = header();
    uint32_t head = Dock::kNone;
    for (uint32_t i = target; i-- > 0;) {
@@ -218,12 +296,16 @@ bool SlabWriter::shrink() {
          head = i;
       }
    }
+   storePoint(StorePoint::kShrinkRelinked);
    h->freeList.store(head, std::memory_order_relaxed);
+   storePoint(StorePoint::kShrinkHeaded);
    h->numEntries.store(target, std::memory_order_relaxed);
+   storePoint(StorePoint::kShrinkCounted);
    // Release: pairs with the acquire load in SlabReader::safeHeaderCopy (see resize).
    h->resizeCounter.store(h->resizeCounter.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
    std::atomic_thread_fence(std::memory_order_release);
+   intent_.end();
    // No slot names an entry past target (they are all free), so their pages can go.
    file_.resize(Dock::kSlabHeaderSize + size_t(entrySize_) * target);
    mapped();

@@ -7,6 +7,10 @@
 // entries are formatted and numEntries stored before the resize counter is advanced with release
 // order, so a reader that sees the new counter (acquire) maps a file whose entries are all valid.
 //
+// Interrupted operations. alloc, free, resize and shrink each store several bookkeeping words;
+// they record themselves in the slab's intent word first and clear it last (SlabIntent.h), and
+// repair() rebuilds the bookkeeping of a slab whose operation was interrupted.
+//
 // Errors: lookups and validation throw Loom::CorruptionException with a text that begins with the
 // slab's name (its file name, "slab.07"); file-level reports name the full path.
 #pragma once
@@ -16,6 +20,7 @@
 
 #include "Region/MappedFile.h"
 #include "store/Slab.h"
+#include "store/SlabIntent.h"
 
 namespace Tessel {
 
@@ -34,6 +39,19 @@ class SlabWriter {
    void attachReadOnly();
    void detach();
    bool attached() const { return bool(file_); }
+
+   // Where this slab records the operation under way (the table's intent file), and its number
+   // in the record. Without it the slab records into a word of its own.
+   void intentIs(std::atomic<uint32_t>* word, uint32_t slab) {
+      intent_.word = word ? word : &ownIntent_;
+      slabNumber_ = slab;
+   }
+   // Maps the existing file read-write after an interrupted operation and rebuilds freeList and
+   // numOccupied from the entries' payloadSize words over [0, numEntries), then attaches as
+   // attach() does. Only the fields an operation never changes are checked before the rebuild
+   // (magic, version, checksum, entrySize, numEntries against the file); a failure there throws
+   // as attach() does and nothing is written. Returns whether freeList or numOccupied changed.
+   bool repair();
 
    // The entry at `index`. Throws "{}::getEntry() index: {} is beyond farthest possible index: {}"
    // when index >= numEntries (farthest possible index is numEntries - 1).
@@ -100,6 +118,9 @@ class SlabWriter {
    std::string name_;
    uint32_t entrySize_;
    uint32_t relume_;
+   std::atomic<uint32_t> ownIntent_{0};
+   SlabIntent intent_{&ownIntent_};
+   uint32_t slabNumber_ = 0;
    Region::MappedFile file_;
    uint32_t mappedEntries_ = 0;  // entries the mapping holds completely
 };

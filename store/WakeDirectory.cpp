@@ -8,6 +8,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
 
 #include "Region/Error.h"
 #include "store/Layout.h"
@@ -36,12 +39,47 @@ int openDirectory(const std::string& wakeDir) {
 }
 
 bool isReaderName(const std::string& name) {
-   const size_t dash = name.find('-');
-   if (dash == 0 || dash == std::string::npos || dash + 1 == name.size()) return false;
-   for (size_t i = 0; i < name.size(); ++i) {
-      if (i != dash && (name[i] < '0' || name[i] > '9')) return false;
+   // Three non-empty runs of digits separated by single dashes.
+   int runs = 0;
+   size_t run = 0;
+   for (const char c : name) {
+      if (c >= '0' && c <= '9') {
+         ++run;
+      } else if (c == '-' && run > 0) {
+         ++runs;
+         run = 0;
+      } else {
+         return false;
+      }
    }
-   return true;
+   return run > 0 && runs == 2;
+}
+
+std::string processTag() {
+   static std::mutex mutex;
+   static pid_t cachedPid = 0;
+   static std::string cached;
+   const pid_t pid = ::getpid();
+   std::lock_guard<std::mutex> lock(mutex);
+   if (pid == cachedPid) return cached;
+   std::ifstream in("/proc/self/stat");
+   std::string line;
+   if (!std::getline(in, line)) {
+      throw Region::Error::fromErrno("cannot read", "/proc/self/stat", errno ? errno : EIO);
+   }
+   // "pid (comm) state ppid ...": comm may hold blanks and parentheses, so fields are counted
+   // from the last ')'; starttime is field 22, the 20th after it.
+   const size_t close = line.rfind(')');
+   std::istringstream fields(close == std::string::npos ? std::string() : line.substr(close + 1));
+   std::string field;
+   for (int i = 0; i < 20 && fields >> field; ++i) {
+   }
+   if (field.empty() || field.find_first_not_of("0123456789") != std::string::npos) {
+      throw Region::Error("/proc/self/stat: no start time in: " + line);
+   }
+   cachedPid = pid;
+   cached = fmt::format("{}-{}", pid, field);
+   return cached;
 }
 
 socklen_t address(const std::string& wakeDir, int dirFd, const std::string& name,

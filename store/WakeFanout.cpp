@@ -2,6 +2,8 @@
 #include "store/WakeFanout.h"
 
 #include <dirent.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,11 +34,6 @@ void WakeFanout::open(const std::string& tableDir) {
    try {
       Wake::ensureDirectory(dir_);
       dirFd_ = Wake::openDirectory(dir_);
-      sock_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-      if (sock_ < 0) throw Region::Error::fromErrno("cannot create wake socket for", dir_, errno);
-      // The kernel caps this at net.core.wmem_max; failure leaves the default, which also works.
-      const int bytes = 4 << 20;
-      ::setsockopt(sock_, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
       watchAndList();
    } catch (...) {
       close();
@@ -49,6 +46,7 @@ void WakeFanout::watchAndList() {
    // add() tolerates, rather than not at all.
    sub_.reset();
    sub_ = WakeWatcher::instance().subscribe(dir_);
+   for (Peer& p : peers_) closePeer(p);
    peers_.clear();
    DIR* d = ::opendir(dir_.c_str());
    if (!d) throw Region::Error::fromErrno("cannot list", dir_, errno);
@@ -74,10 +72,10 @@ void WakeFanout::relist() {
 
 void WakeFanout::close() {
    sub_.reset();
-   if (sock_ >= 0) ::close(sock_);
-   if (dirFd_ >= 0) ::close(dirFd_);
-   sock_ = dirFd_ = -1;
+   for (Peer& p : peers_) closePeer(p);
    peers_.clear();
+   if (dirFd_ >= 0) ::close(dirFd_);
+   dirFd_ = -1;
 }
 
 bool WakeFanout::hasReader(const std::string& name) const {
@@ -89,21 +87,64 @@ void WakeFanout::add(const std::string& name) {
    Peer p;
    p.name = name;
    p.len = Wake::address(dir_, dirFd_, name, p.addr);
+   p.fd = -1;
    p.round = 0;
    peers_.push_back(p);
    SPOOR_TRACE(trace(), 7, "{} reader {} joined", dir_, name);
 }
 
 void WakeFanout::forget(const std::string& name) {
-   peers_.erase(
-       std::remove_if(peers_.begin(), peers_.end(), [&](const Peer& p) { return p.name == name; }),
-       peers_.end());
+   auto gone = [&](const Peer& p) { return p.name == name; };
+   for (Peer& p : peers_) {
+      if (gone(p)) closePeer(p);
+   }
+   peers_.erase(std::remove_if(peers_.begin(), peers_.end(), gone), peers_.end());
 }
 
-bool WakeFanout::send(const Peer& peer) {
+bool WakeFanout::refused(Peer& peer, int err, const char* what) {
+   if (err == ENOENT) return false;  // the reader left and removed its name itself
+   if (err == ECONNREFUSED) {
+      // The reader's socket is closed. A reader that detached removes its name itself (it may
+      // be doing so right now); one that died leaves it, and nobody will remove it but us. The
+      // name is that process's alone (WakeDirectory.h), so no live reader can be behind it.
+      if (::unlinkat(dirFd_, peer.name.c_str(), 0) == 0) {
+         ++counters_.removed;
+         SPOOR_TRACE(trace(), 5, "{} reader {} is gone, name removed", dir_, peer.name);
+      }
+      return false;
+   }
+   SPOOR_TRACE(trace(), 3, "{} cannot {} reader {}: errno {}", dir_, what, peer.name, err);
+   closePeer(peer);  // connect afresh at the next wake
+   return true;
+}
+
+bool WakeFanout::send(Peer& peer) {
+   if (peer.fd < 0) {
+      const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      if (fd < 0) {
+         SPOOR_TRACE(trace(), 1, "{} cannot create a wake socket: errno {}", dir_, errno);
+         return true;
+      }
+      // The smallest buffer the system allows: one datagram is all this socket ever holds.
+      const int bytes = 1;
+      ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+      if (::connect(fd, reinterpret_cast<const sockaddr*>(&peer.addr), peer.len) != 0) {
+         const int err = errno;
+         ::close(fd);
+         return refused(peer, err, "connect to");
+      }
+      peer.fd = fd;
+   } else {
+      int unread = 0;
+      if (::ioctl(peer.fd, SIOCOUTQ, &unread) == 0 && unread > 0) {
+         // The previous wake is still in the reader's queue: it will wake the reader, which then
+         // reads everything posted so far.
+         ++counters_.pending;
+         return true;
+      }
+   }
    const char byte = 0;
-   if (::sendto(sock_, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL,
-                reinterpret_cast<const sockaddr*>(&peer.addr), peer.len) == 1) {
+   if (::send(peer.fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL) == 1) {
       ++counters_.sent;
       return true;
    }
@@ -112,16 +153,12 @@ bool WakeFanout::send(const Peer& peer) {
       ++counters_.pending;
       return true;
    }
-   if (err == ENOENT) return false;  // the reader left and removed its name itself
-   if (err == ECONNREFUSED) {
-      // Bound by a process that is gone: nobody will remove the name but us.
-      ::unlinkat(dirFd_, peer.name.c_str(), 0);
-      ++counters_.removed;
-      SPOOR_TRACE(trace(), 5, "{} reader {} is gone, name removed", dir_, peer.name);
-      return false;
-   }
-   SPOOR_TRACE(trace(), 3, "{} cannot wake reader {}: errno {}", dir_, peer.name, err);
-   return true;
+   return refused(peer, err, "wake");
+}
+
+void WakeFanout::closePeer(Peer& peer) {
+   if (peer.fd >= 0) ::close(peer.fd);
+   peer.fd = -1;
 }
 
 void WakeFanout::sendToAll() {
@@ -131,6 +168,7 @@ void WakeFanout::sendToAll() {
          p.round = round_;
          ++i;
       } else {
+         closePeer(p);
          p = std::move(peers_.back());
          peers_.pop_back();
       }
@@ -140,6 +178,10 @@ void WakeFanout::sendToAll() {
 void WakeFanout::wakeAll() {
    VELA_ASSERT(isOpen());
    ++round_;
+   // Pairs with the fence at the end of WakeSocket::drain: the caller's store of the queue
+   // position is ordered before each reader's unread check below, so a reader whose datagram is
+   // found unread reads that position after consuming it.
+   std::atomic_thread_fence(std::memory_order_seq_cst);
    // The readers already known first: learning of joins and leaves stays off their path.
    sendToAll();
    // Pairs with the fence in HeraldReader::attach between binding and reading the position: the

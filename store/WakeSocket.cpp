@@ -43,12 +43,20 @@ bool WakeSocket::open(const std::string& tableDir, std::string& reason) {
       return false;
    }
    owner_ = ::getpid();
-   name_ = fmt::format("{}-{}", owner_, attaches.fetch_add(1, std::memory_order_relaxed) + 1);
+   try {
+      name_ = fmt::format("{}-{}", Wake::processTag(),
+                          attaches.fetch_add(1, std::memory_order_relaxed) + 1);
+   } catch (const Region::Error& e) {
+      reason = e.what();
+      close();
+      return false;
+   }
    sockaddr_un addr;
    const socklen_t len = Wake::address(dir, dirFd_, name_, addr);
    int rc = ::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), len);
    if (rc != 0 && errno == EADDRINUSE) {
-      // Left behind by a dead process that had our pid: nobody else can own this name.
+      // Only this process can have made this name (pid and start time are its own): it was bound
+      // before an exec, which keeps both but restarts the count, and is dead. Take it over.
       ::unlinkat(dirFd_, name_.c_str(), 0);
       rc = ::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), len);
    }
@@ -87,6 +95,11 @@ void WakeSocket::drain() {
       msgs[i].msg_hdr.msg_iovlen = 1;
    }
    ::recvmmsg(fd_, msgs, kBatch, MSG_DONTWAIT, nullptr);
+   // Consuming the datagram frees it from the writer's per-reader socket, which lets the writer
+   // send again (WakeFanout). Pairs with the fence at the start of WakeFanout::wakeAll: either the
+   // writer sees the datagram consumed and sends a new one, or the reads of the queue that follow
+   // this fence see the position the writer stored before its check.
+   std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 }  // namespace Dock

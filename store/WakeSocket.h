@@ -3,12 +3,14 @@
 // The reader's event loop watches fd(); the writer sends a datagram after each batch. The
 // datagrams carry nothing: being readable is the whole message, and drain() empties the socket
 // before the reader reads the queue, so a datagram that arrives during the read wakes it again.
-// A full socket makes the writer's send fail with EAGAIN, which is fine: a wake is pending.
+// The writer sends a reader nothing more while its previous datagram is unread (WakeFanout), so a
+// reader holds at most one.
 //
 // close() (and the destructor) closes the socket and removes its name, so a reader that detaches
 // costs the writer nothing; a reader that dies without closing leaves a name that the writer
-// removes the first time a send to it is refused. Only the process that bound a name removes it
-// (a forked child's copy of the object leaves its parent's socket alone).
+// removes the first time a send to it is refused. Names are unique across pid reuse
+// (WakeDirectory.h), so that removal never hits a live reader. Only the process that bound a name
+// removes it (a forked child's copy of the object leaves its parent's socket alone).
 #pragma once
 
 #include <sys/types.h>
@@ -24,15 +26,16 @@ class WakeSocket {
    WakeSocket(const WakeSocket&) = delete;
    WakeSocket& operator=(const WakeSocket&) = delete;
 
-   // Binds a fresh non-blocking datagram socket at <tableDir>/wake/<pid>-<n>, making the wake
-   // directory if it is missing. False with the reason when that fails.
+   // Binds a fresh non-blocking datagram socket at <tableDir>/wake/<pid>-<start>-<n>, making the
+   // wake directory if it is missing. False with the reason when that fails.
    bool open(const std::string& tableDir, std::string& reason);
    void close();
    bool isOpen() const { return fd_ >= 0; }
 
    int fd() const { return fd_; }
    const std::string& name() const { return name_; }
-   // Reads the pending datagrams without blocking.
+   // Reads the pending datagrams without blocking. Followed by a full fence: the caller's reads
+   // of the queue come after the writer sees the datagram consumed.
    void drain();
 
   private:

@@ -1,15 +1,23 @@
 // Waking readers through the wake directory: readers joining after the writer, killed readers
 // whose names the writer removes, a restarted writer finding the readers already there, many
-// tables of one process sharing one inotify instance, long paths, and writers on several threads.
+// tables of one process sharing one inotify instance, long paths, writers on several threads,
+// names that survive pid reuse, and stopped readers that cannot hold up a live one.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +49,127 @@ int inotifyInstances() {
       if (std::filesystem::read_symlink(e.path(), ec).string() == "anon_inode:inotify") ++n;
    }
    return n;
+}
+
+// Field 22 of /proc/<pid>/stat, counted after the command name.
+std::string startTimeOf(pid_t pid) {
+   std::ifstream in(fmt::format("/proc/{}/stat", pid));
+   std::string line;
+   std::getline(in, line);
+   std::istringstream fields(line.substr(line.rfind(')') + 1));
+   std::string f;
+   for (int i = 0; i < 20; ++i) fields >> f;
+   return f;
+}
+
+TEST(Wake, ReaderNamesHoldPidAndStartTimeSoADeadNamesRemovalNeverHitsALiveReader) {
+   EXPECT_TRUE(Wake::isReaderName("12-345-6"));
+   for (const char* bad : {"12-6", "12--6", "-12-3-4", "12-3-4-", "12-3-4-5", "a-1-2", "1-2-b", "",
+                           "123", ".", "slab.00"}) {
+      EXPECT_FALSE(Wake::isReaderName(bad)) << bad;
+   }
+   EXPECT_EQ(Wake::processTag(), fmt::format("{}-{}", ::getpid(), startTimeOf(::getpid())));
+
+   Testing::TempRoot root;
+   HeraldWriter w;
+   w.create(root.path(), 9, 64);
+   HeraldReader live;
+   std::string reason;
+   ASSERT_TRUE(live.attach(root.path(), 9, reason)) << reason;
+   EXPECT_EQ(live.wakeName(),
+             Wake::processTag() + "-" + live.wakeName().substr(Wake::processTag().size() + 1));
+   // A forked child is another process: its own pid and start time.
+   int names[2];
+   ASSERT_EQ(::pipe(names), 0);
+   const pid_t child = Testing::forkChild([&] {
+      HeraldReader r;
+      std::string why;
+      if (!r.attach(root.path(), 9, why)) return 2;
+      const std::string n = r.wakeName();
+      if (::write(names[1], n.data(), n.size()) != ssize_t(n.size())) return 3;
+      ::pause();
+      return 4;
+   });
+   char buf[64] = {};
+   ASSERT_GT(::read(names[0], buf, sizeof(buf) - 1), 0);
+   EXPECT_EQ(std::string(buf).rfind(fmt::format("{}-{}-", child, startTimeOf(child)), 0), 0u)
+       << buf;
+   ASSERT_EQ(::kill(child, SIGKILL), 0);
+   EXPECT_EQ(Testing::waitChild(child), 128 + SIGKILL);
+
+   // A dead reader that had this very pid, in an earlier process: same pid, earlier start time.
+   // Its name is removed when its wake is refused; the live reader's name is not touched.
+   const std::string deadName =
+       fmt::format("{}-{}-1", ::getpid(), std::stoull(startTimeOf(::getpid())) - 1);
+   {
+      const int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+      sockaddr_un addr{};
+      addr.sun_family = AF_UNIX;
+      const std::string path = root.path() + "/wake/" + deadName;
+      std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+      ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << path;
+      ::close(fd);  // dies without removing its name
+   }
+   w.post(1);
+   w.wake();
+   EXPECT_FALSE(exists(root.path() + "/wake/" + deadName));
+   EXPECT_FALSE(exists(root.path() + "/wake/" + std::string(buf)));
+   EXPECT_EQ(w.fanout().counters().removed, 2u);
+   EXPECT_TRUE(exists(root.path() + "/wake/" + live.wakeName()));
+   EXPECT_TRUE(waitReadable(live.eventFd(), 5000));
+   ::close(names[0]);
+   ::close(names[1]);
+}
+
+TEST(Wake, StoppedReadersHoldOneWakeEachAndNeverDelayALiveOne) {
+   Testing::TempRoot root;
+   HeraldWriter w;
+   w.create(root.path(), 11, 64);
+   // Enough stalled readers that ten queued wakes each would exhaust any one socket's buffer.
+   constexpr int kStopped = 48;
+   std::vector<pid_t> stopped;
+   for (int i = 0; i < kStopped; ++i) {
+      stopped.push_back(Testing::forkChild([&] {
+         HeraldReader r;
+         std::string why;
+         if (!r.attach(root.path(), 11, why)) return 2;
+         ::raise(SIGSTOP);
+         return 0;
+      }));
+   }
+   for (pid_t p : stopped) {
+      int status = 0;
+      ASSERT_EQ(::waitpid(p, &status, WUNTRACED), p);
+      ASSERT_TRUE(WIFSTOPPED(status));
+   }
+   HeraldReader live;
+   std::string reason;
+   ASSERT_TRUE(live.attach(root.path(), 11, reason)) << reason;
+   constexpr uint32_t kBatches = 4000;
+   for (uint32_t b = 0; b < kBatches; ++b) {
+      w.post(b % 1000);
+      w.wake();
+      ASSERT_TRUE(waitReadable(live.eventFd(), 2000)) << "batch " << b;
+      live.drainWake();
+      HeraldReader::Entry e;
+      ASSERT_EQ(live.next(e), HeraldReader::Next::kEntry) << "batch " << b;
+      ASSERT_EQ(e.slot, b % 1000);
+   }
+   EXPECT_EQ(w.fanout().readers(), size_t(kStopped) + 1);
+   // One datagram to each stopped reader, one per batch to the live one; the rest were skipped.
+   EXPECT_EQ(w.fanout().counters().sent, uint64_t(kStopped) + kBatches);
+   EXPECT_EQ(w.fanout().counters().pending, uint64_t(kStopped) * (kBatches - 1));
+   for (pid_t p : stopped) {
+      ::kill(p, SIGKILL);
+      ::kill(p, SIGCONT);
+      EXPECT_EQ(Testing::waitChild(p), 128 + SIGKILL);
+   }
+   // Their names are removed at the next wake, and the live reader is woken as before.
+   w.post(1);
+   w.wake();
+   EXPECT_EQ(w.fanout().readers(), 1u);
+   EXPECT_EQ(w.fanout().counters().removed, uint64_t(kStopped));
+   EXPECT_TRUE(waitReadable(live.eventFd(), 2000));
 }
 
 TEST(Wake, ReaderJoiningAfterTheWriterIsWokenByTheNextBatch) {
@@ -236,11 +365,6 @@ TEST(Wake, PathsTooLongForASocketAddressGoThroughTheDirectoryDescriptor) {
    EXPECT_EQ(n, socklen_t(offsetof(sockaddr_un, sun_path) + 22));
    Wake::address("/short", 17, "12-3", a);
    EXPECT_EQ(std::string(a.sun_path), "/short/12-3");
-
-   for (const char* bad : {"", "-", "1-", "-1", "1", "1-2-3", "a-1", "1-b", ".", "..", "1.tmp"}) {
-      EXPECT_FALSE(Wake::isReaderName(bad)) << bad;
-   }
-   EXPECT_TRUE(Wake::isReaderName("123-45"));
 }
 
 TEST(Wake, WritersOnSeveralThreadsWakeWhileReadersComeAndGo) {

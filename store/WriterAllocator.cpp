@@ -34,8 +34,21 @@ std::string WriterAllocator::slabPath(uint32_t slab) const {
 
 void WriterAllocator::detach() {
    for (auto& s : slabs_) s.reset();
+   intent_.close();
    validated_ = 0;
    mode_ = Mode::kDetached;
+}
+
+std::unique_ptr<SlabWriter> WriterAllocator::makeSlab(uint32_t s) const {
+   auto w = std::make_unique<SlabWriter>(slabPath(s), config_.entrySize(s), relume_);
+   if (intent_.isOpen()) w->intentIs(intent_.word(), s);
+   return w;
+}
+
+void WriterAllocator::removeFiles(const std::string& dir) {
+   for (uint32_t s = 0; s < kNumClasses; ++s) ::unlink((dir + "/" + Dock::slabFileName(s)).c_str());
+   ::unlink((dir + "/" + kIntentFile).c_str());
+   removeStraySlabFiles(dir);
 }
 
 void WriterAllocator::create() {
@@ -47,18 +60,51 @@ void WriterAllocator::create() {
          throw Region::Error::fromErrno("cannot remove", path, errno);
       }
    }
+   strayRemoved_ = removeStraySlabFiles(dir_);
+   // A fresh record: whatever the old one named is gone with the slabs.
+   ::unlink((dir_ + "/" + kIntentFile).c_str());
+   intent_.open(dir_);
+   repairedOp_ = SlabOp::kIdle;
    mode_ = Mode::kCreated;
+}
+
+void WriterAllocator::repairInterrupted() {
+   repairedOp_ = SlabOp::kIdle;
+   const SlabOp op = intent_.op();
+   if (op == SlabOp::kIdle) return;
+   const uint32_t s = intent_.slab();
+   if (s < kNumClasses && exists(slabPath(s))) {
+      auto w = makeSlab(s);
+      try {
+         const bool changed = w->repair();
+         SPOOR_TRACE(trace(), 0, "{}: {} interrupted by the previous writer {}", slabPath(s),
+                     slabOpName(op), changed ? "repaired" : "had nothing to repair");
+         slabs_[s] = std::move(w);
+      } catch (const std::exception& e) {
+         // Left unattached: its first use reports it, and the table is re-formatted.
+         SPOOR_TRACE(trace(), 0, "{}: {} interrupted by the previous writer, not repairable: {}",
+                     slabPath(s), slabOpName(op), e.what());
+         return;
+      }
+   }
+   repairedOp_ = op;
+   repairedSlab_ = s;
+   intent_.clear();
 }
 
 void WriterAllocator::attach() {
    detach();
    mode_ = Mode::kAttached;
+   // The writer holds the owner file, so a temporary slab file belongs to a writer that died.
+   strayRemoved_ = removeStraySlabFiles(dir_);
+   intent_.open(dir_);
+   repairInterrupted();
    // Re-stamp every slab whose header is sound now, so that readers of this writer generation
    // accept it; a slab whose header fails stays unattached and fails again on first use.
    for (uint32_t s = 0; s < kNumClasses; ++s) {
       const std::string path = slabPath(s);
-      if (!exists(path)) continue;
-      auto w = std::make_unique<SlabWriter>(path, config_.entrySize(s), relume_);
+      if (slabs_[s] || !exists(path)) continue;
+      auto w = makeSlab(s);
       try {
          w->attach();
          slabs_[s] = std::move(w);
@@ -79,7 +125,7 @@ SlabWriter* WriterAllocator::firstUse(uint32_t s, bool create) {
    if (slabs_[s] && (validated_ & bit)) return slabs_[s].get();
    const std::string path = slabPath(s);
    if (!slabs_[s]) {
-      auto w = std::make_unique<SlabWriter>(path, config_.entrySize(s), relume_);
+      auto w = makeSlab(s);
       if (!exists(path)) {
          if (!create) return nullptr;
          w->create();

@@ -2,10 +2,14 @@
 // per size class (LinearSizeConfig). Slab files are created on the first allocation in their
 // class; existing files are attached and validated on first use.
 //
-//   create()          a fresh table: removes any slab files left in the directory.
-//   attach()          a restarted writer keeping its entries: every existing slab file's header is
-//                     checked (any relume) and re-stamped with this writer's relume now, so readers
-//                     of the new generation accept it; the full walk runs on first use.
+//   create()          a fresh table: removes any slab files left in the directory and starts an
+//                     idle intent file.
+//   attach()          a restarted writer keeping its entries: removes slab files a killed writer
+//                     left half-created, repairs the slab named by the intent file (an operation
+//                     interrupted between two bookkeeping stores, see SlabIntent.h), then checks
+//                     every existing slab file's header (any relume) and re-stamps it with this
+//                     writer's relume now, so readers of the new generation accept it; the full
+//                     walk runs on first use.
 //   attachReadOnly()  inspection (deep validation by a tool): nothing is written; alloc and free
 //                     are then programming errors.
 //
@@ -21,6 +25,7 @@
 
 #include "store/LinearSizeConfig.h"
 #include "store/Offset.h"
+#include "store/SlabIntent.h"
 #include "store/SlabWriter.h"
 
 namespace Tessel {
@@ -53,6 +58,16 @@ class WriterAllocator {
    // Sum of numOccupied over every slab file present (attaching them as needed).
    uint64_t numOccupied();
 
+   // Removes every slab file of `dir`, the intent file and half-created slab files (best effort:
+   // the table is being given up).
+   static void removeFiles(const std::string& dir);
+
+   // What the last attach() repaired: the interrupted operation (kIdle when none) and its slab.
+   SlabOp repairedOp() const { return repairedOp_; }
+   uint32_t repairedSlab() const { return repairedSlab_; }
+   // Half-created slab files the last create() or attach() removed.
+   uint32_t strayFilesRemoved() const { return strayRemoved_; }
+
    const LinearSizeConfig& config() const { return config_; }
    const std::string& dir() const { return dir_; }
    uint32_t relume() const { return relume_; }
@@ -71,6 +86,8 @@ class WriterAllocator {
       return firstUse(slab, create);
    }
    SlabWriter* firstUse(uint32_t slab, bool create);
+   std::unique_ptr<SlabWriter> makeSlab(uint32_t slab) const;
+   void repairInterrupted();
 
    std::string dir_;
    LinearSizeConfig config_;
@@ -78,6 +95,10 @@ class WriterAllocator {
    Mode mode_ = Mode::kDetached;
    uint32_t validated_ = 0;  // bit per slab: its full walk has passed since it was attached
    std::array<std::unique_ptr<SlabWriter>, kNumClasses> slabs_;
+   IntentFile intent_;  // open while attached for writing
+   SlabOp repairedOp_ = SlabOp::kIdle;
+   uint32_t repairedSlab_ = 0;
+   uint32_t strayRemoved_ = 0;
 };
 
 }  // namespace Tessel

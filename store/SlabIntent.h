@@ -1,0 +1,139 @@
+// SlabIntent: the writer's record of the slab operation it is in the middle of, so that a writer
+// killed between two bookkeeping stores costs a repair of one slab instead of the whole table.
+//
+// A slab's bookkeeping is several words stored one after another: the header's freeList,
+// numOccupied and numEntries, and each entry's payloadSize and clientData (the free-list link).
+// A SIGKILL between two of them leaves a slab whose walk fails validation ("found N occupied
+// entries, but header's numOccupied: M"), which in an untouched file is corruption. The writer
+// therefore records which slab it is changing before the first of those stores and clears the
+// record after the last; on attach, a recorded operation is repaired and only then is the slab
+// validated. A mismatch without a record is still reported as corruption.
+//
+// Repair (SlabWriter::repair). Each entry's payloadSize word is the truth about that entry: it is
+// stored once per operation, so an interrupted operation has either stored it or not. The repair
+// keeps every entry as its payloadSize says and rebuilds the rest from it: the free list (every
+// entry in [0, numEntries) with a negative size, ascending) and numOccupied (the others). That
+// finishes or rolls back each operation at every store boundary:
+//   alloc   size still negative: rolled back (the entry is free again); size 0: finished, and the
+//           entry, which no slot names, is reclaimed by the table's own recovery.
+//   free    size negative: finished; else rolled back (the slot no longer names the entry, so the
+//           table's recovery frees it).
+//   grow    numEntries is stored after the new entries are formatted: until then the grown tail
+//           is ignored (rolled back; the longer file is harmless); after it, finished.
+//   shrink  numEntries is either the old or the new count; both prefixes are consistent.
+// Repair is idempotent: a writer killed while repairing leaves the record set and the next one
+// repairs again.
+//
+// Store order, per operation: record.op = (kind << 8 | slab); the operation's stores; record.op
+// = 0. A process stopped by a signal has executed exactly a prefix of its instructions and the
+// kernel keeps every store of that prefix in the shared pages, so only the compiler may reorder;
+// the signal fences at begin() and end() forbid it (they emit no instruction). Readers never
+// open this file.
+//
+// File <table dir>/slabs.intent (64 bytes, writer-private):
+//
+//   offset  width  field
+//        0      8  magic     "TESSINTN" (0x4e544e4953534554)
+//        8      4  version   1
+//       12      4  op        kind << 8 | slab while an operation is under way, 0 when idle
+//       16     48  reserved
+//
+// Cost on the hot path: two plain stores to one line that every allocation and free touches.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "Region/MappedFile.h"
+
+namespace Tessel {
+
+constexpr const char* kIntentFile = "slabs.intent";
+constexpr uint64_t kIntentMagic = 0x4e544e4953534554ull;  // "TESSINTN"
+constexpr uint32_t kIntentVersion = 1;
+constexpr uint32_t kIntentSize = 64;
+
+enum class SlabOp : uint32_t { kIdle = 0, kAlloc = 1, kFree = 2, kGrow = 3, kShrink = 4 };
+const char* slabOpName(SlabOp op);
+
+struct IntentRecord {
+   uint64_t magic;            // 0
+   uint32_t version;          // 8
+   std::atomic<uint32_t> op;  // 12
+   uint32_t reserved[12];     // 16
+};
+static_assert(offsetof(IntentRecord, op) == 12);
+static_assert(sizeof(IntentRecord) == kIntentSize);
+static_assert(std::atomic<uint32_t>::is_always_lock_free);
+
+// The operation a slab writer records. A SlabWriter without a table (tests, tools) records into
+// a private word, so the stores are the same on every path.
+struct SlabIntent {
+   std::atomic<uint32_t>* word;
+
+   void begin(SlabOp op, uint32_t slab) {
+      word->store(uint32_t(op) << 8 | slab, std::memory_order_relaxed);
+      // Compiler-only: the record precedes every bookkeeping store of the operation.
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+   }
+   void end() {
+      // Compiler-only: every bookkeeping store of the operation precedes the clear.
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+      word->store(0, std::memory_order_relaxed);
+   }
+};
+
+// The table's intent file.
+class IntentFile {
+  public:
+   // Opens <dir>/slabs.intent, making (or re-making, when it is not a valid record) an idle one.
+   // Throws Region::Error.
+   void open(const std::string& dir);
+   void close() { file_.close(); }
+   bool isOpen() const { return bool(file_); }
+   std::atomic<uint32_t>* word() const { return &record()->op; }
+   // The recorded operation and its slab; kIdle when none.
+   SlabOp op() const { return SlabOp(word()->load(std::memory_order_relaxed) >> 8); }
+   uint32_t slab() const { return word()->load(std::memory_order_relaxed) & 0xff; }
+   void clear() { SlabIntent{word()}.end(); }
+
+  private:
+   IntentRecord* record() const { return reinterpret_cast<IntentRecord*>(file_.data()); }
+   Region::MappedFile file_;
+};
+
+// Test hook: the points between the bookkeeping stores of each operation, where a test can end
+// the process to leave exactly what a SIGKILL there leaves. Null in production: one predictable
+// branch per point.
+enum class StorePoint {
+   kAllocPopped,        // alloc: freeList advanced
+   kAllocUnlinked,      // alloc: the entry's clientData cleared
+   kAllocSized,         // alloc: the entry's payloadSize 0
+   kAllocCounted,       // alloc: numOccupied incremented (record still set)
+   kFreeMarked,         // free: payloadSize -1
+   kFreeLinked,         // free: clientData links to the old head
+   kFreeHeaded,         // free: freeList names the entry
+   kFreeCounted,        // free: numOccupied decremented (record still set)
+   kGrowExtended,       // grow: the file is longer, nothing formatted
+   kGrowHalfFormatted,  // grow: half of the new entries formatted
+   kGrowListed,         // grow: freeList names the first new entry
+   kGrowCounted,        // grow: numEntries stored
+   kGrowVersioned,      // grow: resize counter advanced (record still set)
+   kShrinkRelinked,     // shrink: free entries below the target relinked
+   kShrinkHeaded,       // shrink: freeList stored
+   kShrinkCounted,      // shrink: numEntries stored
+};
+using StoreHook = void (*)(StorePoint);
+extern StoreHook storeHook;
+inline void storePoint(StorePoint p) {
+   if (storeHook) [[unlikely]]
+      storeHook(p);
+}
+
+// Removes slab files left under a temporary name by a writer killed while creating a slab
+// ("slab.NN.<pid>.tmp"). Returns how many it removed.
+uint32_t removeStraySlabFiles(const std::string& dir);
+
+}  // namespace Tessel
