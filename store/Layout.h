@@ -11,8 +11,10 @@
 //       herald       notification queue: HeraldHeader, then capacity Notifications
 //       relume       the writer's restart-generation identifier: RelumeRecord
 //       owner        text naming the writing process; held with an exclusive flock while it lives
-//       wake/        one unix datagram socket per attached reader, "<pid>-<n>": the writer sends
-//                    each a datagram per batch of notifications (store/WakeDirectory.h)
+//       slabs.intent the writer's record of the slab operation under way (store/SlabIntent.h)
+//       wake/        one unix datagram socket per attached reader, "<pid>-<starttime>-<n>": the
+//                    writer sends each a datagram per batch of notifications unless the last one
+//                    is still unread (store/WakeDirectory.h)
 //
 // All multi-byte fields are little-endian (the only byte order this library runs on; checked
 // below). Every word that one process writes while another reads it is a std::atomic of a width
