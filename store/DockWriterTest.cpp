@@ -317,7 +317,7 @@ TEST(DockWriterDeathTest, DirectModeMustBePaired) {
    EXPECT_EQ(w.lookup(5)->version, 3u);
 }
 
-TEST(DockWriter, RestartReattachesKeepsEntriesAndTakesANewRelume) {
+TEST(DockWriter, RestartKeepsEntriesUnderANewRelumeAndReformatsForAnotherValueType) {
    Testing::TempRoot root;
    uint32_t relume1;
    {
@@ -327,24 +327,17 @@ TEST(DockWriter, RestartReattachesKeepsEntriesAndTakesANewRelume) {
       for (uint64_t k = 0; k < 10; ++k) w.remove(k);
       relume1 = w.relumeId();
    }
-   Spoor::Capture cap;
-   Writer w(testConfig());
-   w.initialize("t/entry");
-   EXPECT_EQ(w.mountStatus(), Dock::MountStatus::kReattached);
-   EXPECT_NE(w.relumeId(), relume1);
-   EXPECT_EQ(Region::RelumeFile::read(w.directory()), w.relumeId());
-   EXPECT_EQ(w.members(), 90u);
-   for (uint64_t k = 10; k < 100; ++k) ASSERT_EQ(*w.lookup(k), Value(k, 1, 1 + k % 7));
-   EXPECT_FALSE(cap.contains("will be lost"));
-   EXPECT_TRUE(w.validateVersionAnchor());
-}
-
-TEST(DockWriter, RestartWithAnotherValueTypeReformats) {
-   Testing::TempRoot root;
    {
+      Spoor::Capture cap;
       Writer w(testConfig());
       w.initialize("t/entry");
-      w.write(Value(1, 1, 1));
+      EXPECT_EQ(w.mountStatus(), Dock::MountStatus::kReattached);
+      EXPECT_NE(w.relumeId(), relume1);
+      EXPECT_EQ(Region::RelumeFile::read(w.directory()), w.relumeId());
+      EXPECT_EQ(w.members(), 90u);
+      for (uint64_t k = 10; k < 100; ++k) ASSERT_EQ(*w.lookup(k), Value(k, 1, 1 + k % 7));
+      EXPECT_FALSE(cap.contains("will be lost"));
+      EXPECT_TRUE(w.validateVersionAnchor());
    }
    Spoor::Capture cap;
    auto c = testConfig();
