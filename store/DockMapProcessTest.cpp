@@ -21,7 +21,7 @@
 #include "Region/RelumeFile.h"
 #include "Region/StoreRoot.h"
 #include "store/DockMap.h"
-#include "store/WriterTestValue.h"
+#include "store/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -32,22 +32,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kTable = "test/table/entry";
 
+// A small ring: a paused reader gets lapped.
 Dock::DockConfig config() {
-   Dock::DockConfig c;
-   c.typeName = "DockTest::Value";
-   c.valueSize = sizeof(Value);
-   c.minSlots = 16;
-   c.maxSlots = 1 << 16;
-   c.maxValueSize = DockTest::kMaxValueSize;
-   c.heraldCapacity = 256;  // small: a paused reader gets lapped
-   return c;
-}
-
-uint64_t mix(uint64_t x) {
-   x += 0x9e3779b97f4a7c15ull;
-   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-   x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-   return x ^ (x >> 31);
+   return DockTest::tableConfig(16, 1 << 16, 256);
 }
 
 struct Op {
@@ -58,7 +45,7 @@ struct Op {
 // Phases of 10000 ops: grow to ~2000 keys; sweep removes over every key (the table shrinks);
 // churn on a small key space.
 Op opAt(uint64_t seed, uint32_t i) {
-   const uint64_t h = mix(seed * 1000003 + i);
+   const uint64_t h = DockTest::mix(seed * 1000003 + i);
    const uint32_t phase = i % 10000;
    const uint32_t vias =
        (h >> 40) % 16 == 0 ? 1 + uint32_t((h >> 8) % 600) : 1 + uint32_t((h >> 8) % 6);
@@ -131,19 +118,8 @@ void describeReader(int id, Map& map) {
 
 // A reader: mirrors the table from its notifications, checks every value it is handed, and at the
 // end compares its mirror with the replayed content. Returns 0 when it matches.
-int runReaderBody(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool pauseFirst,
-                  int timeoutSeconds);
 int runReader(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool pauseFirst,
-              int timeoutSeconds = 60) {
-   try {
-      return runReaderBody(shared, id, seed, totalOps, pauseFirst, timeoutSeconds);
-   } catch (const std::exception& e) {
-      fprintf(stderr, "reader %d: %s\n", id, e.what());
-      return 14;
-   }
-}
-int runReaderBody(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool pauseFirst,
-                  int timeoutSeconds) {
+              int timeoutSeconds = 60) try {
    Loom::EventLoop loop;
    std::map<uint64_t, Value> mirror;
    auto& res = shared->readers[id];
@@ -189,6 +165,9 @@ int runReaderBody(Shared* shared, int id, uint64_t seed, uint32_t totalOps, bool
    // totalOps 0: the writer's final op count, known once it is done.
    if (mirror != replay(seed, totalOps ? totalOps : shared->committed.load())) return 12;
    return res.bad.load() == 0 ? 0 : 13;
+} catch (const std::exception& e) {
+   fprintf(stderr, "reader %d: %s\n", id, e.what());
+   return 14;
 }
 
 TEST(DockMapProcess, ForkedReadersSeeOnlyWrittenValuesAndEndEqualToTheWriter) {

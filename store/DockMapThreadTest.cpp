@@ -11,7 +11,7 @@
 
 #include "Loom/EventLoop.h"
 #include "store/DockMap.h"
-#include "store/WriterTestValue.h"
+#include "store/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -19,25 +19,11 @@ namespace {
 using DockTest::Value;
 using Map = Dock::DockMap<uint64_t, Value, DockTest::KeyOf>;
 
-uint64_t mixBits(uint64_t x) {
-   x += 0x9e3779b97f4a7c15ull;
-   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-   x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-   return x ^ (x >> 31);
-}
-
 TEST(DockMapThreads, ReadersAsThreadsEndEqualToTheWriterUnderChurn) {
    GTEST_FLAG_SET(death_test_style, "threadsafe");
    Testing::TempRoot root;
-   Dock::DockConfig c;
-   c.typeName = "DockTest::Value";
-   c.valueSize = sizeof(Value);
-   c.minSlots = 16;
-   c.maxSlots = 1 << 14;
-   c.maxValueSize = DockTest::kMaxValueSize;
-   c.heraldCapacity = 128;
    Map writer;
-   writer.initWriter("test/threads/entry", c);
+   writer.initWriter("test/threads/entry", DockTest::tableConfig(16, 1 << 14, 128));
    std::map<uint64_t, Value> truth;
    std::atomic<bool> done{false};
    constexpr int kReaders = 2;
@@ -66,7 +52,7 @@ TEST(DockMapThreads, ReadersAsThreadsEndEqualToTheWriterUnderChurn) {
    }
    const uint32_t total = 6000;
    for (uint32_t i = 0; i < total; ++i) {
-      const uint64_t h = mixBits(i);
+      const uint64_t h = DockTest::mix(i);
       const bool shrinkPhase = i >= 2500 && i < 4000;
       const uint64_t key = 1 + (shrinkPhase ? (i - 2500) % 1000 : h % 1000);
       const bool remove = shrinkPhase ? h % 10 != 0 : h % 5 == 0;

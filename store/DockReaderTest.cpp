@@ -11,7 +11,8 @@
 #include "store/BucketReader.h"
 #include "store/DockReader.h"
 #include "store/DockWriter.h"
-#include "store/WriterTestValue.h"
+#include "store/StoreTestSupport.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace Dock {
@@ -22,24 +23,11 @@ using DockTest::Value;
 using Writer = DockWriter<uint64_t, Value, KeyOf>;
 using Reader = DockReader<uint64_t, Value, KeyOf>;
 
-DockConfig config() {
-   DockConfig c;
-   c.typeName = "DockTest::Value";
-   c.valueSize = sizeof(Value);
-   c.minSlots = 16;
-   c.maxSlots = 1u << 14;
-   c.maxValueSize = DockTest::kMaxValueSize;
-   c.heraldCapacity = 1024;
-   return c;
-}
-
-Slot* writableSlots(Region::MappedFile& f) {
-   return SlotTable::slots(reinterpret_cast<SlotTableHeader*>(f.data()));
-}
+using DockTest::tableConfig;
 
 TEST(DockReader, LooksUpEveryKeyAndFollowsGrowth) {
    Testing::TempRoot root;
-   Writer w(config());
+   Writer w(tableConfig());
    w.initialize("t/plain");
    for (uint64_t k = 1; k <= 20; ++k) w.write(Value(k, 1, uint32_t(k % 5 + 1)));
    Reader r("plain", w.directory());
@@ -74,7 +62,7 @@ TEST(DockReader, LooksUpEveryKeyAndFollowsGrowth) {
 
 TEST(DockReader, IterationWithHintsVisitsEveryKeyOnceAndSurvivesChanges) {
    Testing::TempRoot root;
-   Writer w(config());
+   Writer w(tableConfig());
    w.initialize("t/iter");
    for (uint64_t k = 1; k <= 300; ++k) w.write(Value(k, 1, 1));
    Reader r("iter", w.directory());
@@ -111,7 +99,7 @@ TEST(DockReader, AttachReportsEachMissingPiece) {
    EXPECT_FALSE(empty.attach());
    EXPECT_EQ(empty.lastStatus(), "cannot attach to shmem size:0");
 
-   Writer w(config());
+   Writer w(tableConfig());
    w.initialize("t/steps");
    const std::string dir = w.directory();
    {
@@ -139,7 +127,7 @@ TEST(DockReader, AttachReportsEachMissingPiece) {
 
 TEST(DockReader, ChainAnomaliesAreReportedNotLoopedOn) {
    Testing::TempRoot root;
-   Writer w(config());
+   Writer w(tableConfig());
    w.initialize("t/chains");
    Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
    const uint32_t seed = reinterpret_cast<const SlotTableHeader*>(f.data())->hashSeed;
@@ -153,7 +141,7 @@ TEST(DockReader, ChainAnomaliesAreReportedNotLoopedOn) {
    }
    w.write(Value(1, 1, 1));
    w.write(Value(partner, 1, 1));
-   Slot* slots = writableSlots(f);
+   Slot* slots = SlotTable::slots(reinterpret_cast<SlotTableHeader*>(f.data()));
    uint32_t head = kNone, second = kNone;
    for (uint64_t k : {uint64_t(1), partner}) {
       if (second != kNone) break;
@@ -173,39 +161,22 @@ TEST(DockReader, ChainAnomaliesAreReportedNotLoopedOn) {
    ASSERT_TRUE(r.attach());
    EXPECT_FALSE(r.lookup(probe).has_value());
 
-   const uint32_t savedNext = slots[second].next.load();
-   slots[second].next.store(head);  // a cycle
-   try {
-      r.lookup(probe);
-      FAIL() << "walked a cycle";
-   } catch (const Loom::CorruptionException& e) {
-      EXPECT_EQ(std::string(e.what()),
-                fmt::format("hash chain cycle detected, slotCount:{} capacity:{}", w.capacity() + 1,
-                            w.capacity()));
-   }
-   slots[second].next.store(savedNext);
-
-   const uint32_t flags = slots[second].flags.load();
-   slots[second].flags.store(flags & ~kOccupied);
-   try {
-      r.lookup(probe);
-      FAIL();
-   } catch (const Loom::CorruptionException& e) {
-      EXPECT_EQ(std::string(e.what()),
-                fmt::format("slot:{} not marked as occupied key:{}", second, probe));
-   }
-   slots[second].flags.store(flags);
-
+   // Each damage to the chain's second slot, undone after its lookup.
+   auto lookupWith = [&](std::atomic<uint32_t>& word, uint32_t value) {
+      const uint32_t saved = word.exchange(value);
+      const std::string text =
+          Testing::errorText<Loom::CorruptionException>([&] { r.lookup(probe); });
+      word.store(saved);
+      return text;
+   };
+   EXPECT_EQ(lookupWith(slots[second].next, head),  // a cycle
+             fmt::format("hash chain cycle detected, slotCount:{} capacity:{}", w.capacity() + 1,
+                         w.capacity()));
+   EXPECT_EQ(lookupWith(slots[second].flags, slots[second].flags.load() & ~kOccupied),
+             fmt::format("slot:{} not marked as occupied key:{}", second, probe));
    const uint32_t hash = slots[second].keyHash.load();
-   slots[second].keyHash.store(hash + 1);
-   try {
-      r.lookup(probe);
-      FAIL();
-   } catch (const Loom::CorruptionException& e) {
-      EXPECT_EQ(std::string(e.what()),
-                fmt::format("corrupt key detected. key:{} bucketIndex {}", probe, hash & mask));
-   }
-   slots[second].keyHash.store(hash);
+   EXPECT_EQ(lookupWith(slots[second].keyHash, hash + 1),
+             fmt::format("corrupt key detected. key:{} bucketIndex {}", probe, hash & mask));
    EXPECT_FALSE(r.lookup(probe).has_value());
 }
 

@@ -14,27 +14,22 @@
 #include "Spoor/Trace.h"
 #include "store/DockShadow.h"
 #include "store/DockWriter.h"
-#include "store/WriterTestValue.h"
+#include "store/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace Dock {
 namespace {
 
+using DockTest::contents;
 using DockTest::KeyOf;
+using DockTest::pump;
 using DockTest::Value;
 using Writer = DockWriter<uint64_t, Value, KeyOf>;
 using Shadow = DockShadow<uint64_t, Value, KeyOf>;
 using KeyShadow = DockShadow<uint64_t, Value, KeyOf, KeyShadowSlot>;
 
 DockConfig config(uint32_t heraldCapacity = 1024) {
-   DockConfig c;
-   c.typeName = "DockTest::Value";
-   c.valueSize = sizeof(Value);
-   c.minSlots = 16;
-   c.maxSlots = 1u << 14;
-   c.maxValueSize = DockTest::kMaxValueSize;
-   c.heraldCapacity = heraldCapacity;
-   return c;
+   return DockTest::tableConfig(16, 1u << 14, heraldCapacity);
 }
 
 // What a table would keep from the callbacks.
@@ -62,90 +57,93 @@ struct Seen {
    }
 };
 
-template <class Pred>
-bool pump(Loom::EventLoop& loop, Pred pred, int seconds = 10) {
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-   while (!pred()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      loop.runOnce(std::chrono::milliseconds(50));
+class DockShadowTest : public ::testing::Test {
+  protected:
+   // A writer of "t/<name>" holding keys 1..keys (version 1, `vias` vias), flushed if any.
+   std::unique_ptr<Writer> writer(const std::string& name, uint64_t keys, uint32_t vias = 1,
+                                  uint32_t heraldCapacity = 1024) {
+      auto w = std::make_unique<Writer>(config(heraldCapacity));
+      w->initialize("t/" + name);
+      for (uint64_t k = 1; k <= keys; ++k) w->write(Value(k, 1, vias));
+      if (keys > 0) w->flush();
+      return w;
    }
-   return true;
-}
-
-std::map<uint64_t, Value> contents(Writer& w) {
-   std::map<uint64_t, Value> out;
-   for (uint32_t s = w.firstSlot(); s != kNone;) {
-      const uint64_t k = w.keyAt(s);
-      out[k] = w.valueAt(s);
-      s = w.nextSlot(k, s, w.flagsOf(s));
+   // A shadow of the table in `dir` reporting to `seen`, synchronized and quiesced.
+   template <class S = Shadow>
+   std::unique_ptr<S> follow(const std::string& dir) {
+      auto r = std::make_unique<S>("r", dir, loop);
+      seen.attach(*r);
+      EXPECT_TRUE(r->initialize()) << r->attachError();
+      EXPECT_TRUE(settle(*r));
+      return r;
    }
-   return out;
-}
+   template <class S>
+   bool settle(S& r) {
+      return pump(loop, [&] { return r.quiesced(); });
+   }
+   // `r` has followed writer `w` through a restart and caught up with it.
+   bool followed(Shadow& r, Writer& w) {
+      return pump(loop, [&] { return r.relumeId() == w.relumeId() && r.quiesced(); });
+   }
 
-TEST(DockShadow, EmptyTableReachesSyncCompleteAtOnceAndReportsQuiesced) {
    Testing::TempRoot root;
-   Writer w(config());
-   w.initialize("t/empty");
    Loom::EventLoop loop;
-   Shadow r("empty", w.directory(), loop);
    Seen seen;
+};
+
+TEST_F(DockShadowTest, EmptyTableReachesSyncCompleteAtOnceAndReportsQuiesced) {
+   auto w = writer("empty", 0);
+   Shadow r("empty", w->directory(), loop);
    seen.attach(r);
    Spoor::Capture cap;
    ASSERT_EQ(r.state(), ReaderState::kDetached);
    ASSERT_TRUE(r.initialize()) << r.attachError();
    EXPECT_EQ(seen.syncComplete, 1);
    EXPECT_EQ(seen.quiesced, std::vector<bool>{true});
-   EXPECT_TRUE(r.quiesced());
    EXPECT_EQ(r.state(), ReaderState::kQuiesced);
    EXPECT_EQ(r.members(), 0u);
-   EXPECT_EQ(r.relumeId(), w.relumeId());
-   EXPECT_EQ(r.capacity(), w.capacity());
-   EXPECT_EQ(cap.count("DockShadow", fmt::format("Synchronization complete, seq:{}", r.sequence())),
-             1u);
-   // The sync-complete trace precedes the quiesced report.
-   const auto recs = cap.records();
-   size_t sync = recs.size(), quiet = recs.size();
-   for (size_t i = 0; i < recs.size(); ++i) {
-      if (recs[i].text.find("Synchronization complete") != std::string::npos) sync = i;
-      if (recs[i].text.find("empty quiesced:true") != std::string::npos) quiet = i;
-   }
-   EXPECT_LT(sync, quiet);
+   EXPECT_EQ(r.relumeId(), w->relumeId());
+   EXPECT_EQ(r.capacity(), w->capacity());
    EXPECT_EQ(seen.wholeTable, 0);
+   // Exactly one sync-complete trace, and it precedes the quiesced report.
+   const std::string sync = fmt::format("Synchronization complete, seq:{}", r.sequence());
+   EXPECT_EQ(cap.count("DockShadow", sync), 1u);
+   const auto recs = cap.records();
+   auto indexOf = [&](const std::string& text) {
+      for (size_t i = 0; i < recs.size(); ++i) {
+         if (recs[i].text.find(text) != std::string::npos) return i;
+      }
+      return recs.size();
+   };
+   EXPECT_LT(indexOf(sync), indexOf("empty quiesced:true"));
 }
 
-TEST(DockShadow, ReportsEachKeyAddedChangedAndRemoved) {
-   Testing::TempRoot root;
-   Writer w(config());
-   w.initialize("t/keys");
-   for (uint64_t k = 1; k <= 50; ++k) w.write(Value(k, 1, uint32_t(k % 7 + 1)));
-   w.flush();
-   Loom::EventLoop loop;
-   Shadow r("keys", w.directory(), loop);
-   Seen seen;
-   seen.attach(r);
-   ASSERT_TRUE(r.initialize()) << r.attachError();
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+TEST_F(DockShadowTest, ReportsEachKeyAddedChangedAndRemoved) {
+   auto w = writer("keys", 0);
+   for (uint64_t k = 1; k <= 50; ++k) w->write(Value(k, 1, uint32_t(k % 7 + 1)));
+   w->flush();
+   auto r = follow(w->directory());
    EXPECT_EQ(seen.values.size(), 50u);
-   EXPECT_EQ(seen.values, contents(w));
-   EXPECT_EQ(r.members(), 50u);
+   EXPECT_EQ(seen.values, contents(*w));
+   EXPECT_EQ(r->members(), 50u);
    seen.added.clear();
 
-   w.write(Value(7, 2, 600));  // change, the largest value
-   w.write(Value(7, 2, 600));  // same value again: the shadow sees no change
-   w.write(Value(100, 1, 1));  // add
-   w.remove(3);                // remove
-   w.flush();
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+   w->write(Value(7, 2, 600));  // change, the largest value
+   w->write(Value(7, 2, 600));  // same value again: the shadow sees no change
+   w->write(Value(100, 1, 1));  // add
+   w->remove(3);                // remove
+   w->flush();
+   ASSERT_TRUE(settle(*r));
    EXPECT_EQ(seen.added, (std::vector<uint64_t>{7, 100}));
    EXPECT_EQ(seen.removed, std::vector<uint64_t>{3});
-   EXPECT_EQ(seen.values, contents(w));
-   EXPECT_EQ(r.lookup(7), Value(7, 2, 600));
-   EXPECT_FALSE(r.lookup(3).has_value());
+   EXPECT_EQ(seen.values, contents(*w));
+   EXPECT_EQ(r->lookup(7), Value(7, 2, 600));
+   EXPECT_FALSE(r->lookup(3).has_value());
    // Iteration in slot order visits every key once.
    std::set<uint64_t> keys;
    IterHint hint;
    Value v;
-   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v))
+   for (bool ok = r->first(hint, v); ok; ok = r->next(hint, v))
       EXPECT_TRUE(keys.insert(v.key).second);
    EXPECT_EQ(keys.size(), 50u);
    // quiesced went false while the batch was applied, then true again.
@@ -153,183 +151,130 @@ TEST(DockShadow, ReportsEachKeyAddedChangedAndRemoved) {
    EXPECT_EQ(seen.quiesced.back(), true);
    EXPECT_EQ(seen.syncComplete, 1);
    std::string reason;
-   EXPECT_TRUE(r.validateAgainstHerald(reason)) << reason;
+   EXPECT_TRUE(r->validateAgainstHerald(reason)) << reason;
 }
 
-TEST(DockShadow, LongCatchUpYieldsToTheLoopAndHeadersDump) {
-   Testing::TempRoot root;
-   Writer w(config(1 << 14));
-   w.initialize("t/yield");
-   Loom::EventLoop loop;
-   Shadow r("yield", w.directory(), loop);
-   Seen seen;
-   seen.attach(r);
-   ASSERT_TRUE(r.initialize());
-   const auto anchor = r.getCacheVersionAnchor();
+TEST_F(DockShadowTest, LongCatchUpYieldsToTheLoopAndHeadersDump) {
+   auto w = writer("yield", 0, 1, 1 << 14);
+   auto r = follow(w->directory());
+   const auto anchor = r->getCacheVersionAnchor();
    EXPECT_TRUE(anchor.valid());
-   r.yieldTimeIs(1e-9);  // every check of the clock finds the turn over
-   for (uint64_t k = 1; k <= 3000; ++k) w.write(Value(k, 1, 1));
-   w.flush();
+   r->yieldTimeIs(1e-9);  // every check of the clock finds the turn over
+   for (uint64_t k = 1; k <= 3000; ++k) w->write(Value(k, 1, 1));
+   w->flush();
    // Another task posted meanwhile runs between the reader's turns.
    bool otherRan = false;
    loop.post([&] { otherRan = true; });
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+   ASSERT_TRUE(settle(*r));
    EXPECT_TRUE(otherRan);
-   EXPECT_GT(r.readerCounters().yields, 10u);
+   EXPECT_GT(r->readerCounters().yields, 10u);
    EXPECT_EQ(seen.values.size(), 3000u);
    // The slot file grew: the anchor follows the resize, the view stays valid.
-   EXPECT_TRUE(r.validateVersionAnchor());
-   EXPECT_NE(r.getCacheVersionAnchor(), anchor);
-   const std::string dump = r.dumpHeaders();
+   EXPECT_TRUE(r->validateVersionAnchor());
+   EXPECT_NE(r->getCacheVersionAnchor(), anchor);
+   const std::string dump = r->dumpHeaders();
    EXPECT_EQ(dump.rfind("magic:0x544f4c534b434f44 version:23 relume:", 0), 0u) << dump;
-   EXPECT_NE(dump.find(fmt::format("numSlots:{}", w.capacity())), std::string::npos);
+   EXPECT_NE(dump.find(fmt::format("numSlots:{}", w->capacity())), std::string::npos);
    EXPECT_NE(dump.find(fmt::format("herald capacity:16384 relume:{} writerPos:{} readerPos:{}",
-                                   w.relumeId(), w.sequence(), w.sequence())),
+                                   w->relumeId(), w->sequence(), w->sequence())),
              std::string::npos)
        << dump;
    // Callbacks off: the shadow still follows, the table hears nothing.
-   r.notifyingIs(false);
-   w.write(Value(1, 5, 5));
-   w.flush();
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+   r->notifyingIs(false);
+   w->write(Value(1, 5, 5));
+   w->flush();
+   ASSERT_TRUE(settle(*r));
    EXPECT_EQ(seen.values.at(1), Value(1, 1, 1));
-   EXPECT_EQ(r.lookup(1), Value(1, 5, 5));
+   EXPECT_EQ(r->lookup(1), Value(1, 5, 5));
 }
 
-TEST(DockShadow, KeyShadowAnnouncesEveryNotifiedWrite) {
-   Testing::TempRoot root;
-   Writer w(config());
-   w.initialize("t/keyonly");
-   w.write(Value(1, 1, 1));
-   w.flush();
-   Loom::EventLoop loop;
-   KeyShadow r("keyonly", w.directory(), loop);
-   Seen seen;
-   seen.attach(r);
-   ASSERT_TRUE(r.initialize());
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
-   w.write(Value(1, 1, 1));  // rewritten with equal bytes: a key shadow cannot tell
-   w.flush();
+TEST_F(DockShadowTest, KeyShadowAnnouncesEveryNotifiedWrite) {
+   auto w = writer("keyonly", 1);
+   auto r = follow<KeyShadow>(w->directory());
+   w->write(Value(1, 1, 1));  // rewritten with equal bytes: a key shadow cannot tell
+   w->flush();
    ASSERT_TRUE(pump(
-       loop, [&] { return r.sequence() == w.sequence() + (uint64_t(w.relumeId()) << 32) - 1; }));
+       loop, [&] { return r->sequence() == w->sequence() + (uint64_t(w->relumeId()) << 32) - 1; }));
    EXPECT_EQ(seen.added, (std::vector<uint64_t>{1, 1}));
 }
 
-TEST(DockShadow, ReaderResynchronizesAfterBeingLapped) {
-   Testing::TempRoot root;
-   Writer w(config(16));
-   w.initialize("t/lapped");
-   for (uint64_t k = 1; k <= 20; ++k) w.write(Value(k, 1, 2));
-   w.flush();
-   Loom::EventLoop loop;
-   Shadow r("lapped", w.directory(), loop);
-   Seen seen;
-   seen.attach(r);
-   ASSERT_TRUE(r.initialize());
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
-   seen.added.clear();
+TEST_F(DockShadowTest, ReaderResynchronizesAfterBeingLapped) {
+   auto w = writer("lapped", 20, 2, 16);
+   auto r = follow(w->directory());
    // 60 notifications into a ring of 16 while the reader does not run.
-   for (uint64_t k = 1; k <= 10; ++k) w.remove(k);
-   for (uint64_t k = 11; k <= 30; ++k) w.write(Value(k, 2, 3));
-   for (uint64_t k = 31; k <= 60; ++k) w.write(Value(k, 1, 1));
-   w.flush();
+   for (uint64_t k = 1; k <= 10; ++k) w->remove(k);
+   for (uint64_t k = 11; k <= 30; ++k) w->write(Value(k, 2, 3));
+   for (uint64_t k = 31; k <= 60; ++k) w->write(Value(k, 1, 1));
+   w->flush();
    Spoor::Capture cap;
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
-   EXPECT_EQ(r.readerCounters().lapped, 1u);
+   ASSERT_TRUE(settle(*r));
+   EXPECT_EQ(r->readerCounters().lapped, 1u);
    EXPECT_EQ(seen.wholeTable, 1);
    EXPECT_EQ(cap.count("DockShadow", "lapped at position:"), 1u);
-   EXPECT_EQ(seen.values, contents(w));
+   EXPECT_EQ(seen.values, contents(*w));
    std::set<uint64_t> removed(seen.removed.begin(), seen.removed.end());
    EXPECT_EQ(removed, (std::set<uint64_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
-   EXPECT_EQ(r.members(), 50u);
+   EXPECT_EQ(r->members(), 50u);
    EXPECT_EQ(seen.syncComplete, 1);  // once per reader, not per resynchronization
 }
 
-TEST(DockShadow, ReaderFollowsWriterRestartWithoutLosingKeys) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
-   Seen seen;
-   std::unique_ptr<Shadow> r;
-   std::string dir;
-   uint32_t firstRelume = 0;
-   {
-      Writer w(config());
-      w.initialize("t/restart");
-      dir = w.directory();
-      firstRelume = w.relumeId();
-      for (uint64_t k = 1; k <= 40; ++k) w.write(Value(k, 1, 2));
-      w.flush();
-      r = std::make_unique<Shadow>("restart", dir, loop);
-      seen.attach(*r);
-      ASSERT_TRUE(r->initialize());
-      ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
-   }
+TEST_F(DockShadowTest, ReaderFollowsWriterRestartWithoutLosingKeys) {
+   auto w = writer("restart", 40, 2);
+   auto r = follow(w->directory());
+   const uint32_t firstRelume = w->relumeId();
+   w.reset();
    Writer again(config());
    again.initialize("t/restart");
    ASSERT_NE(again.relumeId(), firstRelume);
    again.remove(5);
    again.write(Value(41, 1, 1));
    again.flush();
-   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == again.relumeId() && r->quiesced(); }));
+   ASSERT_TRUE(followed(*r, again));
    EXPECT_GE(r->readerCounters().reattaches, 1u);
    EXPECT_EQ(seen.values, contents(again));
    EXPECT_EQ(seen.removed, std::vector<uint64_t>{5});  // only the key really removed
    EXPECT_GE(seen.wholeTable, 1);
 }
 
-// A shadow `r` quiesced on a 30-key table "t/<name>" whose slot file is then damaged, so that
-// the next writer of the table must re-format it. `seed` is the first writer's hash seed.
-void shadowATableToReformat(const std::string& name, Loom::EventLoop& loop, Seen& seen,
-                            std::unique_ptr<Shadow>& r, uint32_t& seed) {
-   Writer w(config());
-   w.initialize("t/" + name);
-   for (uint64_t k = 1; k <= 30; ++k) w.write(Value(k, 1, 1));
-   w.flush();
-   seed = w.table().header()->hashSeed;
-   r = std::make_unique<Shadow>(name, w.directory(), loop);
-   seen.attach(*r);
-   ASSERT_TRUE(r->initialize());
-   ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
-   Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
-   f.data()[20] ^= 0xFF;
-}
-
-TEST(DockShadow, ReaderFollowsAReformattedTable) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
-   Seen seen;
-   std::unique_ptr<Shadow> r;
-   uint32_t seed = 0;
-   ASSERT_NO_FATAL_FAILURE(shadowATableToReformat("reformat", loop, seen, r, seed));
+// A re-formatted table chooses a new hash seed. Keys rewritten into the slot they had are kept
+// across the re-attach and must be found under the new seed; a key that lands in another slot is
+// moved, not removed; every key not written again is reported removed, once.
+TEST_F(DockShadowTest, ReaderFollowsAReformattedTable) {
+   auto w = writer("reformat", 30);
+   auto r = follow(w->directory());
+   const uint32_t firstSeed = w->table().header()->hashSeed;
+   const std::string dir = w->directory();
+   w.reset();
+   {
+      Region::MappedFile f = Region::MappedFile::openReadWrite(dir + "/slots");
+      f.data()[20] ^= 0xFF;  // the checksummed type name: the next writer must re-format
+   }
    Writer again(config());
    again.initialize("t/reformat");
-   again.write(Value(5, 2, 2));
-   again.write(Value(99, 1, 1));
+   ASSERT_EQ(again.mountStatus(), MountStatus::kReformatted);
+   ASSERT_NE(again.table().header()->hashSeed, firstSeed);
+   // Keys 1..3 take slots 0..2 again; key 20 moves from slot 19 to 3; key 99 is new.
+   for (uint64_t k : {1, 2, 3, 20, 99}) again.write(Value(k, k == 20 ? 2 : 1, 1));
    again.flush();
-   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == again.relumeId() && r->quiesced(); }));
+   ASSERT_TRUE(followed(*r, again));
    EXPECT_EQ(seen.values, contents(again));
-   EXPECT_EQ(seen.removed.size(), 29u);  // every old key but 5, which the new table holds again
-   EXPECT_EQ(r->members(), 2u);
-   EXPECT_EQ(r->lookup(5), Value(5, 2, 2));
+   std::set<uint64_t> gone;
+   for (uint64_t k = 4; k <= 30; ++k) {
+      if (k != 20) gone.insert(k);
+   }
+   EXPECT_EQ(std::set<uint64_t>(seen.removed.begin(), seen.removed.end()), gone);
+   EXPECT_EQ(seen.removed.size(), gone.size());
+   EXPECT_EQ(r->members(), 5u);
+   for (uint64_t k : {1, 2, 3, 20, 99}) EXPECT_EQ(r->lookup(k), *again.lookup(k)) << k;
 }
 
 // A resynchronization takes a key out of the shadow before it knows whether the key is gone or
 // only moved. Here the writer restarts while the reader's resynchronization is half done (cut after
 // its first turn of slots, with removed keys among them): the next resynchronization must still
 // report those keys removed, exactly once.
-TEST(DockShadow, RemovalsFoundByAnInterruptedResyncAreReportedAfterTheNextRestart) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
-   Seen seen;
-   std::unique_ptr<Shadow> r;
-   auto w = std::make_unique<Writer>(config());
-   w->initialize("t/cut");
-   for (uint64_t k = 1; k <= 1000; ++k) w->write(Value(k, 1, 1));
-   w->flush();
-   r = std::make_unique<Shadow>("cut", w->directory(), loop);
-   seen.attach(*r);
-   ASSERT_TRUE(r->initialize());
-   ASSERT_TRUE(pump(loop, [&] { return r->quiesced(); }));
+TEST_F(DockShadowTest, RemovalsFoundByAnInterruptedResyncAreReportedAfterTheNextRestart) {
+   auto w = writer("cut", 1000);
+   auto r = follow(w->directory());
    // Keys removed from the first 100 slots, which the first turn of a resync compares.
    std::set<uint64_t> gone;
    for (uint64_t k = 1; k <= 1000; ++k) {
@@ -351,141 +296,96 @@ TEST(DockShadow, RemovalsFoundByAnInterruptedResyncAreReportedAfterTheNextRestar
    w->initialize("t/cut");
    w->write(Value(1001, 1, 1));
    w->flush();
-   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == w->relumeId() && r->quiesced(); }));
+   ASSERT_TRUE(followed(*r, *w));
    EXPECT_GE(r->readerCounters().reattaches, 2u);
    EXPECT_EQ(seen.values, contents(*w));
    EXPECT_EQ(std::set<uint64_t>(seen.removed.begin(), seen.removed.end()), gone);
    EXPECT_EQ(seen.removed.size(), gone.size());
 }
 
-// A re-formatted table chooses a new hash seed: keys the shadow keeps across the re-attach (same
-// key in the same slot) are found by lookup under the new seed.
-TEST(DockShadow, KeysKeptAcrossAReformatAreFoundUnderTheNewSeed) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
-   Seen seen;
-   std::unique_ptr<Shadow> r;
-   uint32_t firstSeed = 0;
-   ASSERT_NO_FATAL_FAILURE(shadowATableToReformat("seed", loop, seen, r, firstSeed));
-   Writer again(config());
-   again.initialize("t/seed");
-   ASSERT_EQ(again.mountStatus(), MountStatus::kReformatted);
-   ASSERT_NE(again.table().header()->hashSeed, firstSeed);
-   // The same keys in the same order: each lands in the slot it had before.
-   for (uint64_t k = 1; k <= 30; ++k) again.write(Value(k, 1, 1));
-   again.flush();
-   ASSERT_TRUE(pump(loop, [&] { return r->relumeId() == again.relumeId() && r->quiesced(); }));
-   EXPECT_TRUE(seen.removed.empty());
-   EXPECT_EQ(seen.values, contents(again));
-   for (uint64_t k = 1; k <= 30; ++k) EXPECT_EQ(r->lookup(k), Value(k, 1, 1)) << k;
-}
-
-TEST(DockShadow, ShrinkMovesKeysWithoutReportingThemRemoved) {
-   Testing::TempRoot root;
-   Writer w(config());
-   w.initialize("t/shrink");
-   for (uint64_t k = 1; k <= 300; ++k) w.write(Value(k, 1, 1));
-   w.flush();
-   Loom::EventLoop loop;
-   Shadow r("shrink", w.directory(), loop);
-   Seen seen;
-   seen.attach(r);
-   ASSERT_TRUE(r.initialize());
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
-   for (uint64_t k = 1; k <= 290; ++k) w.remove(k);
-   w.flush();
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+TEST_F(DockShadowTest, ShrinkMovesKeysWithoutReportingThemRemoved) {
+   auto w = writer("shrink", 300);
+   auto r = follow(w->directory());
+   for (uint64_t k = 1; k <= 290; ++k) w->remove(k);
+   w->flush();
+   ASSERT_TRUE(settle(*r));
    seen.removed.clear();
-   const uint32_t before = w.capacity();
-   w.shrink();
-   w.flush();
-   ASSERT_LT(w.capacity(), before);
-   ASSERT_TRUE(pump(loop, [&] { return r.quiesced(); }));
+   const uint32_t before = w->capacity();
+   w->shrink();
+   w->flush();
+   ASSERT_LT(w->capacity(), before);
+   ASSERT_TRUE(settle(*r));
    EXPECT_TRUE(seen.removed.empty());
-   EXPECT_EQ(seen.values, contents(w));
-   EXPECT_EQ(r.members(), 10u);
-   for (uint64_t k = 291; k <= 300; ++k) EXPECT_EQ(r.lookup(k), Value(k, 1, 1));
+   EXPECT_EQ(seen.values, contents(*w));
+   EXPECT_EQ(r->members(), 10u);
+   for (uint64_t k = 291; k <= 300; ++k) EXPECT_EQ(r->lookup(k), Value(k, 1, 1));
 }
 
-TEST(DockShadow, AttachFailureNamesFileSizeAndReason) {
-   Testing::TempRoot root;
-   Loom::EventLoop loop;
+TEST_F(DockShadowTest, AttachFailureNamesFileSizeAndReason) {
    Shadow r("missing", root.path() + "/nothing", loop);
    EXPECT_FALSE(r.initialize());
    EXPECT_EQ(r.attachError(),
              fmt::format("missing::attach() cannot attach to shmem {}/nothing/slots "
                          "size:0: no relume",
                          root.path()));
-   Writer w(config());
-   w.initialize("t/bad");
-   // Damage the slot table header's checksummed type name.
+   auto w = writer("bad", 0);
    {
-      Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
-      f.data()[20] ^= 0xFF;
+      Region::MappedFile f = Region::MappedFile::openReadWrite(w->directory() + "/slots");
+      f.data()[20] ^= 0xFF;  // the slot table header's checksummed type name
    }
-   Shadow bad("bad", w.directory(), loop);
+   Shadow bad("bad", w->directory(), loop);
    EXPECT_FALSE(bad.initialize());
-   EXPECT_NE(bad.attachError().find("bad::attach() cannot attach to shmem " + w.directory() +
-                                    "/slots size:"),
-             std::string::npos);
-   EXPECT_NE(bad.attachError().find(": checksum fail: "), std::string::npos);
+   EXPECT_EQ(bad.attachError().rfind(fmt::format("bad::attach() cannot attach to shmem {}/slots "
+                                                 "size:{}: checksum fail: ",
+                                                 w->directory(), SlotTable::fileSizeFor(16)),
+                                     0),
+             0u)
+       << bad.attachError();
    EXPECT_EQ(bad.state(), ReaderState::kDetached);
 }
 
-TEST(DockShadow, ValidationAgainstTheQueueFindsAForeignNotification) {
-   Testing::TempRoot root;
-   Writer w(config());
-   w.initialize("t/validate");
-   for (uint64_t k = 1; k <= 5; ++k) w.write(Value(k, 1, 1));
-   w.flush();
-   Loom::EventLoop loop;
-   Shadow r("validate", w.directory(), loop);
+TEST_F(DockShadowTest, ValidationAgainstTheQueueFindsAForeignNotification) {
+   auto w = writer("validate", 5);
+   Shadow r("validate", w->directory(), loop);
    ASSERT_TRUE(r.initialize());
    std::string reason;
    ASSERT_TRUE(r.validateAgainstHerald(reason)) << reason;
-   const uint32_t slot = w.slotOf(3);
-   // Point the latest notification of slot `slot` at another slot.
-   Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/herald");
+   // Point the latest notification of key 3's slot at another slot.
+   const uint32_t slot = w->slotOf(3);
+   const uint32_t pos = w->table().slot(slot).heraldPos.load();
+   Region::MappedFile f = Region::MappedFile::openReadWrite(w->directory() + "/herald");
    auto* ring = reinterpret_cast<Notification*>(f.data() + kHeraldHeaderSize);
-   const auto* slots = SlotTable::slots(reinterpret_cast<const SlotTableHeader*>(
-       Region::MappedFile::openReadOnly(w.directory() + "/slots").data()));
-   (void)slots;
-   Region::MappedFile sf = Region::MappedFile::openReadOnly(w.directory() + "/slots");
-   const uint32_t pos =
-       SlotTable::slots(reinterpret_cast<const SlotTableHeader*>(sf.data()))[slot].heraldPos.load();
    const uint32_t cap = reinterpret_cast<const HeraldHeader*>(f.data())->capacity;
    ring[pos % cap].slot.store(slot + 1000);
    EXPECT_FALSE(r.validateAgainstHerald(reason));
    EXPECT_EQ(reason,
              fmt::format("slot index:{} has out of range herald slot: {}", pos, slot + 1000));
-   ring[pos % cap].slot.store(w.slotOf(4));
+   ring[pos % cap].slot.store(w->slotOf(4));
    EXPECT_FALSE(r.validateAgainstHerald(reason));
-   EXPECT_EQ(reason, fmt::format("slot:{} bad notification:{} slot:{}", slot, pos, w.slotOf(4)));
+   EXPECT_EQ(reason, fmt::format("slot:{} bad notification:{} slot:{}", slot, pos, w->slotOf(4)));
 }
 
-TEST(DockShadow, ForkedReadersAreWokenWithoutPolling) {
-   Testing::TempRoot root;
-   Writer w(config(256));
-   w.initialize("t/fork");
-   const std::string dir = w.directory();
+TEST_F(DockShadowTest, ForkedReadersAreWokenWithoutPolling) {
+   auto w = writer("fork", 0, 1, 256);
+   const std::string dir = w->directory();
    constexpr uint64_t kKeys = 400;
    int ready[2];
    ASSERT_EQ(::pipe(ready), 0);
    auto body = [&] {
-      Loom::EventLoop loop;
-      Shadow r("child", dir, loop);
-      Seen seen;
-      seen.attach(r);
+      Loom::EventLoop childLoop;
+      Shadow r("child", dir, childLoop);
+      Seen mine;
+      mine.attach(r);
       if (!r.initialize()) return 2;
       char c = 'r';
       if (::write(ready[1], &c, 1) != 1) return 3;
       // The loop sleeps in epoll with no timers: only the herald's eventfd wakes it.
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-      while (!(seen.values.size() == kKeys && seen.values.at(kKeys).version == 9)) {
+      while (!(mine.values.size() == kKeys && mine.values.at(kKeys).version == 9)) {
          if (std::chrono::steady_clock::now() > deadline) return 4;
-         loop.runOnce(std::chrono::seconds(30));
+         childLoop.runOnce(std::chrono::seconds(30));
       }
-      for (const auto& [k, v] : seen.values) {
+      for (const auto& [k, v] : mine.values) {
          if (r.lookup(k) != v) return 5;
       }
       return r.readerCounters().wakes > 0 ? 0 : 6;
@@ -496,55 +396,49 @@ TEST(DockShadow, ForkedReadersAreWokenWithoutPolling) {
    ASSERT_EQ(::read(ready[0], &c, 1), 1);
    ASSERT_EQ(::read(ready[0], &c, 1), 1);
    for (uint64_t k = 1; k <= kKeys; ++k) {
-      w.write(Value(k, 1, uint32_t(k % 11 + 1)));
-      if (k % 50 == 0) w.flush();
+      w->write(Value(k, 1, uint32_t(k % 11 + 1)));
+      if (k % 50 == 0) w->flush();
    }
-   w.write(Value(kKeys, 9, 3));
-   w.flush();
+   w->write(Value(kKeys, 9, 3));
+   w->flush();
    EXPECT_EQ(Testing::waitChild(a), 0);
    EXPECT_EQ(Testing::waitChild(b), 0);
    ::close(ready[0]);
    ::close(ready[1]);
 }
 
-TEST(DockShadow, ReaderThreadFollowsWriterThread) {
-   // Writer and reader as threads of one process: every shared access is an atomic, so this runs
-   // clean under ThreadSanitizer; the final shadow must equal the writer's table.
-   Testing::TempRoot root;
-   Writer w(config(64));
-   w.initialize("t/threads");
-   const std::string dir = w.directory();
+// Writer and reader as threads of one process: every shared access is an atomic, so this runs
+// clean under ThreadSanitizer; the final shadow must equal the writer's table.
+TEST_F(DockShadowTest, ReaderThreadFollowsWriterThread) {
+   auto w = writer("threads", 0, 1, 64);
+   const std::string dir = w->directory();
    std::atomic<bool> done{false};
-   std::map<uint64_t, Value> final;
    std::map<uint64_t, Value> seenValues;
-   uint64_t lapped = 0;
    std::thread reader([&] {
-      Loom::EventLoop loop;
-      Shadow r("thread", dir, loop);
-      Seen seen;
-      seen.attach(r);
+      Loom::EventLoop threadLoop;
+      Shadow r("thread", dir, threadLoop);
+      Seen mine;
+      mine.attach(r);
       ASSERT_TRUE(r.initialize());
-      while (!done.load()) loop.runOnce(std::chrono::milliseconds(20));
-      pump(loop, [&] { return r.quiesced(); });
-      seenValues = seen.values;
-      lapped = r.readerCounters().lapped;
+      while (!done.load()) threadLoop.runOnce(std::chrono::milliseconds(20));
+      pump(threadLoop, [&] { return r.quiesced(); });
+      seenValues = mine.values;
    });
    std::mt19937 rng(3);
    for (int i = 0; i < 3000; ++i) {
       const uint64_t k = rng() % 200;
       if (rng() % 4 == 0) {
-         w.remove(k);
+         w->remove(k);
       } else {
-         w.write(Value(k, uint32_t(i), uint32_t(rng() % 40 + 1)));
+         w->write(Value(k, uint32_t(i), uint32_t(rng() % 40 + 1)));
       }
-      if (i % 16 == 0) w.flush();
+      if (i % 16 == 0) w->flush();
    }
-   w.flush();
-   final = contents(w);
+   w->flush();
+   const auto final = contents(*w);
    done.store(true);
    reader.join();
    EXPECT_EQ(seenValues, final);
-   (void)lapped;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "store/Herald.h"
 #include "store/HeraldReader.h"
 #include "store/HeraldWriter.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace Dock {
@@ -22,15 +23,24 @@ bool waitReadable(int fd, int ms) {
    return ::poll(&p, 1, ms) == 1;
 }
 
-TEST(Herald, ReaderFollowsTheWriterAcrossTheWrapAndSwapsTables) {
+class HeraldTest : public ::testing::Test {
+  protected:
+   // A ring of `capacity` notifications stamped `relume`, and reader `r` attached to it.
+   void open(uint32_t relume, uint32_t capacity) {
+      w.create(root.path(), relume, capacity);
+      ASSERT_TRUE(r.attach(root.path(), relume, reason)) << reason;
+   }
+
    Testing::TempRoot root;
    HeraldWriter w;
-   w.create(root.path(), 77, 8);
    HeraldReader r;
    std::string reason;
-   ASSERT_TRUE(r.attach(root.path(), 77, reason)) << reason;
-   EXPECT_EQ(r.position(), 0u);
    HeraldReader::Entry e;
+};
+
+TEST_F(HeraldTest, ReaderFollowsTheWriterAcrossTheWrapAndSwapsTables) {
+   ASSERT_NO_FATAL_FAILURE(open(77, 8));
+   EXPECT_EQ(r.position(), 0u);
    EXPECT_EQ(r.next(e), HeraldReader::Next::kEmpty);
    Spoor::Capture cap;
    // 20 notifications read in steps of 3: crosses the halves five times, wraps twice.
@@ -52,14 +62,8 @@ TEST(Herald, ReaderFollowsTheWriterAcrossTheWrapAndSwapsTables) {
    EXPECT_EQ(r.current(), 1u);  // position 21 is index 5: upper half
 }
 
-TEST(Herald, LappedReaderIsToldAndResumesAtTheWriter) {
-   Testing::TempRoot root;
-   HeraldWriter w;
-   w.create(root.path(), 5, 8);
-   HeraldReader r;
-   std::string reason;
-   ASSERT_TRUE(r.attach(root.path(), 5, reason)) << reason;
-   HeraldReader::Entry e;
+TEST_F(HeraldTest, LappedReaderIsToldAndResumesAtTheWriter) {
+   ASSERT_NO_FATAL_FAILURE(open(5, 8));
    w.post(1);
    ASSERT_EQ(r.next(e), HeraldReader::Next::kEntry);
    // Exactly a capacity ahead is still readable...
@@ -83,51 +87,27 @@ TEST(Herald, LappedReaderIsToldAndResumesAtTheWriter) {
    EXPECT_TRUE(r.quiesced(e.seq));
 }
 
-TEST(Herald, EntryOverwrittenWhileReadIsNotTrusted) {
-   // A reader checks the entry's sequence around its copy: an overwritten entry is reported as
-   // lapped even when the writer position alone would not tell (the overwrite raced the read).
-   Testing::TempRoot root;
-   HeraldWriter w;
-   w.create(root.path(), 9, 4);
-   HeraldReader r;
-   std::string reason;
-   ASSERT_TRUE(r.attach(root.path(), 9, reason));
+// A reader checks the entry's sequence around its copy: an overwritten entry is reported as lapped
+// even when the writer position alone would not tell (the overwrite raced the read).
+TEST_F(HeraldTest, EntryOverwrittenWhileReadIsNotTrustedAndTablesCheckTheirIndex) {
+   ASSERT_NO_FATAL_FAILURE(open(9, 4));
    for (uint32_t i = 0; i < 4; ++i) w.post(i);
-   HeraldReader::Entry e;
    ASSERT_TRUE(r.entryAt(0, e));
    w.post(99);  // overwrites position 0
    EXPECT_FALSE(r.entryAt(0, e));
    ASSERT_TRUE(r.entryAt(4, e));
    EXPECT_EQ(e.slot, 99u);
+   // Each table is half the ring.
+   EXPECT_EQ(r.table(0).size(), 2u);
+   EXPECT_NO_THROW(r.table(1).at(1));
+   EXPECT_EQ(Testing::errorText<Vela::Exception>([&] { r.table(1).at(2); }),
+             "out-of-range index:2 max:2");
 }
 
-TEST(Herald, TablesRejectOutOfRangeIndex) {
-   Testing::TempRoot root;
-   HeraldWriter w;
-   w.create(root.path(), 1, 16);
-   HeraldReader r;
-   std::string reason;
-   ASSERT_TRUE(r.attach(root.path(), 1, reason));
-   EXPECT_EQ(r.table(0).size(), 8u);
-   EXPECT_NO_THROW(r.table(1).at(7));
-   try {
-      r.table(1).at(8);
-      FAIL();
-   } catch (const Vela::Exception& ex) {
-      EXPECT_STREQ(ex.what(), "out-of-range index:8 max:8");
-   }
-}
-
-TEST(Herald, QuiescedNeedsTheLatestNotificationInTheRing) {
-   Testing::TempRoot root;
-   HeraldWriter w;
-   w.create(root.path(), 3, 4);
-   HeraldReader r;
-   std::string reason;
-   ASSERT_TRUE(r.attach(root.path(), 3, reason));
+TEST_F(HeraldTest, QuiescedNeedsTheLatestNotificationInTheRing) {
+   ASSERT_NO_FATAL_FAILURE(open(3, 4));
    EXPECT_TRUE(r.quiesced(0));  // nothing ever posted
    w.post(1);
-   HeraldReader::Entry e;
    ASSERT_EQ(r.next(e), HeraldReader::Next::kEntry);
    // Corrupt the latest entry's sequence behind the reader's back (as a lapping writer would).
    Region::MappedFile raw = Region::MappedFile::openReadWrite(Herald::path(root.path()));

@@ -9,6 +9,7 @@
 #include "Spoor/Trace.h"
 #include "Vela/Exception.h"
 #include "store/ShadowHashMap.h"
+#include "testing/Expect.h"
 
 namespace Dock {
 namespace {
@@ -43,17 +44,12 @@ TEST(ShadowHashMap, GrowingFromOneToTwoBucketsMovesExactlyTheTopBitEntriesInOrde
 
    ShadowHashMap big("grow2", 1);
    std::deque<ShadowRecord> recs2(6);
-   for (uint32_t i = 0; i < 6; ++i) {
-      recs2[i].hash = hashes[i];
-      recs2[i].secondary = i;
-   }
+   for (uint32_t i = 0; i < 6; ++i) recs2[i] = ShadowRecord{.hash = hashes[i], .secondary = i};
    // Three records fit one bucket (3 > 1 << 1 triggers growth at the third).
    Spoor::Capture cap;
    big.write(0, recs2[0]);
    big.write(1, recs2[1]);
    EXPECT_EQ(big.buckets(), 1u);
-   std::vector<uint32_t> orderBefore;
-   for (auto* r : chain(big, 0)) orderBefore.push_back(r->hash);
    big.write(2, recs2[2]);
    ASSERT_EQ(big.buckets(), 2u);
    EXPECT_EQ(cap.count("ShadowHashMap", "grow2 buckets growing from:1 to:2"), 1u);
@@ -144,12 +140,8 @@ TEST(ShadowHashMap, FailedEnlargementNamesMapAndCounts) {
    ShadowHashMap m("tiny", 2);
    m.grow();
    m.grow();
-   try {
-      m.grow();
-      FAIL() << "grew past its limit";
-   } catch (const Vela::Exception& e) {
-      EXPECT_STREQ(e.what(), "failed to resize tiny from 4 to 8 buckets : more than 4 buckets");
-   }
+   EXPECT_EQ(Testing::errorText<Vela::Exception>([&] { m.grow(); }),
+             "failed to resize tiny from 4 to 8 buckets : more than 4 buckets");
    EXPECT_EQ(m.buckets(), 4u);
 }
 

@@ -16,6 +16,7 @@
 #include "store/LinearSizeConfig.h"
 #include "store/Slab.h"
 #include "store/SlabWriter.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -25,34 +26,21 @@ using Tessel::LinearSizeConfig;
 using Tessel::SlabHeader;
 using Tessel::SlabWriter;
 
-std::string messageOf(const std::function<void()>& f) {
-   try {
-      f();
-   } catch (const std::exception& e) {
-      return e.what();
+using Testing::errorText;
+
+TEST(LinearSizeConfig, ClassBoundariesOfTheTwoTableSizes) {
+   struct Case {
+      uint32_t m, width, classesInUse;
+      std::vector<std::pair<uint32_t, uint32_t>> sizeAndClass;
+   };
+   for (const Case& c : {Case{704, 23, 31, {{1, 0}, {23, 0}, {24, 1}, {46, 1}, {47, 2}, {704, 30}}},
+                         Case{46168, 1443, 32, {{1443, 0}, {1444, 1}, {46168, 31}}}}) {
+      SCOPED_TRACE(c.m);
+      LinearSizeConfig l(c.m);
+      EXPECT_EQ(l.width(), c.width);
+      EXPECT_EQ(l.classesInUse(), c.classesInUse);
+      for (auto [size, k] : c.sizeAndClass) EXPECT_EQ(l.classOf(size), k) << size;
    }
-   return "<no exception>";
-}
-
-TEST(LinearSizeConfig, ClassesOfM704) {
-   LinearSizeConfig c(704);
-   EXPECT_EQ(c.width(), 23u);
-   EXPECT_EQ(c.classOf(1), 0u);
-   EXPECT_EQ(c.classOf(23), 0u);
-   EXPECT_EQ(c.classOf(24), 1u);
-   EXPECT_EQ(c.classOf(46), 1u);
-   EXPECT_EQ(c.classOf(47), 2u);
-   EXPECT_EQ(c.classOf(704), 30u);
-   EXPECT_EQ(c.classesInUse(), 31u);
-}
-
-TEST(LinearSizeConfig, ClassesOfM46168) {
-   LinearSizeConfig c(46168);
-   EXPECT_EQ(c.width(), 1443u);
-   EXPECT_EQ(c.classOf(1443), 0u);
-   EXPECT_EQ(c.classOf(1444), 1u);
-   EXPECT_EQ(c.classOf(46168), 31u);
-   EXPECT_EQ(c.classesInUse(), 32u);
 }
 
 TEST(LinearSizeConfig, EveryClassHoldsItsWholeRange) {
@@ -248,82 +236,73 @@ TEST_F(SlabWriterTest, GrowthStepsAreBounded) {
    EXPECT_EQ(Tessel::growthStep(100, 1 << 24), Tessel::initialEntries(1 << 24));
 }
 
-TEST_F(SlabWriterTest, LookupFailuresNameTheSlab) {
+TEST_F(SlabWriterTest, LookupFailuresAndMisuseNameTheSlab) {
    SlabWriter w(path(), kEntry, 3);
    w.create();
    const uint32_t n = w.numEntries();
    uint32_t a = w.alloc();
-   EXPECT_EQ(messageOf([&] { w.getEntry(n); }),
+   EXPECT_EQ(errorText([&] { w.getEntry(n); }),
              fmt::format("slab.00::getEntry() index: {} is beyond farthest possible index: {}", n,
                          n - 1));
-   EXPECT_EQ(messageOf([&] { w.lookup(a + 1); }),
+   EXPECT_EQ(errorText([&] { w.lookup(a + 1); }),
              fmt::format("slab.00::lookup() entry at index: {} is marked unoccupied", a + 1));
    occupy(w, a, int32_t(w.maxPayload()) + 1);
-   EXPECT_EQ(messageOf([&] { w.lookup(a); }),
+   EXPECT_EQ(errorText([&] { w.lookup(a); }),
              fmt::format("slab.00::lookup() encountered payloadSize: {}, but max payloadSize:{} at "
                          "index: {}",
                          w.maxPayload() + 1, w.maxPayload(), a));
    occupy(w, a, int32_t(w.maxPayload()));
    EXPECT_NO_THROW(w.lookup(a));
    EXPECT_THROW(w.lookup(n + 100), Loom::CorruptionException);
-}
-
-TEST_F(SlabWriterTest, AddFreeEntriesRefusesANonEmptyList) {
-   SlabWriter w(path(), kEntry, 3);
-   w.create();
-   EXPECT_EQ(messageOf([&] { w.addFreeEntries(0, 1); }),
+   EXPECT_EQ(errorText([&] { w.addFreeEntries(0, 1); }),
              "slab.00::addFreeEntries() free-list isn't empty");
 }
 
+// Each case damages a fresh slab whose free list is 2, 6, 7, ... and returns the walk's finding.
 TEST_F(SlabWriterTest, ValidationWalkFindsEachDamage) {
-   auto fresh = [&] {
-      auto w = std::make_unique<SlabWriter>(path(), kEntry, 3);
-      w->create();
-      for (int i = 0; i < 6; ++i) w->alloc();
-      w->free(2);  // free list: 2, 6, 7, ...
-      return w;
+   const std::vector<std::function<std::string(SlabWriter&)>> cases = {
+       [&](SlabWriter& w) {
+          occupy(w, 6, 10);  // on the free list, but claims a payload
+          return std::string("slab.00::validate() found occupied entry with index: 6 on free-list");
+       },
+       [&](SlabWriter& w) {
+          occupy(w, 4, int32_t(w.maxPayload()) + 1);
+          return fmt::format(
+              "slab.00::validate() found occupied entry with payloadSize:{}, but max "
+              "payloadSize:{}",
+              w.maxPayload() + 1, w.maxPayload());
+       },
+       [](SlabWriter& w) {
+          w.header()->numOccupied.store(4);
+          return std::string(
+              "slab.00::validate() found 5 occupied entries, but header's numOccupied: 4");
+       },
+       [](SlabWriter& w) {
+          // Entry 2 leaks: dropped from the free list while still free.
+          w.header()->freeList.store(w.getEntry(2)->clientData.load());
+          return fmt::format(
+              "slab.00::validate() found {} entries on free-list and 5 occupied "
+              "entries, but header's numEntries: {}",
+              w.numEntries() - 6, w.numEntries());
+       },
+       [](SlabWriter& w) {
+          w.getEntry(w.numEntries() - 1)->clientData.store(2);  // the list loops back to its head
+          return std::string("slab.00::validate() free-list visits index: 2 twice");
+       },
+       [](SlabWriter& w) {
+          w.header()->relume = 4;
+          return std::string("bad relume:4 wanted:3");
+       },
    };
-   {
-      auto w = fresh();
-      EXPECT_NO_THROW(w->validate());
-      occupy(*w, 6, 10);  // on the free list, but claims a payload
-      EXPECT_EQ(messageOf([&] { w->validate(); }),
-                "slab.00::validate() found occupied entry with index: 6 on free-list");
-   }
-   {
-      auto w = fresh();
-      occupy(*w, 4, int32_t(w->maxPayload()) + 1);
-      EXPECT_EQ(messageOf([&] { w->validate(); }),
-                fmt::format("slab.00::validate() found occupied entry with payloadSize:{}, but max "
-                            "payloadSize:{}",
-                            w->maxPayload() + 1, w->maxPayload()));
-   }
-   {
-      auto w = fresh();
-      w->header()->numOccupied.store(4);
-      EXPECT_EQ(messageOf([&] { w->validate(); }),
-                "slab.00::validate() found 5 occupied entries, but header's numOccupied: 4");
-   }
-   {
-      auto w = fresh();
-      // Entry 2 leaks: dropped from the free list while still free.
-      w->header()->freeList.store(w->getEntry(2)->clientData.load());
-      const uint32_t n = w->numEntries();
-      EXPECT_EQ(messageOf([&] { w->validate(); }),
-                fmt::format("slab.00::validate() found {} entries on free-list and 5 occupied "
-                            "entries, but header's numEntries: {}",
-                            n - 6, n));
-   }
-   {
-      auto w = fresh();
-      w->getEntry(w->numEntries() - 1)->clientData.store(2);  // the list loops back to its head
-      EXPECT_EQ(messageOf([&] { w->validate(); }),
-                "slab.00::validate() free-list visits index: 2 twice");
-   }
-   {
-      auto w = fresh();
-      w->header()->relume = 4;
-      EXPECT_EQ(messageOf([&] { w->validate(); }), "bad relume:4 wanted:3");
+   for (size_t k = 0; k < cases.size(); ++k) {
+      SCOPED_TRACE(k);
+      SlabWriter w(path(), kEntry, 3);
+      w.create();
+      for (int i = 0; i < 6; ++i) w.alloc();
+      w.free(2);
+      EXPECT_NO_THROW(w.validate());
+      const std::string want = cases[k](w);
+      EXPECT_EQ(errorText([&] { w.validate(); }), want);
    }
 }
 
@@ -342,7 +321,7 @@ TEST_F(SlabWriterTest, AttachChecksTheHeaderAndRestampsTheRelume) {
    EXPECT_FALSE(again.attached());
 
    SlabWriter other(path(), kEntry + 8, 9);
-   EXPECT_EQ(messageOf([&] { other.attach(); }),
+   EXPECT_EQ(errorText([&] { other.attach(); }),
              "slab.00::attach() entrySize: 64 but expected: 72");
    EXPECT_FALSE(other.attached());
 
@@ -399,7 +378,7 @@ TEST_F(SlabWriterTest, ShrinkReleasesAFreeTail) {
 
 TEST_F(SlabWriterTest, ValidateUnattachedMessages) {
    const std::string missing = root.path() + "/slab.03";
-   EXPECT_EQ(messageOf([&] { Tessel::validateUnattached(missing, kEntry); }),
+   EXPECT_EQ(errorText([&] { Tessel::validateUnattached(missing, kEntry); }),
              fmt::format("slab.03::validateUnattached() cannot attach to shmem {} size:0: cannot "
                          "open {}: No such file or directory",
                          missing, missing));
@@ -408,7 +387,7 @@ TEST_F(SlabWriterTest, ValidateUnattachedMessages) {
       w.create();
       w.header()->freeList.store(w.numEntries() + 5);
    }
-   EXPECT_EQ(messageOf([&] { Tessel::validateUnattached(path(), kEntry); }),
+   EXPECT_EQ(errorText([&] { Tessel::validateUnattached(path(), kEntry); }),
              fmt::format("slab.00::validateUnattached, validation failed on an empty slab, reason: "
                          "bad freeList: {} maxIndex: {}",
                          Tessel::initialEntries(kEntry) + 5, Tessel::initialEntries(kEntry) - 1));
@@ -419,7 +398,7 @@ TEST_F(SlabWriterTest, ValidateUnattachedMessages) {
       w.header()->numOccupied.store(2);
    }
    // Not empty: the walk's own text.
-   EXPECT_EQ(messageOf([&] { Tessel::validateUnattached(path(), kEntry); }),
+   EXPECT_EQ(errorText([&] { Tessel::validateUnattached(path(), kEntry); }),
              "slab.00::validate() found 1 occupied entries, but header's numOccupied: 2");
 }
 
