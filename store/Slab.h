@@ -5,8 +5,8 @@
 // Sizing policy (one slab per size class):
 //   initial entries  enough to fill 16 KiB, at least 8;
 //   growth step      the current entry count (the slab doubles), at least the initial count and
-//                    at most 8 MiB worth of entries per step, so a large slab grows in bounded
-//                    steps instead of stalling the writer on one huge copy-free remap.
+//                    at most 2 MiB worth of entries per step: a step formats every new entry,
+//                    faulting in each fresh page, inside one write (see kMaxStepBytes).
 #pragma once
 
 #include <cstddef>

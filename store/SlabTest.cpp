@@ -232,7 +232,7 @@ TEST_F(SlabWriterTest, GrowthStepsAreBounded) {
    const uint32_t initial = Tessel::initialEntries(kEntry);
    EXPECT_EQ(Tessel::growthStep(1, kEntry), initial);
    EXPECT_EQ(Tessel::growthStep(1000, kEntry), 1000u);
-   EXPECT_EQ(Tessel::growthStep(10'000'000, kEntry), 8u * 1024 * 1024 / kEntry);
+   EXPECT_EQ(Tessel::growthStep(10'000'000, kEntry), 2u * 1024 * 1024 / kEntry);
    EXPECT_EQ(Tessel::growthStep(100, 1 << 24), Tessel::initialEntries(1 << 24));
 }
 
