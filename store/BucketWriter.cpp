@@ -49,7 +49,9 @@ void BucketWriter::map() {
 
 void BucketWriter::reserveMirror(uint32_t count, CriticalYield* yield) {
    if (count <= mirrorCapacity_) return;
-   HugePageBuffer grown(size_t(count) * sizeof(MirrorHead));
+   // Huge pages once the mirror is large enough to be worth a 2 MiB page.
+   const size_t bytes = size_t(count) * sizeof(MirrorHead);
+   HugePageBuffer grown(bytes, bytes >= HugePageBuffer::kHugePage / 2);
    // Copied in pieces: the copy faults in the new pages, a few milliseconds at a million heads.
    constexpr uint32_t kPiece = 1u << 15;
    for (uint32_t i = 0; mirror_ && i < numBuckets_; i += kPiece) {

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -26,9 +27,20 @@ class HugePageBuffer {
    static constexpr size_t kHugePage = size_t(2) << 20;
 
    HugePageBuffer() = default;
-   // Zero-filled memory of at least `bytes` bytes. Throws std::bad_alloc.
-   explicit HugePageBuffer(size_t bytes) {
+   // Zero-filled memory of at least `bytes` bytes. Throws std::bad_alloc. With `huge` false the
+   // buffer is whole 4 KiB pages without advice: a small table's index then costs the pages it
+   // touches, not a 2 MiB huge page for its first byte.
+   explicit HugePageBuffer(size_t bytes, bool huge = true) {
       if (bytes == 0) return;
+      if (!huge) {
+         const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+         size_ = (bytes + page - 1) / page * page;
+         void* p =
+             ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+         if (p == MAP_FAILED) throw std::bad_alloc();
+         data_ = static_cast<uint8_t*>(p);
+         return;
+      }
       size_ = (bytes + kHugePage - 1) & ~(kHugePage - 1);
       // Over-map by one huge page and trim, for the 2 MiB alignment mmap does not promise.
       const size_t mapped = size_ + kHugePage;

@@ -1,5 +1,7 @@
-// HugePageBuffer: whole 2 MiB units, 2 MiB aligned, zero-filled, and moved without copying.
+// HugePageBuffer: whole 2 MiB units, 2 MiB aligned (or whole pages when asked for no huge pages),
+// zero-filled, and moved without copying.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <utility>
@@ -21,6 +23,14 @@ TEST(HugePageBuffer, IsAlignedZeroFilledAndRoundedToWholeHugePages) {
       EXPECT_EQ(b.data()[0], 0);
       EXPECT_EQ(b.data()[b.size() - 1], 0);
       b.data()[b.size() - 1] = 7;  // the whole rounded size is writable
+   }
+   // Without huge pages: whole 4 KiB pages, nothing more.
+   const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+   for (size_t bytes : {size_t(1), page, page + 1}) {
+      Dock::HugePageBuffer b(bytes, false);
+      EXPECT_EQ(b.size(), (bytes + page - 1) / page * page) << bytes;
+      EXPECT_EQ(b.data()[b.size() - 1], 0);
+      b.data()[b.size() - 1] = 7;
    }
    Dock::HugePageBuffer a(100);
    a.as<uint32_t>()[3] = 42;

@@ -147,19 +147,16 @@ class SlotWriterTable : public SlotFile {
             size_ = 0;
             return;
          }
-         // Records kept from an earlier, larger size start out default again.
-         const uint64_t had = uint64_t(chunks_.size()) * kChunk;
-         for (uint64_t i = size_; i < n && i < had; ++i) (*this)[uint32_t(i)] = Record{};
+         // Chunks come zero-filled and untouched; only records [size_, n) are laid down, so a
+         // small table touches a few pages. The first chunk takes huge pages only if the table
+         // already needs half of it. Records kept from an earlier, larger size start out default
+         // again. First touch is a page fault per page: check the budget every 8192 records.
          while (uint64_t(chunks_.size()) * kChunk < n) {
-            HugePageBuffer chunk(sizeof(Record) * kChunk);
-            Record* r = chunk.as<Record>();
-            // First touch of fresh pages is the cost (a fault per page, more under nested
-            // paging): check the budget every 8192 records, not once per chunk.
-            for (uint32_t i = 0; i < kChunk; ++i) {
-               new (&r[i]) Record{};
-               if (yield && i % 8192 == 8191) yield->check();
-            }
-            chunks_.push_back(std::move(chunk));
+            chunks_.emplace_back(sizeof(Record) * kChunk, !chunks_.empty() || n >= kChunk / 2);
+         }
+         for (uint32_t i = size_; i < n; ++i) {
+            new (&(*this)[i]) Record{};
+            if (yield && i % 8192 == 8191) yield->check();
          }
          size_ = n;
       }
