@@ -120,7 +120,10 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
                  [&] { return control->quiesced() && control->mountStatus() != 0; })) {
       return failed(13, "no sync on the empty table");
    }
-   if (table->entryCount() != 0 || !counter.perIndex.empty()) return 14;
+   if (table->entryCount() != 0 || !table->entryKeys().empty() || !counter.perIndex.empty() ||
+       !table->getCurrentQuiescedState()) {
+      return 14;
+   }
    ready.send('r');
    if (release.receive(milliseconds(30000)) != 'g') return 15;
 
