@@ -10,6 +10,7 @@
 #include "Mldp/MldpTunnelTableEntry.h"
 #include "TunnelTable/TunnelTableFamilyTests.h"
 #include "Vela/ArraySizeError.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 
@@ -112,19 +113,14 @@ TEST(MldpTunnelTableEntry, TruthEqualityAndOrderOfVias) {
    EXPECT_TRUE(static_cast<const MulticastTunnelTableEntry&>(a) <
                static_cast<const MulticastTunnelTableEntry&>(otherTree));
 
-   // viaIs past the count grows it to index + 1; deleting the last drops trailing defaults.
+   // The other via operations forward to the via array (its deletion rule is the array's test);
+   // the iterator form is the entry's own: it leaves a hole and returns the next place.
    MldpTunnelTableEntry c(mldpId(6), MulticastTreeId("x"));
-   EXPECT_TRUE(c.viaIs(ViaIndex(3), via(4)) == via(4));
-   EXPECT_EQ(c.viaCount(), 4u);
-   EXPECT_TRUE(c.viaDel(ViaIndex(3)) == via(4));
-   EXPECT_EQ(c.viaCount(), 0u);
    c.viaIs(ViaIndex(0), via(1));
    c.viaIs(ViaIndex(1), via(2));
    auto next = c.viaDel(c.via().begin());
    EXPECT_EQ(c.viaCount(), 2u);  // a hole at 0
    EXPECT_TRUE(*next == via(2));
-   c.viaDelAll();
-   EXPECT_EQ(c.viaCount(), 0u);
 }
 
 TEST(MldpTunnelTableEntry, ByteFormIsExact) {
@@ -175,16 +171,12 @@ TEST(MldpTunnelTableEntry, ViaCountAboveCapacityIsTheArraySizeError) {
    // deserializeLen does not check the capacity, only the room.
    EXPECT_EQ(MldpTunnelTableEntry::deserializeLen(buf.data(), 17), 0u);
    MldpTunnelTableEntry e;
-   try {
-      e.deserialize(buf.data(), 17);
-      FAIL() << "no size error";
-   } catch (const Vela::ArraySizeError& err) {
-      const std::string what = err.what();
-      EXPECT_EQ(what.rfind("expected size <= 600, instead got 601. Buffer is at address: ", 0), 0u)
-          << what;
-      EXPECT_NE(what.find(" with contents: 0000000000000000010000007859020000"), std::string::npos)
-          << what;
-   }
+   const std::string what =
+       Testing::errorText<Vela::ArraySizeError>([&] { e.deserialize(buf.data(), 17); });
+   EXPECT_EQ(what.rfind("expected size <= 600, instead got 601. Buffer is at address: ", 0), 0u)
+       << what;
+   EXPECT_NE(what.find(" with contents: 0000000000000000010000007859020000"), std::string::npos)
+       << what;
    std::vector<uint8_t> room(17 + 601 * 76, 0);
    std::memcpy(room.data(), buf.data(), 17);
    EXPECT_EQ(MldpTunnelTableEntry::deserializeLen(room.data(), uint32_t(room.size())),
@@ -210,11 +202,10 @@ TEST(MldpTunnelTableEntryDeathTest, NoStringConstructor) {
 }
 
 TEST(MldpTunnelTable, IsMemberTwentyOfType22) {
+   // The name, registry and factory are the family's tests; the codes are pinned here.
    auto t = mldpTunnelTableFactory("mldp");
-   EXPECT_EQ(t->fwkTypeName(), "Tunnel::TunnelTable::MldpTunnelTable");
    EXPECT_EQ(t->tableType(), TunnelType::mldpTunnel);
    EXPECT_EQ(int(t->tunnelTableId()), 20);
-   EXPECT_TRUE(Vela::TypeRegistry::instance().hasType("Tunnel::TunnelTable::MldpTunnelTable"));
    using Notifiee = MldpTunnelTable::MldpTunnelTableZeroReferencesNotifiee;
    EXPECT_NE(dynamic_cast<Notifiee*>(t->zeroReferencesNotifiee()), nullptr);
 }

@@ -1,28 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <sstream>
 
 #include "TunnelTable/ByteCursor.h"
 #include "TunnelTable/ColoredTunnelEndpoint.h"
+#include "Vela/Hash.h"
 #include "Wirekit/Errors.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
 
 using Bytes = std::array<uint8_t, ColoredTunnelEndpoint::kSerializedSize>;
-
-uint32_t referenceHash(const uint8_t* p, size_t n, uint32_t h) {
-   for (size_t i = 0; i < n; ++i) {
-      h += p[i];
-      h += h << 10;
-      h ^= h >> 6;
-   }
-   h += h << 3;
-   h ^= h >> 11;
-   h += h << 15;
-   return h;
-}
 
 const Wirekit::IpGenPrefix kTen("10.0.0.0/8");
 
@@ -35,11 +24,8 @@ constexpr Bytes kGolden = {
 
 TEST(ColoredTunnelEndpointTest, ByteFormIsPrefixColorFlagAndZeroPadding) {
    const ColoredTunnelEndpoint cte(kTen, 0x01020304);
-   Bytes bytes{};
-   bytes.fill(0xEE);
-   cte.serialize(bytes.data());
-   EXPECT_EQ(bytes, kGolden);
-   EXPECT_EQ(ColoredTunnelEndpoint::deserialize(bytes.data()), cte);
+   EXPECT_EQ(Testing::bytesOf(cte), kGolden);
+   EXPECT_EQ(ColoredTunnelEndpoint::deserialize(kGolden.data()), cte);
 
    Bytes bad = kGolden;
    bad[28] = 2;
@@ -57,7 +43,7 @@ TEST(ColoredTunnelEndpointTest, ByteFormIsPrefixColorFlagAndZeroPadding) {
 TEST(ColoredTunnelEndpointTest, HashIsOneAtATimeOverTheByteFormFromTheSeed) {
    const ColoredTunnelEndpoint cte(kTen, 0x01020304);
    for (uint32_t seed : {0u, 1u, 0xDEADBEEFu}) {
-      EXPECT_EQ(cte.hash(seed), referenceHash(kGolden.data(), kGolden.size(), seed));
+      EXPECT_EQ(cte.hash(seed), Vela::oneAtATime(kGolden.data(), kGolden.size(), seed));
    }
    EXPECT_NE(cte.hash(0), ColoredTunnelEndpoint(kTen, 0x01020305).hash(0));
    EXPECT_NE(cte.hash(0), ColoredTunnelEndpoint(kTen, 0x01020304, false).hash(0));
@@ -81,9 +67,7 @@ TEST(ColoredTunnelEndpointTest, TextFormsRoundTrip) {
        "Value('Tunnel::TunnelTable::ColoredTunnelEndpoint', ** {'tep': '2001:db8::/32', "
        "'color': 7, 'isColored': True})";
    EXPECT_EQ(valueToStrep(cte), text);
-   std::ostringstream os;
-   os << cte;
-   EXPECT_EQ(os.str(), text);
+   EXPECT_EQ(Testing::streamed(cte), text);
    EXPECT_EQ(ColoredTunnelEndpoint(text.begin(), text.end()), cte);
    const Vela::String plain = valueToStrep(ColoredTunnelEndpoint());
    EXPECT_EQ(ColoredTunnelEndpoint(plain.begin(), plain.end()), ColoredTunnelEndpoint());

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "TunnelTable/TunnelTableEntries.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -19,13 +20,8 @@ using Wirekit::MplsLabelOperation;
 class Bytes {
   public:
    Bytes& hex(std::string_view h) {
-      std::string digits;
-      for (char c : h) {
-         if (c != ' ') digits += c;
-      }
-      for (size_t i = 0; i < digits.size(); i += 2) {
-         v_.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-      }
+      const auto b = Testing::hexBytes(h);
+      v_.insert(v_.end(), b.begin(), b.end());
       return *this;
    }
    Bytes& zeros(size_t n) {
@@ -266,19 +262,8 @@ TEST(EntryBytes, ReadersRefuseCountsAboveCapacityAndBadFlags) {
    auto b = bytesOf(e);
    // The via count sits 16 bytes after the base record: 601 there.
    b[551 + 16] = 0x59, b[551 + 17] = 0x02;
-   LdpTunnelTableEntry back;
-   try {
-      back.deserialize(b.data(), static_cast<uint32_t>(b.size()));
-      FAIL() << "a count of 601 was accepted";
-   } catch (const Vela::ArraySizeError& err) {
-      EXPECT_EQ(std::string(err.what())
-                    .rfind("expected size <= 600, instead got 601. Buffer is at "
-                           "address: 0x",
-                           0),
-                0u)
-          << err.what();
-      EXPECT_NE(std::string(err.what()).find("with contents: 59020000"), std::string::npos);
-   }
+   LdpTunnelTableEntry back;  // the count's exact refusal text is pinned with the cursor's tests
+   EXPECT_THROW(back.deserialize(b.data(), static_cast<uint32_t>(b.size())), Vela::ArraySizeError);
 
    auto f = withBase<FrrTunnelTableEntry>(TunnelType::rsvpFrrTunnel, 1);
    auto fb = bytesOf(f);

@@ -206,8 +206,6 @@ TYPED_TEST(EntryKindsTest, EntryPrefDefaultsToTheTunnelTypesPreference) {
       const TypeParam e(idOf(type, 1));
       EXPECT_EQ(e.entryPref(), getDefaultPrefForType(type)) << code;
    }
-   EXPECT_EQ(TypeParam(idOf(TunnelType::rsvpLerTunnel, 1)).entryPref().value(), 45);
-   EXPECT_EQ(TypeParam(idOf(TunnelType::staticTunnel, 1)).entryPref().value(), 15);
    EXPECT_EQ(TypeParam().entryPref().value(), 255);
 }
 
@@ -215,8 +213,8 @@ TYPED_TEST(EntryKindsTest, TextConstructorReadsTheTextFormBackOrRefusesACollecti
    const TypeParam e = sample<TypeParam>();
    const Vela::String text = valueToStrep(e);
    if constexpr (kHasCollection<TypeParam>) {
-      const std::string message =
-          std::string("No String constructor for ") + TypeParam::kClassName + " - has collection";
+      const std::string message = std::string("assertion failed: No String constructor for ") +
+                                  TypeParam::kClassName + " - has collection \\(";
       EXPECT_DEATH({ TypeParam refused(text.cbegin(), text.cend()); }, message);
    } else {
       const TypeParam back(text.cbegin(), text.cend());

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "TunnelTable/TunnelTableEntries.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -51,9 +52,14 @@ Via via2() {
 template <typename E>
 void expectText(const E& e, const std::string& text) {
    EXPECT_EQ(valueToStrep(e), text);
-   std::ostringstream os;
-   os << e;
-   EXPECT_EQ(os.str(), text);
+   EXPECT_EQ(Testing::streamed(e), text);
+}
+
+// The same for an entry of class `kind` built from its id alone (its base fields at their defaults,
+// preference `pref`) and then given the fields that render as `own`.
+template <typename E>
+void expectKind(const E& e, const char* kind, unsigned pref, const std::string& own) {
+   expectText(e, valueOf(kind, basePart(e.tunnelId().value(), pref) + own));
 }
 
 TEST(EntryText, BaseFieldsRenderEndpointsAndNameAsValueArrays) {
@@ -88,13 +94,10 @@ TEST(EntryText, IgpKindsNameTheirClass) {
       return e;
    };
    const TunnelId ldp = idOf(TunnelType::ldpTunnel, 5);
-   const TunnelId sr = idOf(TunnelType::isisSrTunnel, 5);
-   expectText(fill(IgpTunnelTableEntryBase(ldp)),
-              valueOf("IgpTunnelTableEntryBase", basePart(ldp.value(), 55) + own));
-   expectText(fill(LdpTunnelTableEntry(ldp)),
-              valueOf("LdpTunnelTableEntry", basePart(ldp.value(), 55) + own));
-   expectText(fill(SrTunnelTableEntry(sr)),
-              valueOf("SrTunnelTableEntry", basePart(sr.value(), 65) + own));
+   expectKind(fill(IgpTunnelTableEntryBase(ldp)), "IgpTunnelTableEntryBase", 55, own);
+   expectKind(fill(LdpTunnelTableEntry(ldp)), "LdpTunnelTableEntry", 55, own);
+   expectKind(fill(SrTunnelTableEntry(idOf(TunnelType::isisSrTunnel, 5))), "SrTunnelTableEntry", 65,
+              own);
 }
 
 TEST(EntryText, FrrKindsAndRsvpLer) {
@@ -106,82 +109,67 @@ TEST(EntryText, FrrKindsAndRsvpLer) {
       e.viaIs(via1()), e.isPrimaryViaUsableIs(true), e.seqNoIs(TunnelEntrySequenceNumber(65535));
       return e;
    };
-   expectText(fill(FrrTunnelTableEntry(id)),
-              valueOf("FrrTunnelTableEntry", basePart(id.value(), 255) + frr));
-   expectText(fill(RsvpFrrTunnelTableEntry(id)),
-              valueOf("RsvpFrrTunnelTableEntry", basePart(id.value(), 255) + frr));
-   expectText(fill(RsvpLerSubTunnelTableEntry(id)),
-              valueOf("RsvpLerSubTunnelTableEntry", basePart(id.value(), 255) + frr));
-   expectText(fill(TiLfaTunnelTableEntry(id)),
-              valueOf("TiLfaTunnelTableEntry", basePart(id.value(), 255) + frr));
+   expectKind(fill(FrrTunnelTableEntry(id)), "FrrTunnelTableEntry", 255, frr);
+   expectKind(fill(RsvpFrrTunnelTableEntry(id)), "RsvpFrrTunnelTableEntry", 255, frr);
+   expectKind(fill(RsvpLerSubTunnelTableEntry(id)), "RsvpLerSubTunnelTableEntry", 255, frr);
+   expectKind(fill(TiLfaTunnelTableEntry(id)), "TiLfaTunnelTableEntry", 255, frr);
 
-   const TunnelId ler = idOf(TunnelType::rsvpLerTunnel, 2);
-   RsvpLerTunnelTableEntry e = fill(RsvpLerTunnelTableEntry(ler));
+   RsvpLerTunnelTableEntry e = fill(RsvpLerTunnelTableEntry(idOf(TunnelType::rsvpLerTunnel, 2)));
    e.metricIs(8), e.isTunnelIgpShortcutEligibleIs(true), e.splitViaIs(0, via1());
-   expectText(e, valueOf("RsvpLerTunnelTableEntry",
-                         basePart(ler.value(), 45) + frr +
-                             ", 'metric': 8, 'igpPref': 115, 'isTunnelIgpShortcutEligible': True, "
-                             "'isTunnelLdpTunnelingEligible': False, 'color': None, 'splitVia': [" +
-                             kVia1 + "]"));
+   expectKind(e, "RsvpLerTunnelTableEntry", 45,
+              frr +
+                  ", 'metric': 8, 'igpPref': 115, 'isTunnelIgpShortcutEligible': True, "
+                  "'isTunnelLdpTunnelingEligible': False, 'color': None, 'splitVia': [" +
+                  kVia1 + "]");
    e.colorIs(OptionalColor(12));
    EXPECT_NE(valueToStrep(e).find("'color': 12, "), std::string::npos);
 }
 
 TEST(EntryText, ColoredFlexAlgoAndNexthopGroup) {
    const TunnelId id = idOf(TunnelType::srTePolicyTunnel, 3);
-   ColoredTunnelTableEntry c(id);
-   c.colorIs(100), c.igpPrefIs(TunnelIgpPref(20)), c.igpMetricIs(30);
+   auto fill = [](auto e) {
+      e.colorIs(100), e.igpPrefIs(TunnelIgpPref(20)), e.igpMetricIs(30);
+      return e;
+   };
    const std::string colored = ", 'color': 100, 'igpPref': 20, 'igpMetric': 30";
-   expectText(c, valueOf("ColoredTunnelTableEntry", basePart(id.value(), 255) + colored));
-   SrTePolicyTunnelTableEntry p(id);
-   p.colorIs(100), p.igpPrefIs(TunnelIgpPref(20)), p.igpMetricIs(30);
-   expectText(p, valueOf("SrTePolicyTunnelTableEntry", basePart(id.value(), 255) + colored));
+   expectKind(fill(ColoredTunnelTableEntry(id)), "ColoredTunnelTableEntry", 255, colored);
+   expectKind(fill(SrTePolicyTunnelTableEntry(id)), "SrTePolicyTunnelTableEntry", 255, colored);
 
-   const TunnelId fa = idOf(TunnelType::isisFlexAlgoTunnel, 4);
-   FlexAlgoTunnelTableEntry f(fa);
-   f.colorIs(100), f.igpPrefIs(TunnelIgpPref(20)), f.igpMetricIs(30), f.isColoredIs(true);
-   f.viaIs(0, via1());
-   expectText(
-       f, valueOf("FlexAlgoTunnelTableEntry", basePart(fa.value(), 65) + colored +
-                                                  ", 'isColored': True, 'via': [" + kVia1 + "]"));
+   FlexAlgoTunnelTableEntry f =
+       fill(FlexAlgoTunnelTableEntry(idOf(TunnelType::isisFlexAlgoTunnel, 4)));
+   f.isColoredIs(true), f.viaIs(0, via1());
+   expectKind(f, "FlexAlgoTunnelTableEntry", 65,
+              colored + ", 'isColored': True, 'via': [" + kVia1 + "]");
 
-   const TunnelId nhg = idOf(TunnelType::nexthopGroupTunnel, 5);
-   NexthopGroupTunnelTableEntry n(nhg);
+   NexthopGroupTunnelTableEntry n(idOf(TunnelType::nexthopGroupTunnel, 5));
    n.nhgIdIs(9), n.igpMetricIs(10), n.igpPrefIs(11);
-   expectText(n,
-              valueOf("NexthopGroupTunnelTableEntry",
-                      basePart(nhg.value(), 25) + ", 'nhgId': 9, 'igpMetric': 10, 'igpPref': 11"));
+   expectKind(n, "NexthopGroupTunnelTableEntry", 25,
+              ", 'nhgId': 9, 'igpMetric': 10, 'igpPref': 11");
 }
 
 TEST(EntryText, SbfdBgpLuInterfaceAndStaticKinds) {
-   const TunnelId sbfd = idOf(TunnelType::nimboSdkSbfdTunnel, 1);
-   NimboSdkSbfdSessionTunnelTableEntry s(sbfd);
+   NimboSdkSbfdSessionTunnelTableEntry s(idOf(TunnelType::nimboSdkSbfdTunnel, 1));
    s.viaIs(MplsCosVia(IpGenAddr("2.2.2.2"), IntfId("Ethernet2")));
-   expectText(s, valueOf("NimboSdkSbfdSessionTunnelTableEntry",
-                         basePart(sbfd.value(), 255) + ", 'via': " + valueToStrep(s.via())));
+   expectKind(s, "NimboSdkSbfdSessionTunnelTableEntry", 255, ", 'via': " + valueToStrep(s.via()));
 
-   const TunnelId lu = idOf(TunnelType::bgpLuTunnel, 2);
-   BgpLuTunnelTableEntry b(lu);
+   BgpLuTunnelTableEntry b(idOf(TunnelType::bgpLuTunnel, 2));
    b.viaIs(0, via2()), b.labelsIs(Wirekit::UnboundedMplsLabelOperation::push({16, 17}));
    b.contributionIs(ContributionToTunnelRIB::contributingAsBackup), b.bgpMetricIs(1);
    b.bgpMetric2Is(2), b.bgpPrefIs(3), b.bgpPref2Is(4), b.bgpLinkBwIs(TunnelBandwidth(0.5f));
    const std::string push = ", 'via': [" + kVia2 + "], 'labels': 'push 16 17'";
-   expectText(b, valueOf("BgpLuTunnelTableEntry",
-                         basePart(lu.value(), 85) + push +
-                             ", 'contribution': contributingAsBackup, 'bgpMetric': 1, "
-                             "'bgpMetricType': igpMetric, 'bgpMetric2': 2, 'bgpPref': 3, "
-                             "'bgpPref2': 4, 'bgpLinkBw': "
-                             "Value('Tunnel::TunnelTable::TunnelBandwidth', ** {'value': 0.5})"));
+   expectKind(b, "BgpLuTunnelTableEntry", 85,
+              push +
+                  ", 'contribution': contributingAsBackup, 'bgpMetric': 1, 'bgpMetricType': "
+                  "igpMetric, 'bgpMetric2': 2, 'bgpPref': 3, 'bgpPref2': 4, 'bgpLinkBw': "
+                  "Value('Tunnel::TunnelTable::TunnelBandwidth', ** {'value': 0.5})");
    BgpLuPushTunnelTableEntry bp(idOf(TunnelType::bgpLuPushTunnel, 2));
    bp.viaIs(0, via2()), bp.labelsIs(b.labels());
-   expectText(bp,
-              valueOf("BgpLuPushTunnelTableEntry", basePart(bp.tunnelId().value(), 255) + push));
+   expectKind(bp, "BgpLuPushTunnelTableEntry", 255, push);
 
    const TunnelId intf = idOf(TunnelType::staticInterfaceTunnel, 6);
    L3IntfTunnelTableEntry l3(intf);
    l3.viaIs(0, via2());
-   expectText(l3, valueOf("L3IntfTunnelTableEntry",
-                          basePart(intf.value(), 255) + ", 'via': [" + kVia2 + "]"));
+   expectKind(l3, "L3IntfTunnelTableEntry", 255, ", 'via': [" + kVia2 + "]");
    GreIntfTunnelTableEntry gre(intf);
    GreTunnelInfo info;
    info.srcAddrIs(IpGenAddr("1.1.1.1")), info.mtuIs(1400), info.pathMtuDiscoveryIs(true);
@@ -190,34 +178,23 @@ TEST(EntryText, SbfdBgpLuInterfaceAndStaticKinds) {
        "Value('Tunnel::GreTunnelInfo', ** {'srcAddr': '1.1.1.1', 'dstAddr': 'none', "
        "'tunnelIntfPort': 0, 'okey': 0, 'ikey': 0, 'mtu': 1400, 'underlayVrfId': 0, 'ttl': 0, "
        "'tos': 0, 'pathMtuDiscovery': True, 'dontFragment': False})";
-   expectText(gre, valueOf("GreIntfTunnelTableEntry",
-                           basePart(intf.value(), 255) + ", 'via': [], 'tunnelInfo': " + greInfo));
+   expectKind(gre, "GreIntfTunnelTableEntry", 255, ", 'via': [], 'tunnelInfo': " + greInfo);
    EXPECT_EQ(GreTunnelInfo(greInfo.cbegin(), greInfo.cend()), info);
-   expectText(IpsecGreIntfTunnelTableEntry(intf),
-              valueOf("IpsecGreIntfTunnelTableEntry",
-                      basePart(intf.value(), 255) +
-                          ", 'via': [], 'tunnelInfo': Value('Tunnel::IpsecGreTunnelInfo', ** "
-                          "{'srcAddr': 'none', 'dstAddr': 'none', 'tunnelIntfPort': 0, 'okey': 0, "
-                          "'ikey': 0, 'mtu': 0, 'underlayVrfId': 0, 'spiIn': 0, 'spiOut': 0, "
-                          "'ttl': 0, 'tos': 0})"));
-   expectText(IpsecVtiIntfTunnelTableEntry(intf),
-              valueOf("IpsecVtiIntfTunnelTableEntry",
-                      basePart(intf.value(), 255) +
-                          ", 'via': [], 'tunnelInfo': Value('Tunnel::IpsecVtiTunnelInfo', ** "
-                          "{'srcAddr': 'none', 'dstAddr': 'none', 'tunnelIntfPort': 0, 'mtu': 0, "
-                          "'underlayVrfId': 0, 'spiIn': 0, 'spiOut': 0, 'ttl': 0, 'tos': 0})"));
+   expectKind(IpsecGreIntfTunnelTableEntry(intf), "IpsecGreIntfTunnelTableEntry", 255,
+              ", 'via': [], 'tunnelInfo': Value('Tunnel::IpsecGreTunnelInfo', ** {'srcAddr': "
+              "'none', 'dstAddr': 'none', 'tunnelIntfPort': 0, 'okey': 0, 'ikey': 0, 'mtu': 0, "
+              "'underlayVrfId': 0, 'spiIn': 0, 'spiOut': 0, 'ttl': 0, 'tos': 0})");
+   expectKind(IpsecVtiIntfTunnelTableEntry(intf), "IpsecVtiIntfTunnelTableEntry", 255,
+              ", 'via': [], 'tunnelInfo': Value('Tunnel::IpsecVtiTunnelInfo', ** {'srcAddr': "
+              "'none', 'dstAddr': 'none', 'tunnelIntfPort': 0, 'mtu': 0, 'underlayVrfId': 0, "
+              "'spiIn': 0, 'spiOut': 0, 'ttl': 0, 'tos': 0})");
 
-   const TunnelId st = idOf(TunnelType::staticTunnel, 7);
-   StaticTunnelTableEntry stat(st);
+   StaticTunnelTableEntry stat(idOf(TunnelType::staticTunnel, 7));
    stat.backupViaIs(0, via1());
-   expectText(stat,
-              valueOf("StaticTunnelTableEntry",
-                      basePart(st.value(), 15) + ", 'via': [], 'backupVia': [" + kVia1 + "]"));
-   const TunnelId sl = idOf(TunnelType::srTeSegmentListTunnel, 8);
-   SrTeSegmentListTunnelTableEntry seg(sl);
+   expectKind(stat, "StaticTunnelTableEntry", 15, ", 'via': [], 'backupVia': [" + kVia1 + "]");
+   SrTeSegmentListTunnelTableEntry seg(idOf(TunnelType::srTeSegmentListTunnel, 8));
    seg.viaIs(0, via1());
-   expectText(seg, valueOf("SrTeSegmentListTunnelTableEntry",
-                           basePart(sl.value(), 255) + ", 'via': [" + kVia1 + "]"));
+   expectKind(seg, "SrTeSegmentListTunnelTableEntry", 255, ", 'via': [" + kVia1 + "]");
 
    EvpnVxlanTunnelEntry evpn(TunnelId(0x600000000001));
    const std::string evpnText =
@@ -237,15 +214,9 @@ TEST(EntryText, TextConstructorErrorsNameTheAttribute) {
    };
    std::string badNumber = good;
    badNumber.replace(badNumber.find("'nhgId': 0"), 10, "'nhgId': x");
-   try {
-      parse(badNumber);
-      FAIL();
-   } catch (const Vela::ParseException& e) {
-      EXPECT_EQ(
-          std::string(e.what()),
-          "cannot read attribute 'nhgId' of Tunnel::TunnelTable::NexthopGroupTunnelTableEntry: "
-          "expected an unsigned number, got \"x\"");
-   }
+   EXPECT_EQ(Testing::errorText<Vela::ParseException>([&] { parse(badNumber); }),
+             "cannot read attribute 'nhgId' of Tunnel::TunnelTable::NexthopGroupTunnelTableEntry: "
+             "expected an unsigned number, got \"x\"");
    std::string badEndpoint = good;
    badEndpoint.replace(badEndpoint.find("'endpoint': []"), 14, "'endpoint': ['10.1.0.0/8']");
    EXPECT_THROW(parse(badEndpoint), Vela::ParseException);  // host bits set: not canonical
@@ -254,13 +225,10 @@ TEST(EntryText, TextConstructorErrorsNameTheAttribute) {
    EXPECT_THROW(parse(tooLong), Vela::ParseException);
    std::string badId = good;
    badId.replace(badId.find("{'value': 193514046488577}"), 26, "{'value': 562949953421312}");
-   try {
-      parse(badId);
-      FAIL();
-   } catch (const Vela::RangeException& e) {
-      EXPECT_NE(std::string(e.what()).find("(reading attribute 'tunnelId')"), std::string::npos)
-          << e.what();
-   }
+   EXPECT_EQ(Testing::errorText<Vela::RangeException>([&] { parse(badId); }),
+             "Tunnel::TunnelTable::TunnelId::value < Tunnel::TunnelTable::TunnelId::minValue or > "
+             "Tunnel::TunnelTable::TunnelId::maxValue not allowed (reading attribute 'value') "
+             "(reading attribute 'tunnelId')");
 }
 
 TEST(EntryText, DumpsOneLinePerFieldWithNestedVias) {

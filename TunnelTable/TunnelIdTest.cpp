@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <sstream>
 
 #include "TunnelTable/TunnelId.h"
 #include "Vela/Exception.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -12,20 +12,6 @@ namespace {
 constexpr const char* kRangeText =
     "Tunnel::TunnelTable::TunnelId::value < Tunnel::TunnelTable::TunnelId::minValue or > "
     "Tunnel::TunnelTable::TunnelId::maxValue not allowed";
-
-// Written out here, independently of the library's hash code.
-uint32_t referenceHash(uint64_t value) {
-   uint32_t h = 0;
-   for (int i = 0; i < 8; ++i) {
-      h += static_cast<uint8_t>(value >> (8 * i));
-      h += h << 10;
-      h ^= h >> 6;
-   }
-   h += h << 3;
-   h ^= h >> 11;
-   h += h << 15;
-   return h;
-}
 
 TunnelId fromText(const Vela::String& text) {
    return TunnelId(text.begin(), text.end());
@@ -61,20 +47,13 @@ TEST(TunnelIdTest, ValueRangeIsCheckedWithItsText) {
    EXPECT_EQ(max.tunnelType(), TunnelType::reservedTunnel31);
    EXPECT_EQ(max.tunnelIndex(), 0x7FFFFFFFFFFu);
    for (uint64_t bad : {uint64_t{0x2000000000000}, ~uint64_t{0}, uint64_t{1} << 63}) {
-      try {
-         TunnelId id(bad);
-         ADD_FAILURE() << "accepted " << bad;
-      } catch (const Vela::RangeException& e) {
-         EXPECT_STREQ(e.what(), kRangeText);
-      }
+      EXPECT_EQ(Testing::errorText<Vela::RangeException>([&] { TunnelId id(bad); }), kRangeText);
    }
    // From text the same failure names the attribute being read.
-   try {
-      fromText("Value('Tunnel::TunnelTable::TunnelId', ** {'value': 562949953421312})");
-      ADD_FAILURE();
-   } catch (const Vela::RangeException& e) {
-      EXPECT_EQ(Vela::String(e.what()), Vela::String(kRangeText) + " (reading attribute 'value')");
-   }
+   EXPECT_EQ(Testing::errorText<Vela::RangeException>([] {
+                fromText("Value('Tunnel::TunnelTable::TunnelId', ** {'value': 562949953421312})");
+             }),
+             Vela::String(kRangeText) + " (reading attribute 'value')");
    // And from bytes.
    std::array<uint8_t, 8> bytes{0, 0, 0, 0, 0, 0, 2, 0};
    EXPECT_THROW(TunnelId::deserialize(bytes.data()), Vela::RangeException);
@@ -92,13 +71,9 @@ TEST(TunnelIdTest, OrderIsTheUnsignedValueSoTypesSortFirst) {
 }
 
 TEST(TunnelIdTest, HashIsOneAtATimeOverTheValueBytesLeastSignificantFirst) {
-   for (uint64_t v : {uint64_t{0}, uint64_t{0x900000000005}, uint64_t{0x1FFFFFFFFFFFF},
-                      uint64_t{0x0102030405060708 & 0x1FFFFFFFFFFFF}}) {
-      EXPECT_EQ(TunnelId(v).hash(), referenceHash(v)) << v;
-   }
-   // Fixed values, so a change of byte order or of the final steps shows even if both sides
-   // above changed together.
+   // Fixed values: a change of byte order, width or of the final steps shows.
    EXPECT_EQ(TunnelId(0).hash(), 0u);
+   EXPECT_EQ(TunnelId(0x1FFFFFFFFFFFFu).hash(), 0x586867ebu);
    EXPECT_EQ(TunnelId(0x900000000005u).hash(), 0x53AF0CEDu);
    EXPECT_EQ(std::hash<TunnelId>()(TunnelId(0x900000000005u)), 0x53AF0CEDu);
 }
@@ -108,9 +83,7 @@ TEST(TunnelIdTest, TextFormRoundTrips) {
    const Vela::String text =
        "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 158329674399749})";
    EXPECT_EQ(valueToStrep(id), text);
-   std::ostringstream os;
-   os << id;
-   EXPECT_EQ(os.str(), text);
+   EXPECT_EQ(Testing::streamed(id), text);
    EXPECT_EQ(fromText(text), id);
    EXPECT_EQ(fromText(valueToStrep(TunnelId(0x1FFFFFFFFFFFFu))), TunnelId(0x1FFFFFFFFFFFFu));
    EXPECT_THROW(fromText("Value('Tunnel::TunnelTable::TunnelId', ** {'value': x})"),

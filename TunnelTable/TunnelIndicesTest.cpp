@@ -2,6 +2,7 @@
 
 #include "TunnelTable/TunnelIndices.h"
 #include "Vela/Exception.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -28,12 +29,7 @@ TYPED_TEST_SUITE(TunnelIndicesTest, Cases);
 
 template <typename F>
 void expectRangeText(F&& f, const char* text) {
-   try {
-      f();
-      ADD_FAILURE() << "no range exception";
-   } catch (const Vela::RangeException& e) {
-      EXPECT_STREQ(e.what(), text);
-   }
+   EXPECT_EQ(Testing::errorText<Vela::RangeException>(f), text);
 }
 
 TYPED_TEST(TunnelIndicesTest, AcceptsItsRangeAndRefusesOneBeyondWithItsText) {

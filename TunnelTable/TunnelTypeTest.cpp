@@ -6,6 +6,7 @@
 #include "TunnelTable/TunnelTableIdentifier.h"
 #include "TunnelTable/TunnelType.h"
 #include "Vela/Exception.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -79,12 +80,8 @@ TEST(TunnelTypeTest, DisplayTextsAreUniquePerCodeAndParseBack) {
    EXPECT_EQ(tunnelTypeToCliStrep(TunnelType::ldpTunnel, false), "LDP");
    EXPECT_EQ(tunnelTypeToCliStrep(TunnelType::ldpTunnel, true), "LDP tunnel");
    EXPECT_EQ(tunnelTypeToCliStrep(TunnelType(25), false), "invalid(25)");
-   try {
-      tunnelTypeFromString("invalid(25)");
-      ADD_FAILURE();
-   } catch (const Vela::ParseException& e) {
-      EXPECT_STREQ(e.what(), "unknown tunnel type 'invalid(25)'");
-   }
+   EXPECT_EQ(Testing::errorText<Vela::ParseException>([] { tunnelTypeFromString("invalid(25)"); }),
+             "unknown tunnel type 'invalid(25)'");
    EXPECT_THROW(tunnelTypeFromString("ldp"), Vela::ParseException);
    EXPECT_THROW(tunnelTypeFromString(""), Vela::ParseException);
 }

@@ -1,12 +1,14 @@
+// The via kinds: exact byte forms, hash, order, text and dump forms, and the tunnel-id via.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <vector>
 
 #include "TunnelTable/ByteCursor.h"
 #include "TunnelTable/Via.h"
 #include "Vela/Exception.h"
+#include "Vela/Hash.h"
 #include "Wirekit/Errors.h"
+#include "testing/Expect.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -15,29 +17,13 @@ using Wirekit::IntfId;
 using Wirekit::IpGenAddr;
 using Wirekit::MplsLabelOperation;
 
-Vela::String hexOf(const uint8_t* p, size_t n) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   Vela::String out;
-   for (size_t i = 0; i < n; ++i) {
-      out += kDigits[p[i] >> 4];
-      out += kDigits[p[i] & 15];
-   }
-   return out;
-}
+using Testing::hexBytes;
 
+// The fixed byte form of `v`, written over 0xEE so a byte left out shows.
 template <typename V>
-Vela::String bytesOf(const V& v) {
-   std::vector<uint8_t> bytes(V::kSerializedSize, 0xEE);
-   v.serialize(bytes.data());
-   return hexOf(bytes.data(), bytes.size());
-}
-
-std::vector<uint8_t> fromHex(const Vela::String& hex) {
-   std::vector<uint8_t> out;
-   for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-      out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-   }
-   return out;
+std::vector<uint8_t> bytesOf(const V& v) {
+   const auto b = Testing::bytesOf(v);
+   return {b.begin(), b.end()};
 }
 
 template <typename V>
@@ -61,10 +47,10 @@ TEST(ViaTest, MplsViaByteFormIsAddressInterfaceLabels) {
        "64000000" +
        zeros(40);  // push 100
    ASSERT_EQ(golden.size(), 2u * 76);
-   EXPECT_EQ(bytesOf(kMplsVia), golden);
-   const std::vector<uint8_t> bytes = fromHex(golden);
+   const std::vector<uint8_t> bytes = hexBytes(golden);
+   EXPECT_EQ(bytesOf(kMplsVia), bytes);
    EXPECT_EQ(MplsVia::deserialize(bytes.data()), kMplsVia);
-   EXPECT_EQ(bytesOf(MplsVia()), zeros(76));
+   EXPECT_EQ(bytesOf(MplsVia()), hexBytes(zeros(76)));
    std::vector<uint8_t> bad = bytes;
    bad[0] = 5;  // no such address family
    EXPECT_THROW(MplsVia::deserialize(bad.data()), Wirekit::FormatError);
@@ -80,8 +66,8 @@ TEST(ViaTest, ViaAndTunnelViaByteForms) {
        "20010db8" +
        zeros(11) + "01" + "0200000100020001";
    ASSERT_EQ(viaGolden.size(), 2u * 28);
-   EXPECT_EQ(bytesOf(via), viaGolden);
-   EXPECT_EQ(Via::deserialize(fromHex(viaGolden).data()), via);
+   EXPECT_EQ(bytesOf(via), hexBytes(viaGolden));
+   EXPECT_EQ(Via::deserialize(hexBytes(viaGolden).data()), via);
 
    const TunnelVia tv(IpGenAddr("10.0.0.1"), IntfId::tunnelIntf(5), EncapId(EncapType::gre, 7));
    const Vela::String tvGolden =
@@ -89,9 +75,9 @@ TEST(ViaTest, ViaAndTunnelViaByteForms) {
        "0a000001" +
        zeros(12) + "0500000000000007" + "07000010";
    ASSERT_EQ(tvGolden.size(), 2u * 32);
-   EXPECT_EQ(bytesOf(tv), tvGolden);
-   EXPECT_EQ(TunnelVia::deserialize(fromHex(tvGolden).data()), tv);
-   std::vector<uint8_t> bad = fromHex(tvGolden);
+   EXPECT_EQ(bytesOf(tv), hexBytes(tvGolden));
+   EXPECT_EQ(TunnelVia::deserialize(hexBytes(tvGolden).data()), tv);
+   std::vector<uint8_t> bad = hexBytes(tvGolden);
    bad[31] = 0x70;  // EncapType 7
    EXPECT_THROW(TunnelVia::deserialize(bad.data()), ByteFormatError);
    EXPECT_EQ(TunnelVia().encapId(), EncapId());
@@ -100,18 +86,9 @@ TEST(ViaTest, ViaAndTunnelViaByteForms) {
 TEST(ViaTest, MplsViaHashIsOneAtATimeOverTheThreeFieldHashes) {
    auto reference = [](const MplsVia& v) {
       const uint32_t parts[] = {v.nextHop().hash(), v.intfId().hash(), v.labels().hash(0)};
-      uint32_t h = 0;
-      for (uint32_t part : parts) {
-         for (int i = 0; i < 4; ++i) {
-            h += static_cast<uint8_t>(part >> (8 * i));
-            h += h << 10;
-            h ^= h >> 6;
-         }
-      }
-      h += h << 3;
-      h ^= h >> 11;
-      h += h << 15;
-      return h;
+      uint8_t le[12];
+      for (int i = 0; i < 12; ++i) le[i] = static_cast<uint8_t>(parts[i / 4] >> (8 * (i % 4)));
+      return Vela::oneAtATime(le, sizeof le);
    };
    EXPECT_EQ(kMplsVia.hash(), reference(kMplsVia));
    MplsVia other = kMplsVia;
@@ -142,9 +119,7 @@ TEST(ViaTest, DumpAndTextForms) {
        "Value('Tunnel::TunnelTable::MplsVia', ** {'nextHop': '10.0.0.1', "
        "'intfId': 'Ethernet1', 'labels': 'push 100'})";
    EXPECT_EQ(valueToStrep(kMplsVia), text);
-   std::ostringstream os;
-   os << kMplsVia;
-   EXPECT_EQ(os.str(), text);
+   EXPECT_EQ(Testing::streamed(kMplsVia), text);
    EXPECT_EQ(fromText<MplsVia>(text), kMplsVia);
    EXPECT_EQ(fromText<MplsVia>(valueToStrep(MplsVia())), MplsVia());
 
@@ -177,28 +152,6 @@ TEST(ViaTest, TunnelIdViaLeadsIntoTheTunnel) {
    EXPECT_DEATH(Via().viaTunnelId(), "assertion failed: isTunnelIdVia\\(\\)");
 }
 
-TEST(ViaTest, CollectionsHaveSixHundredPlaces) {
-   MplsViaArray vias;
-   vias.delAll();
-   EXPECT_EQ(vias.count(), 0u);
-   vias.is(599, kMplsVia);
-   EXPECT_EQ(vias.count(), 600u);
-   try {
-      vias.is(600, kMplsVia);
-      ADD_FAILURE();
-   } catch (const Vela::RangeException& e) {
-      EXPECT_STREQ(e.what(),
-                   "Tunnel::TunnelTable::ViaIndex::value < Tunnel::TunnelTable::ViaIndex::min or > "
-                   "Tunnel::TunnelTable::ViaIndex::max not allowed");
-   }
-   EXPECT_EQ(vias.count(), 600u);
-   vias.del(599);
-   EXPECT_EQ(vias.count(), 0u);  // every place before it holds the default via
-   ViaArray plain;
-   plain.is(0, Via(IpGenAddr("10.0.0.1"), IntfId("Ethernet1")));
-   EXPECT_EQ(plain.count(), 1u);
-}
-
 // ---- MplsCosVia ----
 
 MplsCosVia cosVia() {
@@ -221,7 +174,7 @@ TEST(MplsCosViaTest, ByteFormCarriesOneOperationPerClassPresent) {
        "02010100"
        "2c010000" +
        zeros(40);  // class 5: swap 300
-   EXPECT_EQ(hexOf(bytes.data(), bytes.size()), golden);
+   EXPECT_EQ(bytes, hexBytes(golden));
 
    EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 125), 125u);
    EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 200), 125u);
@@ -241,7 +194,7 @@ TEST(MplsCosViaTest, ByteFormCarriesOneOperationPerClassPresent) {
    EXPECT_EQ(empty.serializeLen(), 29u);
    std::vector<uint8_t> small(29, 0xEE);
    empty.serialize(small.data());
-   EXPECT_EQ(hexOf(small.data(), small.size()), zeros(29));
+   EXPECT_EQ(small, std::vector<uint8_t>(29, 0));
 }
 
 TEST(MplsCosViaTest, ClassesCompareAndPrint) {

@@ -1,6 +1,6 @@
 // Test helpers for the checks many tests repeat: the exact text of the error a call throws, what a
-// value prints as, a value's fixed byte form, and a list that must be in strictly increasing order
-// under `<` and `==`.
+// value prints as, a value's fixed byte form, a list that must be in strictly increasing order
+// under `<` and `==`, and bytes written as hex.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Testing {
@@ -52,6 +53,19 @@ void expectStrictOrder(const std::vector<T>& sorted) {
          EXPECT_EQ(sorted[i] == sorted[j], i == j);
       }
    }
+}
+
+// Bytes from hex pairs; blanks are ignored ("0a00 ff" is 0a 00 ff).
+inline std::vector<uint8_t> hexBytes(std::string_view hex) {
+   std::vector<uint8_t> out;
+   std::string digits;
+   for (char c : hex) {
+      if (c != ' ') digits += c;
+   }
+   for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+      out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+   }
+   return out;
 }
 
 }  // namespace Testing

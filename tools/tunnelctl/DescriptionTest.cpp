@@ -10,6 +10,7 @@
 #include "TunnelTable/TunnelTableEntries.h"
 #include "Wirekit/MplsLabelOperation.h"
 #include "Wirekit/UnboundedMplsLabelOperation.h"
+#include "testing/Expect.h"
 
 namespace {
 
@@ -29,12 +30,7 @@ std::string net(const std::string& tunnels) {
 }
 
 std::string errorOf(const std::string& text) {
-   try {
-      parseDescription(text, "bad.json");
-   } catch (const DescriptionError& e) {
-      return e.what();
-   }
-   return "(no error)";
+   return Testing::errorText<DescriptionError>([&] { parseDescription(text, "bad.json"); });
 }
 
 const DescribedTunnel& only(const Description& d) {
@@ -47,28 +43,12 @@ TEST(Description, BundledExampleFillsEveryTableItDescribes) {
    EXPECT_EQ(d.routers.size(), 24u);
    EXPECT_EQ(d.localRouter, "pe1");
    EXPECT_EQ(d.tunnels.size(), 96u);
-   std::vector<std::string> tables;
-   for (const auto* t : d.tables()) tables.push_back(t->mountName);
-   const std::vector<std::string> expected = {"bgpLu",
-                                              "bgpLuPush",
-                                              "ldp",
-                                              "rsvpFrr",
-                                              "rsvpLer",
-                                              "sr",
-                                              "ospfSr",
-                                              "static",
-                                              "nexthopGroup",
-                                              "srTeSegmentList",
-                                              "greTunnelInterface",
-                                              "ipsecVtiTunnelInterface",
-                                              "ipsecGreTunnelInterface",
-                                              "evpnVxlan",
-                                              "tiLfa",
-                                              "srTePolicy",
-                                              "nimboSdkSbfd",
-                                              "isisFlexAlgoTunnel",
-                                              "mldpTunnel"};
-   EXPECT_EQ(tables, expected);
+   std::string tables;
+   for (const auto* t : d.tables()) tables += t->mountName + " ";
+   EXPECT_EQ(tables,
+             "bgpLu bgpLuPush ldp rsvpFrr rsvpLer sr ospfSr static nexthopGroup srTeSegmentList "
+             "greTunnelInterface ipsecVtiTunnelInterface ipsecGreTunnelInterface evpnVxlan tiLfa "
+             "srTePolicy nimboSdkSbfd isisFlexAlgoTunnel mldpTunnel ");
    for (const auto& t : d.tunnels) {
       EXPECT_EQ(t.id.tunnelType(), t.table->type->tunnelType) << t.path;
       EXPECT_TRUE(t.write) << t.path;
@@ -106,10 +86,6 @@ TEST(Description, LdpTunnelIsBuiltFieldByField) {
    EXPECT_EQ(t.id, e.tunnelId());
    EXPECT_EQ(t.path, "tunnels[0]");
    EXPECT_EQ(t.text, valueToStrep(e));
-   EXPECT_NE(
-       t.text.find("'entryPref': Value('Tunnel::TunnelTable::TunnelEntryPref', ** {'value': 40})"),
-       std::string::npos)
-       << t.text;
 }
 
 TEST(Description, MldpTunnelCarriesItsTreeIdAndVias) {
@@ -265,12 +241,8 @@ TEST(Description, SyntaxErrorsGiveTheLine) {
    EXPECT_EQ(errorOf("{\"tunnels\": [\n"),
              "bad.json:2: syntax error while parsing value - unexpected end of input; expected "
              "'[', '{', or a literal");
-   try {
-      loadDescription("/nonexistent/net.json");
-      FAIL() << "no error";
-   } catch (const DescriptionError& e) {
-      EXPECT_STREQ(e.what(), "/nonexistent/net.json: cannot read: No such file or directory");
-   }
+   EXPECT_EQ(Testing::errorText<DescriptionError>([] { loadDescription("/nonexistent/net.json"); }),
+             "/nonexistent/net.json: cannot read: No such file or directory");
 }
 
 }  // namespace
