@@ -1,7 +1,8 @@
 // Waking readers through the wake directory: readers joining after the writer, killed readers
-// whose names the writer removes, a restarted writer finding the readers already there, many
-// tables of one process sharing one inotify instance, long paths, writers on several threads,
-// names that survive pid reuse, and stopped readers that cannot hold up a live one.
+// whose names the writer removes (names that survive pid reuse), many tables of one process
+// sharing one inotify instance, paths too long for a socket address, writers on several threads,
+// and stopped readers that cannot hold up a live one. (A restarted writer finding the readers
+// already there: HeraldTest.)
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -51,6 +52,12 @@ int inotifyInstances() {
    return n;
 }
 
+::testing::AssertionResult attached(HeraldReader& r, const std::string& dir, uint32_t relume) {
+   std::string reason;
+   if (r.attach(dir, relume, reason)) return ::testing::AssertionSuccess();
+   return ::testing::AssertionFailure() << reason;
+}
+
 // Field 22 of /proc/<pid>/stat, counted after the command name.
 std::string startTimeOf(pid_t pid) {
    std::ifstream in(fmt::format("/proc/{}/stat", pid));
@@ -71,11 +78,11 @@ TEST(Wake, ReaderNamesHoldPidAndStartTimeSoADeadNamesRemovalNeverHitsALiveReader
    EXPECT_EQ(Wake::processTag(), fmt::format("{}-{}", ::getpid(), startTimeOf(::getpid())));
 
    Testing::TempRoot root;
+   const std::string wakeDir = root.path() + "/wake/";
    HeraldWriter w;
    w.create(root.path(), 9, 64);
    HeraldReader live;
-   std::string reason;
-   ASSERT_TRUE(live.attach(root.path(), 9, reason)) << reason;
+   ASSERT_TRUE(attached(live, root.path(), 9));
    EXPECT_EQ(live.wakeName(),
              Wake::processTag() + "-" + live.wakeName().substr(Wake::processTag().size() + 1));
    // A forked child is another process: its own pid and start time.
@@ -83,8 +90,7 @@ TEST(Wake, ReaderNamesHoldPidAndStartTimeSoADeadNamesRemovalNeverHitsALiveReader
    ASSERT_EQ(::pipe(names), 0);
    const pid_t child = Testing::forkChild([&] {
       HeraldReader r;
-      std::string why;
-      if (!r.attach(root.path(), 9, why)) return 2;
+      if (!attached(r, root.path(), 9)) return 2;
       const std::string n = r.wakeName();
       if (::write(names[1], n.data(), n.size()) != ssize_t(n.size())) return 3;
       ::pause();
@@ -92,10 +98,18 @@ TEST(Wake, ReaderNamesHoldPidAndStartTimeSoADeadNamesRemovalNeverHitsALiveReader
    });
    char buf[64] = {};
    ASSERT_GT(::read(names[0], buf, sizeof(buf) - 1), 0);
-   EXPECT_EQ(std::string(buf).rfind(fmt::format("{}-{}-", child, startTimeOf(child)), 0), 0u)
-       << buf;
+   ::close(names[0]);
+   ::close(names[1]);
+   const std::string name(buf);
+   EXPECT_EQ(name.rfind(fmt::format("{}-{}-", child, startTimeOf(child)), 0), 0u) << name;
+   w.post(1);
+   w.wake();
+   EXPECT_TRUE(w.fanout().hasReader(name));
+   EXPECT_EQ(w.fanout().readers(), 2u);
    ASSERT_EQ(::kill(child, SIGKILL), 0);
    EXPECT_EQ(Testing::waitChild(child), 128 + SIGKILL);
+   // Nobody closed the socket gracefully: its name stays until the writer's send is refused.
+   EXPECT_TRUE(exists(wakeDir + name));
 
    // A dead reader that had this very pid, in an earlier process: same pid, earlier start time.
    // Its name is removed when its wake is refused; the live reader's name is not touched.
@@ -105,20 +119,26 @@ TEST(Wake, ReaderNamesHoldPidAndStartTimeSoADeadNamesRemovalNeverHitsALiveReader
       const int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
       sockaddr_un addr{};
       addr.sun_family = AF_UNIX;
-      const std::string path = root.path() + "/wake/" + deadName;
-      std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-      ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << path;
+      std::strncpy(addr.sun_path, (wakeDir + deadName).c_str(), sizeof(addr.sun_path) - 1);
+      ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << deadName;
       ::close(fd);  // dies without removing its name
    }
-   w.post(1);
+   live.drainWake();
+   w.post(2);
    w.wake();
-   EXPECT_FALSE(exists(root.path() + "/wake/" + deadName));
-   EXPECT_FALSE(exists(root.path() + "/wake/" + std::string(buf)));
+   EXPECT_FALSE(exists(wakeDir + deadName));
+   EXPECT_FALSE(exists(wakeDir + name));
+   EXPECT_FALSE(w.fanout().hasReader(name));
+   EXPECT_EQ(w.fanout().readers(), 1u);
    EXPECT_EQ(w.fanout().counters().removed, 2u);
-   EXPECT_TRUE(exists(root.path() + "/wake/" + live.wakeName()));
+   EXPECT_TRUE(exists(wakeDir + live.wakeName()));
+   // The live reader was woken all the same, and later wakes cost nothing for the dead ones.
    EXPECT_TRUE(waitReadable(live.eventFd(), 5000));
-   ::close(names[0]);
-   ::close(names[1]);
+   live.drainWake();
+   w.post(3);
+   w.wake();
+   EXPECT_EQ(w.fanout().counters().removed, 2u);
+   EXPECT_TRUE(waitReadable(live.eventFd(), 5000));
 }
 
 TEST(Wake, StoppedReadersHoldOneWakeEachAndNeverDelayALiveOne) {
@@ -131,8 +151,7 @@ TEST(Wake, StoppedReadersHoldOneWakeEachAndNeverDelayALiveOne) {
    for (int i = 0; i < kStopped; ++i) {
       stopped.push_back(Testing::forkChild([&] {
          HeraldReader r;
-         std::string why;
-         if (!r.attach(root.path(), 11, why)) return 2;
+         if (!attached(r, root.path(), 11)) return 2;
          ::raise(SIGSTOP);
          return 0;
       }));
@@ -143,8 +162,7 @@ TEST(Wake, StoppedReadersHoldOneWakeEachAndNeverDelayALiveOne) {
       ASSERT_TRUE(WIFSTOPPED(status));
    }
    HeraldReader live;
-   std::string reason;
-   ASSERT_TRUE(live.attach(root.path(), 11, reason)) << reason;
+   ASSERT_TRUE(attached(live, root.path(), 11));
    constexpr uint32_t kBatches = 4000;
    for (uint32_t b = 0; b < kBatches; ++b) {
       w.post(b % 1000);
@@ -172,22 +190,35 @@ TEST(Wake, StoppedReadersHoldOneWakeEachAndNeverDelayALiveOne) {
    EXPECT_TRUE(waitReadable(live.eventFd(), 2000));
 }
 
+// In a directory too long for a socket address, so that every bind and send goes through the
+// wake directory's descriptor.
 TEST(Wake, ReaderJoiningAfterTheWriterIsWokenByTheNextBatch) {
    Testing::TempRoot root;
+   std::string dir = root.path();
+   while (dir.size() < 150) {
+      dir += "/" + std::string(40, 'd');
+      ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+   }
+   sockaddr_un a;
+   const socklen_t n = Wake::address(dir + "/wake", 17, "12-3", a);
+   EXPECT_EQ(std::string(a.sun_path), "/proc/self/fd/17/12-3");
+   EXPECT_EQ(n, socklen_t(offsetof(sockaddr_un, sun_path) + 22));
+   Wake::address("/short", 17, "12-3", a);
+   EXPECT_EQ(std::string(a.sun_path), "/short/12-3");
+
    HeraldWriter w;
-   w.create(root.path(), 5, 64);
+   w.create(dir, 5, 64);
    w.post(1);
    w.wake();
    EXPECT_EQ(w.fanout().readers(), 0u);
 
    HeraldReader r;
-   std::string reason;
-   ASSERT_TRUE(r.attach(root.path(), 5, reason)) << reason;
+   ASSERT_TRUE(attached(r, dir, 5));
    const std::string name = r.wakeName();
    EXPECT_TRUE(Wake::isReaderName(name)) << name;
-   EXPECT_EQ(name.substr(0, name.find('-')), std::to_string(::getpid()));
+   EXPECT_TRUE(exists(dir + "/wake/" + name));
    struct stat st;
-   ASSERT_EQ(::stat((root.path() + "/wake").c_str(), &st), 0);
+   ASSERT_EQ(::stat((dir + "/wake").c_str(), &st), 0);
    EXPECT_EQ(st.st_mode & 07777, 01777u);
    EXPECT_FALSE(waitReadable(r.eventFd(), 0));
 
@@ -201,98 +232,20 @@ TEST(Wake, ReaderJoiningAfterTheWriterIsWokenByTheNextBatch) {
    ASSERT_EQ(r.next(e), HeraldReader::Next::kEntry);
    EXPECT_EQ(e.slot, 2u);
 
-   // No batch, no datagram.
+   // No batch, no wake and no datagram.
+   const uint32_t wakes = w.header()->wakeWord.load();
    w.wake();
+   EXPECT_EQ(w.header()->wakeWord.load(), wakes);
    EXPECT_FALSE(waitReadable(r.eventFd(), 0));
 
    // Detaching removes the name; the writer forgets it at its next wake without a failed send.
    r.detach();
-   EXPECT_FALSE(exists(root.path() + "/wake/" + name));
+   EXPECT_FALSE(exists(dir + "/wake/" + name));
    w.post(3);
    w.wake();
    EXPECT_EQ(w.fanout().readers(), 0u);
    EXPECT_EQ(w.fanout().counters().removed, 0u);
    EXPECT_EQ(w.fanout().counters().sent, 1u);
-}
-
-TEST(Wake, SocketOfAReaderKilledWithSigkillIsRemovedByTheWriter) {
-   Testing::TempRoot root;
-   HeraldWriter w;
-   w.create(root.path(), 7, 64);
-   HeraldReader live;
-   std::string reason;
-   ASSERT_TRUE(live.attach(root.path(), 7, reason)) << reason;
-   int ready[2];
-   ASSERT_EQ(::pipe(ready), 0);
-   const pid_t child = Testing::forkChild([&] {
-      HeraldReader r;
-      std::string why;
-      if (!r.attach(root.path(), 7, why)) return 2;
-      const std::string& n = r.wakeName();
-      if (::write(ready[1], n.data(), n.size()) != ssize_t(n.size())) return 3;
-      ::pause();
-      return 4;
-   });
-   char buf[64] = {};
-   const ssize_t got = ::read(ready[0], buf, sizeof(buf) - 1);
-   ASSERT_GT(got, 0);
-   const std::string name(buf, size_t(got));
-   EXPECT_EQ(name.substr(0, name.find('-')), std::to_string(child));
-
-   w.post(1);
-   w.wake();
-   EXPECT_TRUE(w.fanout().hasReader(name));
-   EXPECT_EQ(w.fanout().readers(), 2u);
-
-   ASSERT_EQ(::kill(child, SIGKILL), 0);
-   EXPECT_EQ(Testing::waitChild(child), 128 + SIGKILL);
-   // Nobody closed the socket gracefully: its name stays until the writer's send is refused.
-   EXPECT_TRUE(exists(root.path() + "/wake/" + name));
-   live.drainWake();
-   w.post(2);
-   w.wake();
-   EXPECT_FALSE(exists(root.path() + "/wake/" + name));
-   EXPECT_FALSE(w.fanout().hasReader(name));
-   EXPECT_EQ(w.fanout().readers(), 1u);
-   EXPECT_EQ(w.fanout().counters().removed, 1u);
-   // The live reader was woken all the same, and later wakes cost nothing for the dead one.
-   EXPECT_TRUE(waitReadable(live.eventFd(), 5000));
-   live.drainWake();
-   w.post(3);
-   w.wake();
-   EXPECT_EQ(w.fanout().counters().removed, 1u);
-   EXPECT_TRUE(waitReadable(live.eventFd(), 5000));
-   ::close(ready[0]);
-   ::close(ready[1]);
-}
-
-TEST(Wake, RestartedWriterFindsTheReadersAlreadyThere) {
-   Testing::TempRoot root;
-   auto w = std::make_unique<HeraldWriter>();
-   w->create(root.path(), 30, 64);
-   int ready[2];
-   ASSERT_EQ(::pipe(ready), 0);
-   const pid_t child = Testing::forkChild([&] {
-      HeraldReader r;
-      std::string why;
-      if (!r.attach(root.path(), 30, why)) return 2;
-      const char c = 'r';
-      if (::write(ready[1], &c, 1) != 1) return 3;
-      // Sleeps until a datagram arrives: only the restarted writer sends one.
-      if (!waitReadable(r.eventFd(), 20000)) return 4;
-      return r.relume() == 31 ? 0 : 5;
-   });
-   char c;
-   ASSERT_EQ(::read(ready[0], &c, 1), 1);
-   // The writer goes away without waking anyone; a new one attaches to the same files.
-   w.reset();
-   HeraldWriter again;
-   again.attach(root.path(), 31);
-   // Found by listing the directory (the reader may already have left again when it returns).
-   EXPECT_EQ(again.fanout().counters().sent, 1u);
-   EXPECT_EQ(Testing::waitChild(child), 0);
-   ::close(ready[0]);
-   ::close(ready[1]);
 }
 
 TEST(Wake, TablesOfOneProcessShareOneInotifyInstance) {
@@ -307,8 +260,7 @@ TEST(Wake, TablesOfOneProcessShareOneInotifyInstance) {
       writers.push_back(std::make_unique<HeraldWriter>());
       writers.back()->create(dir, 100 + i, 16);
       readers.push_back(std::make_unique<HeraldReader>());
-      std::string reason;
-      ASSERT_TRUE(readers.back()->attach(dir, 100 + i, reason)) << reason;
+      ASSERT_TRUE(attached(*readers.back(), dir, 100 + i));
    }
    EXPECT_EQ(inotifyInstances(), 1);
    EXPECT_EQ(WakeWatcher::instance().watches(), watchesBefore + kTables);
@@ -329,8 +281,7 @@ TEST(Wake, TablesOfOneProcessShareOneInotifyInstance) {
    EXPECT_EQ(second.fanout().readers(), 1u);
    writers[0].reset();
    HeraldReader late;
-   std::string reason;
-   ASSERT_TRUE(late.attach(root.path() + "/t0", 200, reason)) << reason;
+   ASSERT_TRUE(attached(late, root.path() + "/t0", 200));
    second.post(1);
    second.wake();
    EXPECT_EQ(second.fanout().readers(), 2u);
@@ -341,57 +292,29 @@ TEST(Wake, TablesOfOneProcessShareOneInotifyInstance) {
    EXPECT_EQ(inotifyInstances(), 1);
 }
 
-TEST(Wake, PathsTooLongForASocketAddressGoThroughTheDirectoryDescriptor) {
-   Testing::TempRoot root;
-   std::string dir = root.path();
-   while (dir.size() < 150) {
-      dir += "/" + std::string(40, 'd');
-      ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-   }
-   HeraldWriter w;
-   w.create(dir, 9, 16);
-   HeraldReader r;
-   std::string reason;
-   ASSERT_TRUE(r.attach(dir, 9, reason)) << reason;
-   EXPECT_TRUE(exists(dir + "/wake/" + r.wakeName()));
-   w.post(1);
-   w.wake();
-   EXPECT_TRUE(waitReadable(r.eventFd(), 5000));
-   EXPECT_EQ(w.fanout().counters().sent, 1u);
-
-   sockaddr_un a;
-   const socklen_t n = Wake::address(dir + "/wake", 17, "12-3", a);
-   EXPECT_EQ(std::string(a.sun_path), "/proc/self/fd/17/12-3");
-   EXPECT_EQ(n, socklen_t(offsetof(sockaddr_un, sun_path) + 22));
-   Wake::address("/short", 17, "12-3", a);
-   EXPECT_EQ(std::string(a.sun_path), "/short/12-3");
-}
-
 TEST(Wake, WritersOnSeveralThreadsWakeWhileReadersComeAndGo) {
    Testing::TempRoot root;
    constexpr int kThreads = 3;
    constexpr int kBatches = 300;
-   std::vector<std::string> dirs;
-   std::vector<std::unique_ptr<HeraldWriter>> writers;
+   struct Table {
+      std::string dir;
+      HeraldWriter writer;
+      HeraldReader steady;
+   } tables[kThreads];
    for (int i = 0; i < kThreads; ++i) {
-      dirs.push_back(root.path() + "/w" + std::to_string(i));
-      ASSERT_EQ(::mkdir(dirs.back().c_str(), 0755), 0);
-      writers.push_back(std::make_unique<HeraldWriter>());
-      writers.back()->create(dirs.back(), 50 + i, 1024);
-   }
-   std::vector<std::unique_ptr<HeraldReader>> steady;
-   for (int i = 0; i < kThreads; ++i) {
-      steady.push_back(std::make_unique<HeraldReader>());
-      std::string reason;
-      ASSERT_TRUE(steady.back()->attach(dirs[i], 50 + i, reason)) << reason;
+      Table& t = tables[i];
+      t.dir = root.path() + "/w" + std::to_string(i);
+      ASSERT_EQ(::mkdir(t.dir.c_str(), 0755), 0);
+      t.writer.create(t.dir, 50 + i, 1024);
+      ASSERT_TRUE(attached(t.steady, t.dir, 50 + i));
    }
    std::atomic<int> running{kThreads};
    std::vector<std::thread> threads;
-   for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&, i] {
+   for (Table& t : tables) {
+      threads.emplace_back([&] {
          for (int b = 0; b < kBatches; ++b) {
-            writers[i]->post(uint32_t(b));
-            writers[i]->wake();
+            t.writer.post(uint32_t(b));
+            t.writer.wake();
          }
          running.fetch_sub(1);
       });
@@ -400,19 +323,18 @@ TEST(Wake, WritersOnSeveralThreadsWakeWhileReadersComeAndGo) {
    while (running.load() > 0) {
       for (int i = 0; i < kThreads; ++i) {
          HeraldReader r;
-         std::string reason;
-         ASSERT_TRUE(r.attach(dirs[i], 50 + i, reason)) << reason;
+         EXPECT_TRUE(attached(r, tables[i].dir, 50 + i));
       }
    }
    for (auto& t : threads) t.join();
-   for (int i = 0; i < kThreads; ++i) {
+   for (Table& t : tables) {
       // Every reader that came and went is forgotten at the next wake (one that left between
       // being learned of and being sent to counts as removed); the steady one stays.
-      writers[i]->post(0);
-      writers[i]->wake();
-      EXPECT_EQ(writers[i]->fanout().readers(), 1u) << i;
-      EXPECT_TRUE(writers[i]->fanout().hasReader(steady[i]->wakeName())) << i;
-      EXPECT_TRUE(waitReadable(steady[i]->eventFd(), 5000));
+      t.writer.post(0);
+      t.writer.wake();
+      EXPECT_EQ(t.writer.fanout().readers(), 1u) << t.dir;
+      EXPECT_TRUE(t.writer.fanout().hasReader(t.steady.wakeName())) << t.dir;
+      EXPECT_TRUE(waitReadable(t.steady.eventFd(), 5000));
    }
 }
 
