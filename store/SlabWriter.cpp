@@ -71,18 +71,23 @@ void SlabWriter::checkHeader(uint32_t wantedRelume) {
    }
 }
 
-void SlabWriter::open(bool readOnly) {
-   file_ = readOnly ? Region::MappedFile::openReadOnly(path_)
-                    : Region::MappedFile::openReadWrite(path_);
-   mapped();
+template <class F>
+void SlabWriter::closeIfThrows(F&& check) {
    try {
-      // A restarted writer keeps files of an earlier generation: any relume is accepted here.
-      checkHeader(0);
+      check();
    } catch (...) {
       file_.close();
       mapped();
       throw;
    }
+}
+
+void SlabWriter::open(bool readOnly) {
+   file_ = readOnly ? Region::MappedFile::openReadOnly(path_)
+                    : Region::MappedFile::openReadWrite(path_);
+   mapped();
+   // A restarted writer keeps files of an earlier generation: any relume is accepted here.
+   closeIfThrows([&] { checkHeader(0); });
 }
 
 void SlabWriter::attach() {
@@ -98,8 +103,7 @@ bool SlabWriter::repair() {
    file_ = Region::MappedFile::openReadWrite(path_);
    mapped();
    SlabHeader* h = header();
-   std::string reason;
-   try {
+   closeIfThrows([&] {
       // What no operation changes must hold before the rest is rebuilt from it.
       if (file_.size() < Dock::kSlabHeaderSize ||
           std::atomic_ref<uint64_t>(h->magic).load(std::memory_order_acquire) != Dock::kSlabMagic ||
@@ -109,11 +113,7 @@ bool SlabWriter::repair() {
          corrupt(fmt::format("{}::repair() numEntries: {} but the file holds {}", name_,
                              numEntries(), mappedEntries_));
       }
-   } catch (...) {
-      file_.close();
-      mapped();
-      throw;
-   }
+   });
    const uint32_t n = numEntries();
    const uint32_t oldHead = h->freeList.load(std::memory_order_relaxed);
    const uint32_t oldOccupied = numOccupied();
@@ -132,13 +132,7 @@ bool SlabWriter::repair() {
    h->numOccupied.store(occupied, std::memory_order_relaxed);
    SPOOR_TRACE(trace(), 1, "{}::repair() freeList: {} -> {} numOccupied: {} -> {}", name_, oldHead,
                head, oldOccupied, occupied);
-   try {
-      checkHeader(0);
-   } catch (...) {
-      file_.close();
-      mapped();
-      throw;
-   }
+   closeIfThrows([&] { checkHeader(0); });
    stampSlabRelume(h, relume_);
    return oldHead != head || oldOccupied != occupied;
 }

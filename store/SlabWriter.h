@@ -109,6 +109,9 @@ class SlabWriter {
    }
    // Re-reads the mapping's size into mappedEntries_ (after every map, unmap and resize).
    void mapped();
+   // Runs `check`; if it throws, closes the file before the error goes on.
+   template <class F>
+   void closeIfThrows(F&& check);
    // Throws the getEntry() range error.
    [[noreturn]] void beyond(uint32_t index) const;
    void checkHeader(uint32_t wantedRelume);
