@@ -69,15 +69,13 @@ uint32_t removeStraySlabFiles(const std::string& dir) {
           !std::isdigit(uint8_t(n[5])) || !std::isdigit(uint8_t(n[6])) || n[7] != '.') {
          continue;
       }
-      bool digits = len > 12;
+      bool digits = true;  // the pid, between "slab.NN." and ".tmp" (at least one: len >= 13)
       for (size_t i = 8; i < len - 4; ++i) digits = digits && std::isdigit(uint8_t(n[i]));
       if (!digits) continue;
       if (::unlinkat(::dirfd(d), n, 0) == 0) {
          ++removed;
          SPOOR_TRACE(Spoor::handle("Tessel"), 1,
-                     "{}/{} removed: left by a writer killed while "
-                     "creating a slab",
-                     dir, n);
+                     "{}/{} removed: left by a writer killed while creating a slab", dir, n);
       }
    }
    ::closedir(d);
