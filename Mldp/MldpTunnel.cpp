@@ -6,7 +6,6 @@
 #include "TunnelTable/EntryRecord.h"
 #include "Vela/ArraySizeError.h"
 #include "Vela/Assert.h"
-#include "Vela/TypeRegistry.h"
 #include "Vela/ValueText.h"
 
 namespace Tunnel::TunnelTable {
@@ -117,16 +116,15 @@ std::ostream& operator<<(std::ostream& os, const MldpTunnelTableEntry& e) {
    return os << valueToStrep(e);
 }
 
-template class TunnelTableFamily<MldpTunnelTableEntry>;
-
 void registerMldpTunnelTableType() {
-   Vela::TypeRegistry::instance().typeIs(mldpTunnelTableType.typeName, [](const Vela::String& n) {
-      return Vela::Ptr<Vela::Entity>(mldpTunnelTableFactory(n));
-   });
+   registerTables(MldpTables{});
 }
 
 namespace {
-const bool registeredAtLoad = (registerMldpTunnelTableType(), true);
+const bool registeredAtLoad = registerTables(MldpTables{});
 }  // namespace
 
 }  // namespace Tunnel::TunnelTable
+
+TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::MldpTunnelTableEntry,
+                             Tunnel::TunnelTable::TunnelTableBase)

@@ -11,19 +11,30 @@ namespace Tunnel::TunnelTable {
 inline constexpr uint32_t kMldpTreeIdMaxLen = 4096;
 
 // The largest entry: a tree id text of up to kMldpTreeIdMaxLen bytes and 600 vias.
-inline constexpr TunnelTableType mldpTunnelTableType{
-    "Tunnel::TunnelTable::MldpTunnelTable", MldpTunnelTableEntry::kTypeName, TunnelType::mldpTunnel,
+inline constexpr TableType mldpTunnelTableType{
+    "Tunnel::TunnelTable::MldpTunnelTable",
+    MldpTunnelTableEntry::kTypeName,
+    "mldpTunnel",
+    "tunnel/table/mldpTunnel",
+    TunnelType::mldpTunnel,
     TunnelTableIdentifier::mldpTunnelTable,
     MulticastTunnelTableEntry::kFixedLen + kMldpTreeIdMaxLen + 4 +
         MldpTunnelTableEntry::kViaCapacity* MplsVia::kSerializedSize};
 
-extern template class TunnelTableFamily<MldpTunnelTableEntry>;  // in MldpTunnel.cpp
+}  // namespace Tunnel::TunnelTable
 
-TUNNEL_TABLE_MEMBER(MldpTunnelTable, TunnelTableFamily<MldpTunnelTableEntry>, mldpTunnelTableType,
-                    mldpTunnelTableFactory)
+// In MldpTunnel.cpp.
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::MldpTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase)
 
-// Registers "Tunnel::TunnelTable::MldpTunnelTable" in Vela's type registry. Idempotent; also run
-// once when the library loads.
-void registerMldpTunnelTableType();
+    namespace Tunnel::TunnelTable {
+   TUNNEL_TABLE_MEMBER(MldpTunnelTable, TunnelTableFamily<MldpTunnelTableEntry>,
+                       mldpTunnelTableType, mldpTunnelTableFactory)
+
+   // This folder's tables: registered when the library loads; the typed tests run over it.
+   using MldpTables = TableList<MldpTunnelTable>;
+
+   // Registers the mLDP table (idempotent); also run once when the library loads.
+   void registerMldpTunnelTableType();
 
 }  // namespace Tunnel::TunnelTable

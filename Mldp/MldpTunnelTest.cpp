@@ -8,6 +8,7 @@
 
 #include "Mldp/MldpTunnelTable.h"
 #include "Mldp/MldpTunnelTableEntry.h"
+#include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTableFamilyTests.h"
 #include "Vela/ArraySizeError.h"
 #include "testing/Expect.h"
@@ -27,8 +28,7 @@ struct EntryMaker<MldpTunnelTableEntry> {
    }
 };
 
-using MldpMembers =
-    ::testing::Types<Member<MldpTunnelTable, mldpTunnelTableFactory, mldpTunnelTableType>>;
+using MldpMembers = MembersOf<MldpTables>::type;
 INSTANTIATE_TYPED_TEST_SUITE_P(Mldp, TunnelTableFamilyTest, MldpMembers);
 }  // namespace FamilyTest
 
@@ -208,6 +208,11 @@ TEST(MldpTunnelTable, IsMemberTwentyOfType22) {
    EXPECT_EQ(int(t->tunnelTableId()), 20);
    using Notifiee = MldpTunnelTable::MldpTunnelTableZeroReferencesNotifiee;
    EXPECT_NE(dynamic_cast<Notifiee*>(t->zeroReferencesNotifiee()), nullptr);
+   // Its registry row is what the mounter reads for identifier 20.
+   const auto info = TunnelTableMounter::getMountInfo(TunnelTableIdentifier::mldpTunnelTable);
+   EXPECT_EQ(info.tableInfo.typeName, "Tunnel::TunnelTable::MldpTunnelTable");
+   EXPECT_EQ(info.tableInfo.mountName, "mldpTunnel");
+   EXPECT_EQ(info.tableInfo.path, "tunnel/table/mldpTunnel");
 }
 
 }  // namespace

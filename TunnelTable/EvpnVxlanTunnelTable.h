@@ -14,38 +14,47 @@ using Id64 = uint64_t;
 // "entryControl"; this one follows them.
 inline constexpr Vela::AttributeId attrLastAllocatedId{388};
 
-inline constexpr TunnelTableType evpnVxlanTunnelTableType{
-    "Tunnel::TunnelTable::EvpnVxlanTunnelTable", "Tunnel::TunnelTable::EvpnVxlanTunnelEntry",
-    TunnelType::evpnVxlanTunnel, TunnelTableIdentifier::evpnVxlanTunnelTable,
-    EvpnVxlanTunnelEntry::kSerializedLen};
+inline constexpr TableType evpnVxlanTunnelTableType{"Tunnel::TunnelTable::EvpnVxlanTunnelTable",
+                                                    "Tunnel::TunnelTable::EvpnVxlanTunnelEntry",
+                                                    "evpnVxlan",
+                                                    "tunnel/table/evpnVxlan",
+                                                    TunnelType::evpnVxlanTunnel,
+                                                    TunnelTableIdentifier::evpnVxlanTunnelTable,
+                                                    EvpnVxlanTunnelEntry::kSerializedLen};
 
-extern template class TunnelTableFamily<EvpnVxlanTunnelEntry>;  // in TunnelTables.cpp
+}  // namespace Tunnel::TunnelTable
 
-class EvpnVxlanTunnelTable : public TunnelTableFamily<EvpnVxlanTunnelEntry> {
-  public:
-   class EvpnVxlanTunnelTableZeroReferencesNotifiee : public TunnelTableZeroReferencesNotifiee {
+// In TunnelTables.cpp.
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::EvpnVxlanTunnelEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase)
+
+    namespace Tunnel::TunnelTable {
+   class EvpnVxlanTunnelTable : public TunnelTableFamily<EvpnVxlanTunnelEntry> {
      public:
-      using TunnelTableZeroReferencesNotifiee::TunnelTableZeroReferencesNotifiee;
+      static constexpr const TableType& kTableType = evpnVxlanTunnelTableType;
+      class EvpnVxlanTunnelTableZeroReferencesNotifiee : public StoreTableZeroReferencesNotifiee {
+        public:
+         using StoreTableZeroReferencesNotifiee::StoreTableZeroReferencesNotifiee;
+      };
+
+      explicit EvpnVxlanTunnelTable(const Vela::String& name);
+      static Vela::Ptr<EvpnVxlanTunnelTable> EvpnVxlanTunnelTableIs(const Vela::String& name);
+
+      static constexpr Id64 maxId() noexcept { return 0xFFFFFFFFu; }
+      Id64 lastAllocatedId() const noexcept { return lastAllocatedId_; }
+      // Sets the counter; observers of lastAllocatedId are told only when it changed.
+      void lastAllocatedIdIs(Id64 id);
+      // Adds `amount`; observers are told only when the value changed.
+      void lastAllocatedIdInc(Id64 amount);
+
+      // Hands out the next index and returns its type-6 tunnel id. Asserts when the last index
+      // (maxId) has been handed out already.
+      TunnelId newTunnelId();
+
+     private:
+      Id64 lastAllocatedId_ = 0;
    };
 
-   explicit EvpnVxlanTunnelTable(const Vela::String& name);
-   static Vela::Ptr<EvpnVxlanTunnelTable> EvpnVxlanTunnelTableIs(const Vela::String& name);
-
-   static constexpr Id64 maxId() noexcept { return 0xFFFFFFFFu; }
-   Id64 lastAllocatedId() const noexcept { return lastAllocatedId_; }
-   // Sets the counter; observers of lastAllocatedId are told only when it changed.
-   void lastAllocatedIdIs(Id64 id);
-   // Adds `amount`; observers are told only when the value changed.
-   void lastAllocatedIdInc(Id64 amount);
-
-   // Hands out the next index and returns its type-6 tunnel id. Asserts when the last index
-   // (maxId) has been handed out already.
-   TunnelId newTunnelId();
-
-  private:
-   Id64 lastAllocatedId_ = 0;
-};
-
-Vela::Ptr<EvpnVxlanTunnelTable> evpnVxlanTunnelTableFactory(const Vela::String& name);
+   Vela::Ptr<EvpnVxlanTunnelTable> evpnVxlanTunnelTableFactory(const Vela::String& name);
 
 }  // namespace Tunnel::TunnelTable

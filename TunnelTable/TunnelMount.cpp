@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "TunnelTable/TableRegistry.h"
 #include "TunnelTable/TunnelTableBase.h"
 #include "Vault/CollectionControl.h"
 #include "Vela/Assert.h"
@@ -46,97 +47,15 @@ TunnelTableMounter::TunnelTableMounter(const Vela::Ptr<Vault::MountService>& ser
       loop_(&loop) {}
 
 TunnelTableMountInfo TunnelTableMounter::getMountInfo(TunnelTableIdentifier id) {
-   const char* typeName = nullptr;
-   const char* mountName = nullptr;
-   using Id = TunnelTableIdentifier;
-   switch (id) {
-      case Id::bgpLuTunnelTable:
-         typeName = "Tunnel::TunnelTable::BgpLuTunnelTable";
-         mountName = "bgpLu";
-         break;
-      case Id::bgpLuPushTunnelTable:
-         typeName = "Tunnel::TunnelTable::BgpLuPushTunnelTable";
-         mountName = "bgpLuPush";
-         break;
-      case Id::ldpTunnelTable:
-         typeName = "Tunnel::TunnelTable::LdpTunnelTable";
-         mountName = "ldp";
-         break;
-      case Id::rsvpFrrTunnelTable:
-         typeName = "Tunnel::TunnelTable::RsvpFrrTunnelTable";
-         mountName = "rsvpFrr";
-         break;
-      case Id::rsvpLerSubTunnelTable:
-         typeName = "Tunnel::TunnelTable::RsvpLerSubTunnelTable";
-         mountName = "rsvpLerSub";
-         break;
-      case Id::rsvpLerTunnelTable:
-         typeName = "Tunnel::TunnelTable::RsvpLerTunnelTable";
-         mountName = "rsvpLer";
-         break;
-      case Id::isisSrTunnelTable:
-         // Deliberately the bare "sr": readers of the IS-IS SR table mount it by that name.
-         typeName = "Tunnel::TunnelTable::IsisSrTunnelTable";
-         mountName = "sr";
-         break;
-      case Id::ospfSrTunnelTable:
-         typeName = "Tunnel::TunnelTable::OspfSrTunnelTable";
-         mountName = "ospfSr";
-         break;
-      case Id::staticTunnelTable:
-         typeName = "Tunnel::TunnelTable::StaticTunnelTable";
-         mountName = "static";
-         break;
-      case Id::nexthopGroupTunnelTable:
-         typeName = "Tunnel::TunnelTable::NexthopGroupTunnelTable";
-         mountName = "nexthopGroup";
-         break;
-      case Id::srTeSegmentListTunnelTable:
-         typeName = "Tunnel::TunnelTable::SrTeSegmentListTunnelTable";
-         mountName = "srTeSegmentList";
-         break;
-      case Id::greIntfTunnelTable:
-         typeName = "Tunnel::TunnelTable::GreIntfTunnelTable";
-         mountName = "greTunnelInterface";
-         break;
-      case Id::ipsecVtiIntfTunnelTable:
-         typeName = "Tunnel::TunnelTable::IpsecVtiIntfTunnelTable";
-         mountName = "ipsecVtiTunnelInterface";
-         break;
-      case Id::ipsecGreIntfTunnelTable:
-         typeName = "Tunnel::TunnelTable::IpsecGreIntfTunnelTable";
-         mountName = "ipsecGreTunnelInterface";
-         break;
-      case Id::evpnVxlanTunnelTable:
-         typeName = "Tunnel::TunnelTable::EvpnVxlanTunnelTable";
-         mountName = "evpnVxlan";
-         break;
-      case Id::tiLfaTunnelTable:
-         typeName = "Tunnel::TunnelTable::TiLfaTunnelTable";
-         mountName = "tiLfa";
-         break;
-      case Id::srTePolicyTunnelTable:
-         typeName = "Tunnel::TunnelTable::SrTePolicyTunnelTable";
-         mountName = "srTePolicy";
-         break;
-      case Id::nimboSdkSbfdSessionTunnelTable:
-         typeName = "Tunnel::TunnelTable::NimboSdkSbfdSessionTunnelTable";
-         mountName = "nimboSdkSbfd";
-         break;
-      case Id::isisFlexAlgoTunnelTable:
-         typeName = "Tunnel::TunnelTable::IsisFlexAlgoTunnelTable";
-         mountName = "isisFlexAlgoTunnel";
-         break;
-      case Id::mldpTunnelTable:
-         typeName = "Tunnel::TunnelTable::MldpTunnelTable";
-         mountName = "mldpTunnel";
-         break;
-      default:
-         VELA_ASSERT_AT(0 && "Must give a valid TunnelTableIdentifier.", "Tunnel/TunnelMount", 22);
-         return {};
+   // The table registry holds the names: one row per table (TunnelTables.h and each folder's
+   // list). An identifier without a row is not a table this process knows.
+   const TableRow* row = TableRegistry::row(id);
+   if (!row) {
+      VELA_ASSERT_AT(0 && "Must give a valid TunnelTableIdentifier.", "Tunnel/TunnelMount", 22);
+      return {};
    }
    TunnelTableMountInfo info;
-   info.tableInfo = TunnelTableInfo(typeName, mountName);
+   info.tableInfo = TunnelTableInfo(row->type->typeName, row->type->mountName);
    // What 1024 sets in the store (its initial number of slots) is the table's choice.
    info.writerMountInfo.collectionIs("entry", 1024);
    return info;

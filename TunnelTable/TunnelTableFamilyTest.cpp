@@ -16,30 +16,7 @@ struct EntryMaker<EvpnVxlanTunnelEntry> {
    }
 };
 
-using Members = ::testing::Types<
-    Member<BgpLuTunnelTable, bgpLuTunnelTableFactory, bgpLuTunnelTableType>,
-    Member<BgpLuPushTunnelTable, bgpLuPushTunnelTableFactory, bgpLuPushTunnelTableType>,
-    Member<LdpTunnelTable, ldpTunnelTableFactory, ldpTunnelTableType>,
-    Member<RsvpFrrTunnelTable, rsvpFrrTunnelTableFactory, rsvpFrrTunnelTableType>,
-    Member<RsvpLerSubTunnelTable, rsvpLerSubTunnelTableFactory, rsvpLerSubTunnelTableType>,
-    Member<RsvpLerTunnelTable, rsvpLerTunnelTableFactory, rsvpLerTunnelTableType>,
-    Member<SrTunnelTableBase, srTunnelTableBaseFactory, srTunnelTableBaseType>,
-    Member<IsisSrTunnelTable, isisSrTunnelTableFactory, isisSrTunnelTableType>,
-    Member<OspfSrTunnelTable, ospfSrTunnelTableFactory, ospfSrTunnelTableType>,
-    Member<StaticTunnelTable, staticTunnelTableFactory, staticTunnelTableType>,
-    Member<NexthopGroupTunnelTable, nexthopGroupTunnelTableFactory, nexthopGroupTunnelTableType>,
-    Member<SrTeSegmentListTunnelTable, srTeSegmentListTunnelTableFactory,
-           srTeSegmentListTunnelTableType>,
-    Member<GreIntfTunnelTable, greIntfTunnelTableFactory, greIntfTunnelTableType>,
-    Member<IpsecVtiIntfTunnelTable, ipsecVtiIntfTunnelTableFactory, ipsecVtiIntfTunnelTableType>,
-    Member<IpsecGreIntfTunnelTable, ipsecGreIntfTunnelTableFactory, ipsecGreIntfTunnelTableType>,
-    Member<EvpnVxlanTunnelTable, evpnVxlanTunnelTableFactory, evpnVxlanTunnelTableType>,
-    Member<TiLfaTunnelTable, tiLfaTunnelTableFactory, tiLfaTunnelTableType>,
-    Member<SrTePolicyTunnelTable, srTePolicyTunnelTableFactory, srTePolicyTunnelTableType>,
-    Member<NimboSdkSbfdSessionTunnelTable, nimboSdkSbfdSessionTunnelTableFactory,
-           nimboSdkSbfdSessionTunnelTableType>,
-    Member<FlexAlgoTunnelTable, flexAlgoTunnelTableFactory, flexAlgoTunnelTableType>,
-    Member<IsisFlexAlgoTunnelTable, isisFlexAlgoTunnelTableFactory, isisFlexAlgoTunnelTableType>>;
+using Members = MembersOf<TunnelTables>::type;
 
 INSTANTIATE_TYPED_TEST_SUITE_P(Protocol, TunnelTableFamilyTest, Members);
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Loom/EventLoop.h"
+#include "TunnelTable/TableRegistry.h"
 #include "TunnelTable/TunnelTableBase.h"
 #include "TunnelTable/TunnelTableEntry.h"
 #include "TunnelTable/TunnelTableFamily.h"
@@ -103,12 +104,24 @@ Vela::Ptr<VelaDock::CollectionControl> mountTable(const Vela::Ptr<Table>& table,
    return control;
 }
 
-// A member as the suite sees it: the table class, its factory and its TunnelTableType.
-template <class T, Vela::Ptr<T> (*Factory)(const Vela::String&), const TunnelTableType& Type>
+// A member as the suite sees it: the table class, the factory its registry row holds, and its
+// TableType.
+template <class T>
 struct Member {
    using Table = T;
-   static Vela::Ptr<T> factory(const Vela::String& name) { return Factory(name); }
-   static const TunnelTableType& type() { return Type; }
+   static Vela::Ptr<T> factory(const Vela::String& name) {
+      const TableRow* row = TableRegistry::rowByTypeName(T::kTableType.typeName);
+      return row ? Vela::dynamicPtrCast<T>(row->factory(name)) : nullptr;
+   }
+   static const TableType& type() { return T::kTableType; }
+};
+
+// The suite's type list for a folder's TableList.
+template <class List>
+struct MembersOf;
+template <class... Tables>
+struct MembersOf<TableList<Tables...>> {
+   using type = ::testing::Types<Member<Tables>...>;
 };
 
 template <class M>

@@ -150,6 +150,11 @@ class DockMap {
       if (writer_) return writer_->members();
       return reader_ ? reader_->members() : 0;
    }
+   // Writer: its notification queue position; reader: the last sequence it consumed.
+   uint64_t sequence() const {
+      if (writer_) return writer_->sequence();
+      return reader_ ? reader_->sequence() : 0;
+   }
 
    // ---- corruption ----
 

@@ -1,4 +1,4 @@
-#include "TunnelTable/TunnelTableBase.h"
+#include "TunnelTable/StoreTableBase.h"
 
 #include <map>
 #include <mutex>
@@ -31,7 +31,7 @@ Spoor::Handle& tunnelTableTrace() {
    return h;
 }
 
-TunnelTableBase::TunnelTableBase(const Vela::String& name, const TunnelTableType& type)
+StoreTableBase::StoreTableBase(const Vela::String& name, const TableType& type)
     : Vela::Entity(name), type_(&type) {
    hasNotificationActiveIs(false);
    std::lock_guard<std::mutex> lock(allocationsMutex);
@@ -40,7 +40,7 @@ TunnelTableBase::TunnelTableBase(const Vela::String& name, const TunnelTableType
    ++a.live;
 }
 
-TunnelTableBase::~TunnelTableBase() {
+StoreTableBase::~StoreTableBase() {
    // Normally the notifiee ran and removed itself; a table torn down otherwise frees it here.
    if (auto* n = zeroReferencesNotifiee()) {
       zeroReferencesNotifieeIs(nullptr);
@@ -50,13 +50,13 @@ TunnelTableBase::~TunnelTableBase() {
    --allocationsByType()[type_->typeName].live;
 }
 
-void TunnelTableBase::zeroReferencesNotifieeSet(TunnelTableZeroReferencesNotifiee* n) {
+void StoreTableBase::zeroReferencesNotifieeSet(StoreTableZeroReferencesNotifiee* n) {
    delete zeroReferencesNotifiee();
    zeroReferencesNotifieeIs(n);
 }
 
-void TunnelTableBase::TunnelTableZeroReferencesNotifiee::onZeroReferences(Vela::Entity* entity) {
-   TunnelTableBase* table = table_;
+void StoreTableBase::StoreTableZeroReferencesNotifiee::onZeroReferences(Vela::Entity* entity) {
+   StoreTableBase* table = table_;
    VELA_ASSERT(entity == table);
    if (Vela::Ptr<VelaDock::CollectionControl> control = std::move(table->entryControl_)) {
       // The temporary reference taken here goes back to zero when it is dropped; the entity's
@@ -67,14 +67,14 @@ void TunnelTableBase::TunnelTableZeroReferencesNotifiee::onZeroReferences(Vela::
    delete this;
 }
 
-void TunnelTableBase::entryControlIs(const Vela::Ptr<VelaDock::CollectionControl>& control) {
+void StoreTableBase::entryControlIs(const Vela::Ptr<VelaDock::CollectionControl>& control) {
    if (control == entryControl_) return;
    entryControl_ = control;
    notify(Vela::attrEntryControl);
 }
 
-void TunnelTableBase::controlIs(const Vela::String& collection,
-                                const Vela::Ptr<VelaDock::CollectionControl>& control) {
+void StoreTableBase::controlIs(const Vela::String& collection,
+                               const Vela::Ptr<VelaDock::CollectionControl>& control) {
    if (collection != "entry") {
       throw Vela::Exception(Vela::String(fwkTypeName()) + " has no collection '" + collection +
                             "'");
@@ -82,21 +82,21 @@ void TunnelTableBase::controlIs(const Vela::String& collection,
    entryControlIs(control);
 }
 
-void TunnelTableBase::entryNotifyQuiesced(bool quiesced) {
+void StoreTableBase::entryNotifyQuiesced(bool quiesced) {
    if (entryControl_) entryControl_->quiescedIs(quiesced);
 }
 
-void TunnelTableBase::entryNotifyMountStatus() {
+void StoreTableBase::entryNotifyMountStatus() {
    SPOOR_TRACE(tunnelTableTrace(), 5, "mountStatus");
    if (entryControl_) entryControl_->mountStatusIs(static_cast<uint8_t>(storeMountStatus() & 0xFF));
 }
 
-bool TunnelTableBase::getCurrentQuiescedState() const {
+bool StoreTableBase::getCurrentQuiescedState() const {
    SPOOR_TRACE(tunnelTableTrace(), 5, "quiesced {} type:{}", storeRootPath(), type_->entryTypeName);
    return storeQuiesced();
 }
 
-Vela::String TunnelTableBase::storeRootPath() const {
+Vela::String StoreTableBase::storeRootPath() const {
    return entryControl_ ? entryControl_->storeRoot() : Region::storeRoot();
 }
 
