@@ -18,8 +18,7 @@ inline constexpr TableType mldpTunnelTableType{
     "tunnel/table/mldpTunnel",
     TunnelType::mldpTunnel,
     TunnelTableIdentifier::mldpTunnelTable,
-    MulticastTunnelTableEntry::kFixedLen + kMldpTreeIdMaxLen + 4 +
-        MldpTunnelTableEntry::kViaCapacity* MplsVia::kSerializedSize};
+    MldpTunnelTableEntry::maxSerializedLen(kMldpTreeIdMaxLen)};
 
 }  // namespace Tunnel::TunnelTable
 

@@ -27,6 +27,11 @@ class MldpTunnelTableEntry : public MulticastTunnelTableEntry {
   public:
    static constexpr const char* kTypeName = "Tunnel::TunnelTable::MldpTunnelTableEntry";
    static constexpr uint32_t kViaCapacity = 600;
+   // The longest record for tree id texts of at most `treeIdMaxLen` bytes: every via place live.
+   static constexpr uint32_t maxSerializedLen(uint32_t treeIdMaxLen) noexcept {
+      return MulticastTunnelTableEntry::maxSerializedLen(treeIdMaxLen) + 4 +
+             kViaCapacity * MplsVia::kSerializedSize;
+   }
 
    MldpTunnelTableEntry() = default;
    MldpTunnelTableEntry(const TunnelId& tunnelId,

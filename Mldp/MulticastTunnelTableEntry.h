@@ -22,6 +22,10 @@ class MulticastTunnelTableEntry {
   public:
    static constexpr const char* kTypeName = "Tunnel::TunnelTable::MulticastTunnelTableEntry";
    static constexpr uint32_t kFixedLen = 12;
+   // The longest record for tree id texts of at most `treeIdMaxLen` bytes.
+   static constexpr uint32_t maxSerializedLen(uint32_t treeIdMaxLen) noexcept {
+      return kFixedLen + treeIdMaxLen;
+   }
 
    MulticastTunnelTableEntry() = default;
    MulticastTunnelTableEntry(const TunnelId& tunnelId,

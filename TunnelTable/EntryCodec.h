@@ -16,6 +16,8 @@
 //
 // FieldTraits<T> provides:
 //    kFixedLen              bytes of the byte form, or 0 when the length depends on the value
+//    kMaxLen                variable-length types only: the most bytes a value may take (the
+//                           type's own limit, or the bound the tables are sized for)
 //    len(v)                 bytes of v's byte form (variable-length types only)
 //    scan(reader)           moves past one encoded value without building it; false when the
 //                           bytes run out (noexcept: it serves deserializeLen)
@@ -77,6 +79,19 @@ uint32_t lenOf(const T& v) {
       return Traits::kFixedLen;
    } else {
       return Traits::len(v);
+   }
+}
+
+// The most bytes a field carried by Traits takes: kFixedLen, or the declared kMaxLen of a
+// variable-length type.
+template <typename Traits>
+constexpr uint32_t maxLenOf() {
+   if constexpr (Traits::kFixedLen != 0) {
+      return Traits::kFixedLen;
+   } else {
+      static_assert(
+          requires { Traits::kMaxLen; }, "a variable-length field type declares kMaxLen");
+      return Traits::kMaxLen;
    }
 }
 
@@ -149,6 +164,14 @@ constexpr uint32_t fixedFieldsLen() {
           const bool allFixed = ((decltype(d)::traits::kFixedLen != 0) && ...);
           return allFixed ? (uint32_t{0} + ... + uint32_t{decltype(d)::traits::kFixedLen}) : 0u;
        },
+       V::fields());
+}
+
+// The longest byte form of the list: every field at maxLenOf.
+template <typename V>
+constexpr uint32_t maxFieldsLen() {
+   return std::apply(
+       [](auto... d) { return (uint32_t{0} + ... + maxLenOf<typename decltype(d)::traits>()); },
        V::fields());
 }
 

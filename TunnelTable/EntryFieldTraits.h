@@ -166,6 +166,10 @@ template <>
 struct FieldTraits<Wirekit::UnboundedMplsLabelOperation> {
    using T = Wirekit::UnboundedMplsLabelOperation;
    static constexpr uint32_t kFixedLen = 0;
+   // The type has no limit; tables are sized for kMaxLabels labels. The store's writer refuses an
+   // entry that a longer operation takes past its table's largest entry (an assertion ends it).
+   static constexpr uint32_t kMaxLabels = 1024;
+   static constexpr uint32_t kMaxLen = T::kHeaderSize + 4 * kMaxLabels;
    static uint32_t len(const T& v) { return v.serializeLen(); }
    static bool scan(ByteReader& r) noexcept {
       const uint32_t n = T::deserializeLen(r.data() + r.offset(), clampU32(r.remaining()));
@@ -208,6 +212,7 @@ struct FieldTraits<Via> : BlockTraits<Via> {
 template <>
 struct FieldTraits<MplsCosVia> {
    static constexpr uint32_t kFixedLen = 0;
+   static constexpr uint32_t kMaxLen = MplsCosVia::kMaxSerializedSize;
    static uint32_t len(const MplsCosVia& v) { return v.serializeLen(); }
    static bool scan(ByteReader& r) noexcept {
       const uint32_t n = MplsCosVia::deserializeLen(r.data() + r.offset(), clampU32(r.remaining()));
@@ -249,6 +254,7 @@ struct LiveArrayTraits {
    static_assert(Element::kFixedLen != 0, "collections hold fixed-size blocks");
    static constexpr uint32_t kFixedLen = 0;
    static constexpr uint32_t kCapacity = static_cast<uint32_t>(Array::capacity());
+   static constexpr uint32_t kMaxLen = 4 + kCapacity * Element::kFixedLen;
 
    static uint32_t len(const Array& a) { return 4 + a.count() * Element::kFixedLen; }
    static bool scan(ByteReader& r) noexcept {

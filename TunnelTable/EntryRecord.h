@@ -86,6 +86,13 @@ uint32_t entryLen(const E& e) {
    return kRecordHeaderLen + fieldsLen(e);
 }
 
+// The longest record of kind E: the header and every field at its longest (collections full,
+// variable-length fields at their bounds). It sizes the kind's tables in the store.
+template <typename E>
+constexpr uint32_t maxEntryLen() {
+   return kRecordHeaderLen + maxFieldsLen<E>();
+}
+
 template <typename E>
 void writeEntry(const E& e, void* buffer) {
    const uint32_t len = entryLen(e);

@@ -20,7 +20,7 @@ inline constexpr TableType evpnVxlanTunnelTableType{"Tunnel::TunnelTable::EvpnVx
                                                     "tunnel/table/evpnVxlan",
                                                     TunnelType::evpnVxlanTunnel,
                                                     TunnelTableIdentifier::evpnVxlanTunnelTable,
-                                                    EvpnVxlanTunnelEntry::kSerializedLen};
+                                                    Codec::maxFieldsLen<EvpnVxlanTunnelEntry>()};
 
 }  // namespace Tunnel::TunnelTable
 

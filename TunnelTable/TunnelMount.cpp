@@ -89,6 +89,18 @@ Vela::Ptr<TunnelTableBase> TunnelTableMounter::writeMountTable(
    return Vela::dynamicPtrCast<TunnelTableBase>(entity);
 }
 
+Vela::Ptr<Vela::Entity> TunnelTableMounter::mountByRow(const TableType& type, bool writer) const {
+   VELA_ASSERT(*this && "mounting needs a mounter with its handles set");
+   VELA_ASSERT(type.mounted() && "the table class has no mount name");
+   if (!writer) {
+      return service_->mount(type.path, type.typeName, VelaDock::keyshadow(), VelaDock::MountInfo(),
+                             *loop_);
+   }
+   VelaDock::MountInfo info;
+   info.collectionIs("entry", 1024);
+   return service_->mount(type.path, type.typeName, VelaDock::writer(), info, *loop_);
+}
+
 bool TunnelTableMounter::unmount(TunnelTableIdentifier id) const {
    VELA_ASSERT(*this && "unmount needs a mounter with its handles set");
    return service_->unmount(getMountInfo(id).tableInfo.path);

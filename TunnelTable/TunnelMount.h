@@ -11,6 +11,7 @@
 
 #include <ostream>
 
+#include "TunnelTable/TableType.h"
 #include "TunnelTable/TunnelTableBase.h"
 #include "TunnelTable/TunnelTableIdentifier.h"
 #include "Vault/Database.h"
@@ -74,6 +75,19 @@ class TunnelTableMounter {
    Vela::Ptr<TunnelTableBase> readMountTable(const TunnelTableInfo& tableInfo) const;
    Vela::Ptr<TunnelTableBase> writeMountTable(const TunnelTableInfo& tableInfo,
                                               const VelaDock::MountInfo& mountInfo) const;
+   // Mounts a table class by its own TableType row (Table::kTableType: path and type name), for
+   // tables without an identifier (the tunnel RIBs): as writer with the tables' mount description
+   // ("entry", 1024) or as key-shadowing reader. Throws as mountWriter; null when the entity
+   // mounted at the path is of another class. REQUIRES: *this is true.
+   template <class Table>
+   Vela::Ptr<Table> mountWriterOf() const {
+      return Vela::dynamicPtrCast<Table>(mountByRow(Table::kTableType, true));
+   }
+   template <class Table>
+   Vela::Ptr<Table> mountKeyshadowOf() const {
+      return Vela::dynamicPtrCast<Table>(mountByRow(Table::kTableType, false));
+   }
+
    // Detaches table `id` (a writer releases its files); false when it was not mounted here.
    bool unmount(TunnelTableIdentifier id) const;
    // Detaches it if mounted and removes its files under the store root; true when any was removed.
@@ -88,6 +102,8 @@ class TunnelTableMounter {
    friend bool operator==(const TunnelTableMounter&, const TunnelTableMounter&) = default;
 
   private:
+   Vela::Ptr<Vela::Entity> mountByRow(const TableType& type, bool writer) const;
+
    Vela::Ptr<Vault::MountService> service_;
    Vela::Ptr<Vault::Database> database_;
    Vela::Ptr<Vault::MountGroup> group_;

@@ -3,10 +3,9 @@
 // itself, with its zero-references notifiee, static creator and factory. The EVPN VXLAN table,
 // which also hands out its own indexes, is in EvpnVxlanTunnelTable.h; the mLDP table in Mldp/.
 //
-// maxEntryLen bounds each entry kind's byte form with every collection full (600 vias, 16
-// endpoints, a 128-character name); it sets the store's largest slab allocation, so it is kept
-// close to the real bound rather than one large figure for all (slab classes are 1/32 of it).
-// Kinds with an unbounded label operation (BGP-LU) get room for 1024 labels.
+// maxEntryLen is the codec's own bound for the entry kind (Codec::maxEntryLen: every collection
+// full, 1024 labels for an unbounded label operation); it sets the store's largest slab
+// allocation (slab classes are 1/32 of it), so it is exact rather than one large figure for all.
 #pragma once
 
 #include "TunnelTable/L3IntfTunnelTableBase.h"
@@ -14,22 +13,6 @@
 #include "TunnelTable/TunnelTableFamily.h"
 
 namespace Tunnel::TunnelTable {
-
-// Byte-form bounds of the entry kinds (see EntryRecord.h for the layout).
-namespace EntryLen {
-inline constexpr uint32_t kBase = 551;                            // header and base fields
-inline constexpr uint32_t kMplsVias = 4 + 600 * 76;               // count and 600 MplsVia
-inline constexpr uint32_t kVias = 4 + 600 * 28;                   // count and 600 Via
-inline constexpr uint32_t kLabels = 4 + 1024 * 4 + 8;             // generous unbounded labels
-inline constexpr uint32_t kSmallKind = kBase + 1024;              // kinds with fixed fields only
-inline constexpr uint32_t kIgp = kBase + 16 + kMplsVias;          // LDP, SR
-inline constexpr uint32_t kFlexAlgo = 46168;                      // always all 600 places
-inline constexpr uint32_t kRsvpLer = kBase + 1024 + kMplsVias;    // FRR part, LER fields, splits
-inline constexpr uint32_t kStatic = kBase + 2 * kMplsVias;        // vias and backup vias
-inline constexpr uint32_t kSegmentList = kBase + kMplsVias;       // segment list vias
-inline constexpr uint32_t kBgpLu = kBase + kVias + kLabels + 64;  // push part and BGP fields
-inline constexpr uint32_t kIntf = kBase + kVias + 128;            // vias and the tunnel info
-}  // namespace EntryLen
 
 // One row per table class: its TableType. The mount name is what `tunnelctl` and the mounter use
 // ("" for the bases that are never mounted by name); the path is "tunnel/table/" and the mount
@@ -44,53 +27,62 @@ inline constexpr uint32_t kIntf = kBase + kVias + 128;            // vias and th
                                   maxLen};
 
 TUNNEL_TABLE_TYPE(bgpLuTunnelTableType, BgpLuTunnelTable, BgpLuTunnelTableEntry, bgpLuTunnel,
-                  bgpLuTunnelTable, "bgpLu", EntryLen::kBgpLu)
+                  bgpLuTunnelTable, "bgpLu", Codec::maxEntryLen<BgpLuTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(bgpLuPushTunnelTableType, BgpLuPushTunnelTable, BgpLuPushTunnelTableEntry,
-                  bgpLuPushTunnel, bgpLuPushTunnelTable, "bgpLuPush", EntryLen::kBgpLu)
+                  bgpLuPushTunnel, bgpLuPushTunnelTable, "bgpLuPush",
+                  Codec::maxEntryLen<BgpLuPushTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(ldpTunnelTableType, LdpTunnelTable, LdpTunnelTableEntry, ldpTunnel,
-                  ldpTunnelTable, "ldp", EntryLen::kIgp)
+                  ldpTunnelTable, "ldp", Codec::maxEntryLen<LdpTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(rsvpFrrTunnelTableType, RsvpFrrTunnelTable, RsvpFrrTunnelTableEntry,
-                  rsvpFrrTunnel, rsvpFrrTunnelTable, "rsvpFrr", EntryLen::kSmallKind)
+                  rsvpFrrTunnel, rsvpFrrTunnelTable, "rsvpFrr",
+                  Codec::maxEntryLen<RsvpFrrTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(rsvpLerSubTunnelTableType, RsvpLerSubTunnelTable, RsvpLerSubTunnelTableEntry,
-                  rsvpLerSubTunnel, rsvpLerSubTunnelTable, "rsvpLerSub", EntryLen::kSmallKind)
+                  rsvpLerSubTunnel, rsvpLerSubTunnelTable, "rsvpLerSub",
+                  Codec::maxEntryLen<RsvpLerSubTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(rsvpLerTunnelTableType, RsvpLerTunnelTable, RsvpLerTunnelTableEntry,
-                  rsvpLerTunnel, rsvpLerTunnelTable, "rsvpLer", EntryLen::kRsvpLer)
+                  rsvpLerTunnel, rsvpLerTunnelTable, "rsvpLer",
+                  Codec::maxEntryLen<RsvpLerTunnelTableEntry>())
 // The SR base's own factory makes an IS-IS-typed SR table; the OSPF table passes its own type.
 TUNNEL_TABLE_TYPE(srTunnelTableBaseType, SrTunnelTableBase, SrTunnelTableEntry, isisSrTunnel,
-                  isisSrTunnelTable, "", EntryLen::kIgp)
+                  isisSrTunnelTable, "", Codec::maxEntryLen<SrTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(isisSrTunnelTableType, IsisSrTunnelTable, SrTunnelTableEntry, isisSrTunnel,
-                  isisSrTunnelTable, "sr", EntryLen::kIgp)
+                  isisSrTunnelTable, "sr", Codec::maxEntryLen<SrTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(ospfSrTunnelTableType, OspfSrTunnelTable, SrTunnelTableEntry, ospfSrTunnel,
-                  ospfSrTunnelTable, "ospfSr", EntryLen::kIgp)
+                  ospfSrTunnelTable, "ospfSr", Codec::maxEntryLen<SrTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(staticTunnelTableType, StaticTunnelTable, StaticTunnelTableEntry, staticTunnel,
-                  staticTunnelTable, "static", EntryLen::kStatic)
+                  staticTunnelTable, "static", Codec::maxEntryLen<StaticTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(nexthopGroupTunnelTableType, NexthopGroupTunnelTable,
                   NexthopGroupTunnelTableEntry, nexthopGroupTunnel, nexthopGroupTunnelTable,
-                  "nexthopGroup", EntryLen::kSmallKind)
+                  "nexthopGroup", Codec::maxEntryLen<NexthopGroupTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(srTeSegmentListTunnelTableType, SrTeSegmentListTunnelTable,
                   SrTeSegmentListTunnelTableEntry, srTeSegmentListTunnel,
-                  srTeSegmentListTunnelTable, "srTeSegmentList", EntryLen::kSegmentList)
+                  srTeSegmentListTunnelTable, "srTeSegmentList",
+                  Codec::maxEntryLen<SrTeSegmentListTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(greIntfTunnelTableType, GreIntfTunnelTable, GreIntfTunnelTableEntry,
-                  staticInterfaceTunnel, greIntfTunnelTable, "greTunnelInterface", EntryLen::kIntf)
+                  staticInterfaceTunnel, greIntfTunnelTable, "greTunnelInterface",
+                  Codec::maxEntryLen<GreIntfTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(ipsecVtiIntfTunnelTableType, IpsecVtiIntfTunnelTable,
                   IpsecVtiIntfTunnelTableEntry, staticInterfaceTunnel, ipsecVtiIntfTunnelTable,
-                  "ipsecVtiTunnelInterface", EntryLen::kIntf)
+                  "ipsecVtiTunnelInterface", Codec::maxEntryLen<IpsecVtiIntfTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(ipsecGreIntfTunnelTableType, IpsecGreIntfTunnelTable,
                   IpsecGreIntfTunnelTableEntry, staticInterfaceTunnel, ipsecGreIntfTunnelTable,
-                  "ipsecGreTunnelInterface", EntryLen::kIntf)
+                  "ipsecGreTunnelInterface", Codec::maxEntryLen<IpsecGreIntfTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(tiLfaTunnelTableType, TiLfaTunnelTable, TiLfaTunnelTableEntry, tiLfaTunnel,
-                  tiLfaTunnelTable, "tiLfa", EntryLen::kSmallKind)
+                  tiLfaTunnelTable, "tiLfa", Codec::maxEntryLen<TiLfaTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(srTePolicyTunnelTableType, SrTePolicyTunnelTable, SrTePolicyTunnelTableEntry,
-                  srTePolicyTunnel, srTePolicyTunnelTable, "srTePolicy", EntryLen::kSmallKind)
+                  srTePolicyTunnel, srTePolicyTunnelTable, "srTePolicy",
+                  Codec::maxEntryLen<SrTePolicyTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(nimboSdkSbfdSessionTunnelTableType, NimboSdkSbfdSessionTunnelTable,
                   NimboSdkSbfdSessionTunnelTableEntry, nimboSdkSbfdTunnel,
-                  nimboSdkSbfdSessionTunnelTable, "nimboSdkSbfd", EntryLen::kSmallKind)
+                  nimboSdkSbfdSessionTunnelTable, "nimboSdkSbfd",
+                  Codec::maxEntryLen<NimboSdkSbfdSessionTunnelTableEntry>())
 // The flex-algo base is only ever made as the IS-IS flex-algo table.
 TUNNEL_TABLE_TYPE(flexAlgoTunnelTableType, FlexAlgoTunnelTable, FlexAlgoTunnelTableEntry,
-                  isisFlexAlgoTunnel, isisFlexAlgoTunnelTable, "", EntryLen::kFlexAlgo)
+                  isisFlexAlgoTunnel, isisFlexAlgoTunnelTable, "",
+                  Codec::maxEntryLen<FlexAlgoTunnelTableEntry>())
 TUNNEL_TABLE_TYPE(isisFlexAlgoTunnelTableType, IsisFlexAlgoTunnelTable, FlexAlgoTunnelTableEntry,
                   isisFlexAlgoTunnel, isisFlexAlgoTunnelTable, "isisFlexAlgoTunnel",
-                  EntryLen::kFlexAlgo)
+                  Codec::maxEntryLen<FlexAlgoTunnelTableEntry>())
 
 #undef TUNNEL_TABLE_TYPE
 

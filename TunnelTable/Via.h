@@ -167,6 +167,10 @@ class MplsCosVia {
   public:
    static constexpr const char* kTypeName = "Tunnel::TunnelTable::MplsCosVia";
    static constexpr uint32_t kFixedSize = 29;  // nextHop, intfId, cosMask
+   // Every traffic class with an operation.
+   static constexpr uint32_t kMaxSerializedSize =
+       kFixedSize +
+       kCosCapacity * static_cast<uint32_t>(Wirekit::MplsLabelOperation::kSerializedSize);
 
    MplsCosVia() noexcept = default;
    MplsCosVia(const Wirekit::IpGenAddr& nextHop, const Wirekit::IntfId& intfId) noexcept

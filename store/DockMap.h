@@ -150,10 +150,10 @@ class DockMap {
       if (writer_) return writer_->members();
       return reader_ ? reader_->members() : 0;
    }
-   // Writer: its notification queue position; reader: the last sequence it consumed.
+   // The notification queue position: the writer's, or the one a reader has consumed up to.
    uint64_t sequence() const {
       if (writer_) return writer_->sequence();
-      return reader_ ? reader_->sequence() : 0;
+      return reader_ ? reader_->position() : 0;
    }
 
    // ---- corruption ----

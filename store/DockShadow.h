@@ -186,6 +186,8 @@ class DockShadow {
              herald_.quiesced(seq_);
    }
    uint64_t sequence() const { return seq_; }
+   // The queue position the reader has consumed up to (the writer's sequence() when caught up).
+   uint64_t position() const { return herald_.position(); }
    uint32_t capacity() const { return header_ ? SlotTable::numSlots(*header_) : 0; }
    uint32_t members() const { return index_.size(); }
    uint32_t buckets() const { return index_.buckets(); }
