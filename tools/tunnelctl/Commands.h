@@ -25,6 +25,11 @@ int runPublish(std::ostream& out, const std::string& file, bool once);
 // `update` is applied by the writer once the readers have synchronized.
 int runDemo(std::ostream& out, const std::string& file, const std::string& update);
 
+// A tunnel RIB as a reader sees it: the dump lines (or one endpoint's entries), or JSON.
+int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool json);
+// Runs the tunnel RIB builder until SIGINT/SIGTERM, or `seconds` (0: no limit).
+int runRibBuilder(std::ostream& out, double seconds);
+
 // Shared by the commands.
 // "<root>/tunnel/table/<name>/entry" when its slot table exists, else throws TableMissing.
 std::string existingTableDirectory(const TableEntry& table);

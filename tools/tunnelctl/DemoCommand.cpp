@@ -26,6 +26,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -34,6 +35,7 @@
 #include "Description.h"
 #include "Publisher.h"
 #include "Region/StoreRoot.h"
+#include "TunnelRib/TunnelRibBuilder.h"
 
 namespace TunnelCtl {
 
@@ -115,6 +117,31 @@ int readerMain(int fd, const std::vector<const TableEntry*>& tables) {
       }
       m.mounted->notifieeDel(m.watcher.get());
    }
+   emit(fd, "end");
+   return 0;
+}
+
+// ---- the RIB builder process ----
+
+// Runs the tunnel RIB builder; reports "settled <endpoints> <colored endpoints>" each time it
+// settles, until SIGTERM.
+int builderMain(int fd) {
+   Agent agent;
+   bool stop = false;
+   agent.signalsIs({SIGTERM, SIGINT}, [&](int) { stop = true; });
+   Tunnel::TunnelTable::TunnelRibBuilder builder(agent.mounter());
+   std::optional<uint64_t> reportedChanges;
+   agent.runUntil(
+       [&] {
+          const uint64_t changes = builder.counters().tunnelChanges;
+          if (builder.settled() && reportedChanges != changes) {
+             reportedChanges = changes;
+             emit(fd, "settled " + std::to_string(builder.tunnelRib()->entryCount()) + " " +
+                          std::to_string(builder.coloredTunnelRib()->entryCount()));
+          }
+          return stop;
+       },
+       std::chrono::hours(1));
    emit(fd, "end");
    return 0;
 }
@@ -310,7 +337,7 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
        << "): " << first.routers.size() << " routers, " << first.tunnels.size() << " tunnels in "
        << first.tables().size() << " tables\n";
 
-   Child r1{"reader 1"}, r2{"reader 2"}, w{"writer"};
+   Child r1{"reader 1"}, r2{"reader 2"}, w{"writer"}, b{"rib builder"};
    Children children;
    children.all = {&r1, &r2};
    auto fail = [&](const std::string& what) {
@@ -333,7 +360,9 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    out << "reader 1 (pid " << r1.pid << ") and reader 2 (pid " << r2.pid << ") mounted "
        << tables.size() << " tables as key-shadowing readers, before any writer\n";
 
-   // 2. The writer publishes.
+   // 2. The RIB builder mounts the same tables, then the writer publishes.
+   spawn(b, [&](int fd) { return builderMain(fd); });
+   children.all.push_back(&b);
    spawn(w, [&](int fd) { return writerMain(fd, first, update); });
    children.all.push_back(&w);
    const auto expectFirst = expectedEntries(first);
@@ -365,7 +394,8 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    }
 
    // 3. The update.
-   const size_t before1 = r1.lines.size(), before2 = r2.lines.size(), beforeW = w.lines.size();
+   const size_t before1 = r1.lines.size(), before2 = r2.lines.size(), beforeW = w.lines.size(),
+                beforeB = b.lines.size();
    ::kill(w.pid, SIGUSR1);
    const auto updated = [&] {
       for (size_t i = beforeW; i < w.lines.size(); ++i) {
@@ -422,7 +452,23 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
       out << "; quiesced again\n";
    }
 
-   // 4. Readers report what they hold, then everyone stops.
+   // 4. The RIB the builder made of the update, as this (third) process reads it.
+   // It says "settled" each time it has applied new changes and holds what the tables say.
+   const auto settledSince = [&](size_t from) {
+      for (size_t i = from; i < b.lines.size(); ++i) {
+         if (b.lines[i].rfind("settled ", 0) == 0) return true;
+      }
+      return false;
+   };
+   if (!children.waitFor([&] { return settledSince(beforeB); }, std::chrono::seconds(30))) {
+      return fail("the RIB builder did not settle on the update within 30 s");
+   }
+   out << "rib builder (pid " << b.pid << ") " << b.lines.back() << "; the tunnel RIB:\n";
+   if (runRib(out, false, "", false) != 0) return fail("the tunnel RIB could not be read");
+   out << "the colored tunnel RIB:\n";
+   if (runRib(out, true, "", false) != 0) return fail("the colored tunnel RIB could not be read");
+
+   // 5. Readers report what they hold, then everyone stops.
    ::kill(r1.pid, SIGTERM);
    ::kill(r2.pid, SIGTERM);
    if (!children.waitFor([&] { return ReaderView(r1).ended && ReaderView(r2).ended; },
@@ -430,8 +476,9 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
       return fail("the readers did not report their entries within 20 s");
    }
    ::kill(w.pid, SIGTERM);
+   ::kill(b.pid, SIGTERM);
    int status = 0;
-   for (Child* c : {&r1, &r2, &w}) {
+   for (Child* c : {&r1, &r2, &w, &b}) {
       if (Children::reap(*c) != 0) {
          status = 1;
          std::cerr << "tunnelctl demo: " << c->name << " did not exit cleanly\n";

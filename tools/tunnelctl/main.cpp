@@ -51,6 +51,16 @@ int main(int argc, char** argv) {
    demo->add_option("--update", demoUpdate,
                     "description the writer changes to once readers are in sync");
 
+   bool colored = false;
+   std::string endpoint;
+   auto* rib = app.add_subcommand("rib", "a tunnel RIB as a reader sees it (a builder writes it)");
+   rib->add_flag("--colored", colored, "the colored tunnel RIB");
+   rib->add_option("ENDPOINT", endpoint, "only the entries of this endpoint prefix");
+   rib->add_flag("--json", json, "machine-readable output, every field a field");
+   auto* ribBuilder = app.add_subcommand(
+       "rib-builder", "the tunnel RIB builder as an agent: protocol tables in, both RIBs out");
+   ribBuilder->add_option("--seconds", seconds, "stop after S seconds");
+
    CLI11_PARSE(app, argc, argv);
    try {
       if (*list) return TunnelCtl::runList(std::cout, json);
@@ -58,6 +68,8 @@ int main(int argc, char** argv) {
       if (*watch) return TunnelCtl::runWatch(std::cout, table, count, seconds);
       if (*validate) return TunnelCtl::runValidate(std::cout, table);
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
+      if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json);
+      if (*ribBuilder) return TunnelCtl::runRibBuilder(std::cout, seconds);
       if (*demo) return TunnelCtl::runDemo(std::cout, demoFile, demoUpdate);
    } catch (const TunnelCtl::UsageError& e) {
       std::cerr << "tunnelctl: " << e.what() << "\n";

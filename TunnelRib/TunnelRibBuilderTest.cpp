@@ -1,0 +1,260 @@
+// The RIB builder against a brute-force model: protocol tables written by other processes (one
+// writer killed and replaced midway), after which both RIBs hold, key for key, what the model
+// computes from the tables' final contents.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <map>
+#include <random>
+#include <vector>
+
+#include "Loom/EventLoop.h"
+#include "TunnelRib/TunnelRibBuilder.h"
+#include "TunnelTable/TunnelMount.h"
+#include "TunnelTable/TunnelTables.h"
+#include "Vault/MountService.h"
+#include "testing/TempRoot.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+constexpr int kEndpoints = 6;
+
+Wirekit::IpGenPrefix endpointPrefix(int n) {
+   return Wirekit::IpGenPrefix(Wirekit::IpGenAddr::ipv4(0x0A000000u + uint32_t(n) * 256), 24);
+}
+
+// One write or removal of a tunnel table; the same seed gives the writer child and the model the
+// same list.
+struct Op {
+   uint64_t index;
+   bool remove;
+   int endpoint;
+   uint8_t pref;
+   uint32_t metric;
+   float bw;
+   uint32_t color;  // the colored kinds; 0 uncolored
+};
+
+std::vector<Op> opsFor(uint32_t seed, int count, bool colored) {
+   std::mt19937 rng(seed);
+   std::vector<Op> ops;
+   for (int i = 0; i < count; ++i) {
+      Op op;
+      op.index = 1 + rng() % 40;
+      op.remove = rng() % 5 == 0;
+      op.endpoint = int(rng() % kEndpoints);
+      op.pref = uint8_t(rng() % 3);
+      op.metric = rng() % 3;
+      op.bw = float(rng() % 100) / 4.0f;
+      op.color = colored ? 1 + rng() % 2 : 0;
+      ops.push_back(op);
+   }
+   return ops;
+}
+
+LdpTunnelTableEntry ldpEntry(const Op& op) {
+   LdpTunnelTableEntry e(TunnelId(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, op.index)),
+                         TunnelEntryPref(op.pref));
+   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
+   e.entryMetricIs(op.metric);
+   e.tunnelBwIs(op.bw);
+   e.igpMetricIs(100 + uint32_t(op.index));
+   e.igpPrefIs(TunnelIgpPref(uint32_t(op.index) % 7));
+   return e;
+}
+
+IsisSrTunnelTable::EntryType srEntry(const Op& op) {
+   SrTunnelTableEntry e(
+       TunnelId(TunnelId::convertToTunnelValue(TunnelType::isisSrTunnel, op.index)),
+       TunnelEntryPref(op.pref));
+   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
+   e.entryMetricIs(op.metric);
+   e.tunnelBwIs(op.bw);
+   e.igpMetricIs(200 + uint32_t(op.index));
+   return e;
+}
+
+SrTePolicyTunnelTableEntry policyEntry(const Op& op) {
+   SrTePolicyTunnelTableEntry e(
+       TunnelId(TunnelId::convertToTunnelValue(TunnelType::srTePolicyTunnel, op.index)));
+   e.entryPrefIs(TunnelEntryPref(op.pref));
+   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
+   e.entryMetricIs(op.metric);
+   e.tunnelBwIs(op.bw);
+   e.colorIs(op.color);
+   e.igpMetricIs(300 + uint32_t(op.index));
+   return e;
+}
+
+// A writer agent of table `id` in this (child) process, applying ops [from, to).
+template <class Table, class Make>
+int writeOps(TunnelTableIdentifier id, const std::vector<Op>& ops, size_t from, size_t to,
+             Make make) {
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   TunnelTableMounter mounter(service, loop);
+   auto table = Vela::dynamicPtrCast<Table>(mounter.mountWriter(id));
+   if (!table) return 2;
+   for (size_t i = from; i < to; ++i) {
+      const Op& op = ops[i];
+      if (op.remove) {
+         table->entryDel(make(op).tunnelId());
+      } else {
+         table->entryIs(make(op));
+      }
+      if (i % 16 == 0) loop.runOnce(std::chrono::milliseconds(0));
+   }
+   loop.runOnce(std::chrono::milliseconds(0));
+   return 0;
+}
+
+// The brute-force model: each endpoint's classes from every final tunnel, the best class by
+// scanning all of them, its tunnels sorted by id.
+std::map<ColoredTunnelEndpoint, TunnelRibEntry> model(const std::vector<RibContribution>& all) {
+   std::map<ColoredTunnelEndpoint, std::vector<const RibContribution*>> byEndpoint;
+   for (const auto& c : all) byEndpoint[c.endpoint].push_back(&c);
+   std::map<ColoredTunnelEndpoint, TunnelRibEntry> rib;
+   for (auto& [endpoint, tunnels] : byEndpoint) {
+      const RibContribution* best = tunnels.front();
+      for (const auto* c : tunnels) {
+         if (c->candidate < best->candidate ||
+             (c->candidate == best->candidate && c->tunnelId.value() < best->tunnelId.value())) {
+            best = c;
+         }
+      }
+      std::vector<const RibContribution*> winners;
+      for (const auto* c : tunnels) {
+         if (c->candidate == best->candidate) winners.push_back(c);
+      }
+      std::sort(winners.begin(), winners.end(),
+                [](auto* a, auto* b) { return a->tunnelId.value() < b->tunnelId.value(); });
+      TunnelRibEntry e(endpoint);
+      e.entryPrefIs(best->candidate.entryPref());
+      e.entryMetricIs(best->candidate.entryMetric());
+      e.metricIs(best->metric);
+      e.metricTypeIs(best->metricType);
+      e.metric2Is(best->metric2);
+      e.prefIs(best->pref);
+      e.pref2Is(best->pref2);
+      for (const auto* c : winners) e.addTunnelWithBw(c->tunnelId, c->bandwidth);
+      rib.emplace(endpoint, e);
+   }
+   return rib;
+}
+
+template <class Entry, class Make>
+void finalContributions(const std::vector<Op>& ops, Make make, std::vector<RibContribution>& out) {
+   std::map<uint64_t, Op> last;
+   for (const Op& op : ops) {
+      if (op.remove) {
+         last.erase(op.index);
+      } else {
+         last[op.index] = op;
+      }
+   }
+   for (const auto& [index, op] : last) {
+      const Entry e = make(op);
+      RibContribution c;
+      c.tunnelId = e.tunnelId();
+      c.endpoint = op.color ? ColoredTunnelEndpoint(e.tep(), op.color) : e.tep();
+      c.candidate = InternalTunnelCandidateId(e.tunnelId().tunnelType(), e.entryPref().value(),
+                                              e.entryMetric());
+      c.bandwidth = e.tunnelBw();
+      c.metric = e.igpMetric();
+      if constexpr (std::is_same_v<Entry, SrTePolicyTunnelTableEntry>) {
+         c.pref = e.igpPref().value();
+      } else {
+         c.metric2 = e.igpMetric2();
+         c.pref = e.igpPref().value();
+         c.pref2 = e.igpPref2();
+      }
+      out.push_back(c);
+   }
+}
+
+TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndAWriterRestart) {
+   Testing::TempRoot root;
+   const auto ldpOps = opsFor(1, 400, false);
+   const auto srOps = opsFor(2, 300, false);
+   const auto policyOps = opsFor(3, 300, true);
+
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   TunnelTableMounter mounter(service, loop);
+   // A stale entry an earlier builder left: the first reconcile removes it.
+   {
+      auto stale = mounter.mountWriterOf<TunnelRib>();
+      stale->tunnelRibEntryIs(TunnelRibEntry(endpointPrefix(99)));
+      service->unmount(tunnelRibType.path);
+   }
+   TunnelRibBuilder builder(mounter);
+
+   // LDP: a writer killed halfway, then a second writer re-attaches and finishes; SR and policy
+   // writers run alongside.
+   const pid_t ldp1 = Testing::forkChild([&] {
+      writeOps<LdpTunnelTable>(TunnelTableIdentifier::ldpTunnelTable, ldpOps, 0, 200, ldpEntry);
+      ::raise(SIGKILL);
+      return 1;
+   });
+   const pid_t sr = Testing::forkChild([&] {
+      return writeOps<IsisSrTunnelTable>(TunnelTableIdentifier::isisSrTunnelTable, srOps, 0,
+                                         srOps.size(), srEntry);
+   });
+   const pid_t policy = Testing::forkChild([&] {
+      return writeOps<SrTePolicyTunnelTable>(TunnelTableIdentifier::srTePolicyTunnelTable,
+                                             policyOps, 0, policyOps.size(), policyEntry);
+   });
+   const auto runFor = [&](pid_t pid) {
+      // The builder's loop runs while the child writes, so its readers keep up.
+      int code = -1;
+      while (code < 0) {
+         loop.runOnce(std::chrono::milliseconds(5));
+         int status = 0;
+         if (::waitpid(pid, &status, WNOHANG) == pid) {
+            code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+         }
+      }
+      return code;
+   };
+   EXPECT_EQ(runFor(ldp1), 128 + SIGKILL);
+   const pid_t ldp2 = Testing::forkChild([&] {
+      return writeOps<LdpTunnelTable>(TunnelTableIdentifier::ldpTunnelTable, ldpOps, 200,
+                                      ldpOps.size(), ldpEntry);
+   });
+   EXPECT_EQ(runFor(sr), 0);
+   EXPECT_EQ(runFor(policy), 0);
+   EXPECT_EQ(runFor(ldp2), 0);
+
+   std::vector<RibContribution> all;
+   finalContributions<LdpTunnelTableEntry>(ldpOps, ldpEntry, all);
+   finalContributions<SrTunnelTableEntry>(srOps, srEntry, all);
+   finalContributions<SrTePolicyTunnelTableEntry>(policyOps, policyEntry, all);
+   const auto expected = model(all);
+
+   // Settled, and every table's final content taken in.
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+   const auto matches = [&] {
+      if (!builder.settled()) return false;
+      size_t n = 0;
+      for (const auto& [endpoint, entry] : expected) {
+         const TunnelRibBase& rib =
+             endpoint.isColored() ? static_cast<const TunnelRibBase&>(*builder.coloredTunnelRib())
+                                  : static_cast<const TunnelRibBase&>(*builder.tunnelRib());
+         if (!(rib.tunnelRibEntry(endpoint) == entry)) return false;
+         ++n;
+      }
+      return n == builder.tunnelRib()->entryCount() + builder.coloredTunnelRib()->entryCount();
+   };
+   while (!matches() && std::chrono::steady_clock::now() < deadline) {
+      loop.runOnce(std::chrono::milliseconds(10));
+   }
+   ASSERT_TRUE(matches());
+   EXPECT_FALSE(builder.tunnelRib()->tunnelRibEntryHas(endpointPrefix(99)));
+   EXPECT_GT(builder.coloredTunnelRib()->entryCount(), 0u);
+   EXPECT_GE(builder.counters().reconciles, 1u);
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable

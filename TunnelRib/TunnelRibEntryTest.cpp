@@ -1,0 +1,211 @@
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "TunnelRib/TunnelRibEntry.h"
+#include "testing/Expect.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "the byte images below are host order");
+
+const Wirekit::IpGenPrefix kTen("10.0.0.0/8");
+TunnelId ldp(uint64_t index) {
+   return TunnelId(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, index));
+}
+double num(const TunnelId& id) {
+   return double(id.tunnelIndex());
+}
+double num(TunnelBandwidth bw) {
+   return bw.value();
+}
+template <typename Array>  // the live places; ids as their index
+std::vector<double> live(const Array& a) {
+   std::vector<double> out;
+   for (const auto& v : a) out.push_back(num(v));
+   return out;
+}
+// ldp(i) at place i of the ids (0: the empty id), and the bandwidths.
+TunnelRibEntry withIds(const std::vector<uint64_t>& ids, const std::vector<float>& bws = {}) {
+   TunnelRibEntry e(kTen);
+   for (uint16_t i = 0; i < ids.size(); ++i) e.tunnelIdIs(i, ids[i] ? ldp(ids[i]) : TunnelId());
+   for (uint16_t i = 0; i < bws.size(); ++i) e.tunnelBwIs(i, bws[i]);
+   return e;
+}
+
+// kSampleBytes as a value.
+TunnelRibEntry sample() {
+   TunnelRibEntry e(ColoredTunnelEndpoint(kTen, 5));
+   e.metricIs(1), e.metricTypeIs(Wirekit::MetricType::teMetric), e.metric2Is(3), e.prefIs(4);
+   e.pref2Is(5), e.entryPrefIs(6), e.entryMetricIs(7), e.tunnelBwIs(0, 1.5f);
+   e.tunnelIdIs(0, ldp(7));
+   e.tunnelIdIs(1, TunnelId(TunnelId::convertToTunnelValue(TunnelType::staticTunnel, 9)));
+   return e;
+}
+const std::string kTail = "07000000003000000900000000500000010000000000c03f";  // from offset 64
+const std::vector<uint8_t> kSampleBytes = Testing::hexBytes(
+    "04000000 0a000000 00000000 00000000 00000000 08000000 05000000 01000000"  // endpoint
+    "01000000 02000000 03000000 04000000 05000000 06000000 07000000 02000000" +
+    kTail);
+
+TEST(TunnelRibEntryTest, TextAndDumpForms) {
+   const std::string head =
+       "Value('Tunnel::TunnelTable::TunnelRibEntry', ** {'coloredTep': "
+       "Value('Tunnel::TunnelTable::ColoredTunnelEndpoint', ** {'tep': "
+       "'10.0.0.0/8', 'color': ";
+   EXPECT_EQ(Testing::streamed(TunnelRibEntry(kTen)),
+             head +
+                 "0, 'isColored': False}), 'metric': 0, 'metricType': igpMetric, 'metric2': "
+                 "0, 'pref': 0, 'pref2': 0, 'entryPref': 0, 'entryMetric': 0, 'tunnelId': [], "
+                 "'tunnelBw': []})");
+   EXPECT_EQ(valueToStrep(sample()),
+             head +
+                 "5, 'isColored': True}), 'metric': 1, 'metricType': teMetric, 'metric2': 3, "
+                 "'pref': 4, 'pref2': 5, 'entryPref': 6, 'entryMetric': 7, 'tunnelId': "
+                 "[Value('Tunnel::TunnelTable::TunnelId', ** {'value': 52776558133255}), "
+                 "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 87960930222089})], "
+                 "'tunnelBw': [Value('Tunnel::TunnelTable::TunnelBandwidth', ** {'value': "
+                 "1.5})]})");
+   for (const std::string pad : {"", "   "}) {
+      Vela::String out;
+      sample().dumpState(out, int(pad.size()));
+      EXPECT_EQ(out, pad + "TunnelRibEntry 10.0.0.0/8 color 5 metric 1 metric2 3 pref 4 pref2 5\n" +
+                         pad + "  tunnelIds #2\n" + pad + "    type ldpTunnel index 7\n" + pad +
+                         "    type staticTunnel index 9\n");
+   }
+}
+
+TEST(TunnelRibEntryDeathTest, StringConstructorAsserts) {
+   const Vela::String text = valueToStrep(TunnelRibEntry(kTen));
+   EXPECT_DEATH(TunnelRibEntry(text.begin(), text.end()),
+                "assertion failed: No String constructor for TunnelRibEntry - has collection "
+                "\\(Tunnel/TunnelTable:");
+}
+
+TEST(TunnelRibEntryTest, DeletionTrimsTrailingHolesOnly) {
+   TunnelRibEntry e = withIds({1, 0, 2}, {1, 0, 2});
+   EXPECT_EQ(num(e.tunnelIdDel(2)) + num(e.tunnelBwDel(e.tunnelBw().begin() + 2)), 4);
+   EXPECT_EQ(live(e.tunnelId()), std::vector<double>{1});
+   EXPECT_EQ(live(e.tunnelBw()), std::vector<double>{1});
+   e = withIds({1, 2});
+   EXPECT_EQ(num(e.tunnelIdDel(e.tunnelId().begin())) + num(e.tunnelIdDel(5)), 1);
+   EXPECT_EQ(live(e.tunnelId()), (std::vector<double>{0, 2}));
+
+   // A shrunk count keeps old contents: writing past it revives them, but not in a copy.
+   e = withIds({1, 2, 3});
+   e.tunnelIdDel(2), e.tunnelIdDel(1);
+   TunnelRibEntry copy = e;
+   EXPECT_FALSE(e.hasTunnelId(ldp(2)));
+   e.tunnelIdIs(3, ldp(4)), copy.tunnelIdIs(3, ldp(4));
+   EXPECT_EQ(live(e.tunnelId()), (std::vector<double>{1, 2, 3, 4}));
+   EXPECT_EQ(live(copy.tunnelId()), (std::vector<double>{1, 0, 0, 4}));
+}
+
+TEST(TunnelRibEntryTest, AddTunnelWithBw) {
+   const struct {
+      std::vector<uint64_t> ids;
+      std::vector<float> bws;
+      uint64_t add;
+      std::vector<double> ids2, bws2;
+   } cases[] = {
+       {{}, {}, 1, {1}, {9}},
+       {{1, 2, 3, 4}, {1, 2}, 4, {1, 2, 3, 4}, {1, 2, 0, 9}},  // present: only its bandwidth
+       {{1, 2}, {1, 2, 3, 4}, 5, {1, 2, 5}, {1, 2, 9, 4}},     // new: appended
+   };
+   for (const auto& c : cases) {
+      TunnelRibEntry e = withIds(c.ids, c.bws);
+      e.addTunnelWithBw(ldp(c.add), 9.0f);
+      EXPECT_EQ(live(e.tunnelId()), c.ids2);
+      EXPECT_EQ(live(e.tunnelBw()), c.bws2);
+   }
+
+   TunnelRibEntry full(kTen);
+   for (uint64_t i = 1; i <= 600; ++i) full.addTunnelWithBw(ldp(i), float(i));
+   const TunnelRibEntry before = full;
+   EXPECT_EQ(Testing::errorText<Vela::RangeException>([&] { full.addTunnelWithBw(ldp(601), 1); }),
+             "Tunnel::TunnelTable::TunnelIdCollIndex::value < "
+             "Tunnel::TunnelTable::TunnelIdCollIndex::min or > "
+             "Tunnel::TunnelTable::TunnelIdCollIndex::max not allowed");
+   EXPECT_EQ(full, before);
+   full.addTunnelWithBw(ldp(600), 0.5f);
+   EXPECT_EQ(num(full.tunnelBw(599)), 0.5);
+   EXPECT_EQ(full.serializeLen(), TunnelRibEntry::kMaxSerializedLen);
+}
+
+TEST(TunnelRibEntryTest, EqualityComparesBandwidthsAsFloats) {
+   TunnelRibEntry a = sample(), b = sample();
+   a.tunnelBwIs(0, 0.0f), b.tunnelBwIs(0, -0.0f);
+   a.tunnelIdDel(1), b.tunnelIdIs(1, ldp(8)), b.tunnelIdDel(1);  // differ past the counts only
+   EXPECT_EQ(a, b);
+   b.tunnelBwIs(1, 0.0f);
+   EXPECT_NE(a, b);
+   b = a, b.coloredTepIs(kTen);
+   EXPECT_NE(a, b);
+   a.tunnelBwIs(0, std::nanf("")), b = a;
+   EXPECT_FALSE(a == a || a == b);
+}
+
+TEST(TunnelRibEntryTest, ByteForm) {
+   std::vector<uint8_t> bytes(kSampleBytes.size(), 0xEE);
+   ASSERT_EQ(sample().serializeLen(), bytes.size());
+   sample().serialize(bytes.data());
+   EXPECT_EQ(bytes, kSampleBytes);
+   EXPECT_EQ(withIds({1, 2}).serializeLen(), 84u);
+
+   bytes[53] = 0xab, bytes[55] = 0xcd;  // the padding after entryPref is carried as it is
+   TunnelRibEntry back = withIds({1, 2, 3, 4});
+   back.deserialize(bytes.data(), uint32_t(bytes.size()));
+   EXPECT_EQ(back, sample());
+   std::vector<uint8_t> again(bytes.size());
+   back.serialize(again.data());
+   EXPECT_EQ(again, bytes);
+   back.tunnelIdIs(3, ldp(1));  // the old value's places do not revive
+   EXPECT_EQ(live(back.tunnelId()), (std::vector<double>{7, 9, 0, 1}));
+   back.tunnelIdDel(3), back.serialize(&back);  // onto itself: not even stale places change
+   back.tunnelIdIs(4, ldp(2));
+   EXPECT_EQ(live(back.tunnelId()), (std::vector<double>{7, 9, 0, 1, 2}));
+}
+
+TEST(TunnelRibEntryTest, ReadersRefuseBadRecords) {
+   const uint32_t ok = sizeof(TunnelRibEntry);
+   const std::string tooMany = "expected size <= 600, instead got 601. Buffer is at address: ";
+   const struct {
+      size_t at;  // a u32 overwritten with `value`
+      uint32_t value, length, deserializeLen;
+      std::string error;  // "{}": the address of the bytes from `at` on
+   } cases[] = {
+       {0, 4, 88, ok, "(no exception)"},
+       {0, 4, 87, 0, "byte form truncated: 4 bytes needed at offset 84 of 87"},
+       {0, 4, 63, 0, "byte form truncated: 4 bytes needed at offset 60 of 63"},
+       {0, 4, 89, ok, "TunnelRibEntry record ends at byte 88, 1 bytes before its length"},
+       {60, 601, 88, 0, tooMany + "{} with contents: 59020000" + kTail},
+       {80, 601, 88, 0, tooMany + "{} with contents: 590200000000c03f"},
+       {28, 2, 88, ok, "ColoredTunnelEndpoint flag byte 2 is neither 0 nor 1"},
+       {36, 6, 88, ok, "Wirekit::MetricType: unknown value 6"},
+       {68, 0x20000, 88, ok,
+        "Tunnel::TunnelTable::TunnelId::value < Tunnel::TunnelTable::TunnelId::minValue or > "
+        "Tunnel::TunnelTable::TunnelId::maxValue not allowed"},
+   };
+   for (const auto& c : cases) {
+      std::vector<uint8_t> bytes = kSampleBytes;
+      bytes.resize(std::max<size_t>(bytes.size(), c.length));
+      std::memcpy(bytes.data() + c.at, &c.value, 4);
+      EXPECT_EQ(TunnelRibEntry::deserializeLen(bytes.data(), c.length), c.deserializeLen);
+      std::string error = c.error;
+      if (const size_t p = error.find("{}"); p != std::string::npos)
+         error.replace(p, 2, fmt::format("{}", fmt::ptr(bytes.data() + c.at)));
+      TunnelRibEntry e = withIds({5});
+      const TunnelRibEntry expected = c.error == "(no exception)" ? sample() : e;
+      EXPECT_EQ(Testing::errorText<Vela::Exception>([&] { e.deserialize(bytes.data(), c.length); }),
+                error);
+      EXPECT_EQ(e, expected);  // a refused record changes nothing
+   }
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable
