@@ -172,10 +172,12 @@ void TunnelRibBuilder::apply() {
    dirty.swap(dirty_);
    for (const ColoredTunnelEndpoint& endpoint : dirty) evaluate(endpoint);
    if (reconcileNeeded_ && readersReady()) reconcile();
+   if (batchObserver_) batchObserver_();
 }
 
 void TunnelRibBuilder::evaluate(const ColoredTunnelEndpoint& endpoint) {
    ++counters_.endpointEvaluations;
+   if (endpointObserver_) endpointObserver_(endpoint);
    TunnelRibBase& rib = endpoint.isColored() ? static_cast<TunnelRibBase&>(*coloredRib_)
                                              : static_cast<TunnelRibBase&>(*rib_);
    auto e = endpoints_.find(endpoint);

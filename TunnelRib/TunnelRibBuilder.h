@@ -26,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -83,6 +84,13 @@ class TunnelRibBuilder {
    // Every endpoint with a candidate, in order.
    std::vector<ColoredTunnelEndpoint> endpoints() const;
 
+   // Told each endpoint as it is evaluated (its candidates may have changed; candidates() has
+   // them), and at the end of each applied batch. The command-line export uses both.
+   void endpointObserverIs(std::function<void(const ColoredTunnelEndpoint&)> observer) {
+      endpointObserver_ = std::move(observer);
+   }
+   void batchObserverIs(std::function<void()> observer) { batchObserver_ = std::move(observer); }
+
   private:
    struct Source;
    // A tunnel of one source table: tables of one type may share tunnel ids (the interface tables).
@@ -125,6 +133,8 @@ class TunnelRibBuilder {
    bool applyScheduled_ = false;
    bool reconcileNeeded_ = true;
    Counters counters_;
+   std::function<void(const ColoredTunnelEndpoint&)> endpointObserver_;
+   std::function<void()> batchObserver_;
    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

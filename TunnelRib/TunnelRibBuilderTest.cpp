@@ -1,15 +1,19 @@
 // The RIB builder against a brute-force model: protocol tables written by other processes (one
 // writer killed and replaced midway), after which both RIBs hold, key for key, what the model
-// computes from the tables' final contents.
+// computes from the tables' final contents, and the command-line tree, read by another process,
+// holds every candidate class of every endpoint with its tunnels.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 
 #include <map>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "Loom/EventLoop.h"
+#include "Pike/PikeReader.h"
+#include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTables.h"
@@ -190,6 +194,7 @@ TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndA
       service->unmount(tunnelRibType.path);
    }
    TunnelRibBuilder builder(mounter);
+   CliTunnelRibExport cli(builder);
 
    // LDP: a writer killed halfway, then a second writer re-attaches and finishes; SR and policy
    // writers run alongside.
@@ -254,6 +259,39 @@ TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndA
    EXPECT_FALSE(builder.tunnelRib()->tunnelRibEntryHas(endpointPrefix(99)));
    EXPECT_GT(builder.coloredTunnelRib()->entryCount(), 0u);
    EXPECT_GE(builder.counters().reconciles, 1u);
+
+   using Classes =
+       std::map<ColoredTunnelEndpoint, std::map<InternalTunnelCandidateId, std::set<uint64_t>>>;
+   Classes classes;
+   for (const auto& c : all) classes[c.endpoint][c.candidate].insert(c.tunnelId.value());
+   const pid_t reader = Testing::forkChild([&] {
+      Loom::EventLoop readerLoop;
+      Pike::PikeReader pike(kCliTunnelRibStore, readerLoop);
+      auto status = tunnelPikeStatusFactory(kCliTunnelRibRoot);
+      pike.rootIs(*status);
+      const auto tree = [&] {
+         Classes got;
+         for (uint32_t id : {0u, 1u}) {
+            auto rib = status->cliTunnelRibColl(TunnelRibId(id));
+            if (!rib) continue;
+            for (const auto& [tep, entry] : rib->entry()) {
+               if (tep.isColored() != (id == 1)) return Classes{};
+               for (const auto& [candidateId, candidate] : entry->candidates()) {
+                  for (const TunnelId& t : candidate->tunnelId()) {
+                     got[tep][candidateId].insert(t.value());
+                  }
+               }
+            }
+         }
+         return got;
+      };
+      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+      while (tree() != classes && std::chrono::steady_clock::now() < until) {
+         readerLoop.runOnce(std::chrono::milliseconds(10));
+      }
+      return tree() == classes ? 0 : 1;
+   });
+   EXPECT_EQ(Testing::waitChild(reader), 0);
 }
 
 }  // namespace

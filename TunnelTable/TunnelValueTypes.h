@@ -8,6 +8,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string_view>
 
@@ -191,3 +192,10 @@ std::ostream& operator<<(std::ostream& os, const EncapId& v);
 std::ostream& operator<<(std::ostream& os, const TunnelRibId& v);
 
 }  // namespace Tunnel::TunnelTable
+
+template <>
+struct std::hash<Tunnel::TunnelTable::TunnelRibId> {
+   size_t operator()(const Tunnel::TunnelTable::TunnelRibId& id) const noexcept {
+      return id.hash();
+   }
+};

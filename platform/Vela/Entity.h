@@ -48,6 +48,8 @@ class Entity : public RefCounted {
 
    const String& name() const noexcept { return name_; }
    Entity* parent() const noexcept { return parent_; }
+   // Set by a collection when it takes in an entity built apart from its parent.
+   void parentIs(Entity* parent) noexcept { parent_ = parent; }
    // The framework type name, e.g. "Tunnel::TunnelTable::LdpTunnelTable".
    virtual std::string_view fwkTypeName() const { return "Vela::Entity"; }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "TunnelTable/TunnelId.h"
 #include "TunnelTable/TunnelTableBase.h"
 #include "Vela/String.h"
+#include "Wirekit/IpGenPrefix.h"
 
 namespace TunnelCtl {
 
@@ -26,7 +28,12 @@ int runPublish(std::ostream& out, const std::string& file, bool once);
 int runDemo(std::ostream& out, const std::string& file, const std::string& update);
 
 // A tunnel RIB as a reader sees it: the dump lines (or one endpoint's entries), or JSON.
-int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool json);
+int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool json,
+           bool candidates = false);
+// The candidate tree the RIB builder exports: per endpoint every candidate class, the winner
+// marked (runRib with candidates).
+int runRibCandidates(std::ostream& out, bool colored,
+                     const std::optional<Wirekit::IpGenPrefix>& endpoint, bool json);
 // Runs the tunnel RIB builder until SIGINT/SIGTERM, or `seconds` (0: no limit).
 int runRibBuilder(std::ostream& out, double seconds);
 

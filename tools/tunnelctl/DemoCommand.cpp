@@ -35,6 +35,7 @@
 #include "Description.h"
 #include "Publisher.h"
 #include "Region/StoreRoot.h"
+#include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
 
 namespace TunnelCtl {
@@ -130,6 +131,7 @@ int builderMain(int fd) {
    bool stop = false;
    agent.signalsIs({SIGTERM, SIGINT}, [&](int) { stop = true; });
    Tunnel::TunnelTable::TunnelRibBuilder builder(agent.mounter());
+   Tunnel::TunnelTable::CliTunnelRibExport cli(builder);
    std::optional<uint64_t> reportedChanges;
    agent.runUntil(
        [&] {
@@ -467,6 +469,9 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    if (runRib(out, false, "", false) != 0) return fail("the tunnel RIB could not be read");
    out << "the colored tunnel RIB:\n";
    if (runRib(out, true, "", false) != 0) return fail("the colored tunnel RIB could not be read");
+   out << "every candidate of each endpoint, the RIB's choice marked *:\n";
+   if (runRib(out, false, "", false, true) != 0)
+      return fail("the candidate tree could not be read");
 
    // 5. Readers report what they hold, then everyone stops.
    ::kill(r1.pid, SIGTERM);

@@ -1,5 +1,5 @@
 // The tunnel RIB commands: `rib` shows a RIB as a key-shadowing reader in this process sees it;
-// `rib-builder` runs the RIB builder as an agent of its own.
+// `rib-builder` runs the RIB builder, with its candidate tree export, as an agent of its own.
 #include <signal.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 
 #include "Agent.h"
 #include "Commands.h"
+#include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
 #include "store/DockShadow.h"
 
@@ -100,7 +101,8 @@ int showRib(std::ostream& out, const std::optional<Wirekit::IpGenPrefix>& endpoi
 
 }  // namespace
 
-int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool json) {
+int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool json,
+           bool candidates) {
    std::optional<Wirekit::IpGenPrefix> prefix;
    if (!endpoint.empty()) {
       try {
@@ -109,6 +111,7 @@ int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool js
          throw UsageError("bad ENDPOINT '" + endpoint + "': " + e.what());
       }
    }
+   if (candidates) return runRibCandidates(out, colored, prefix, json);
    return colored ? showRib<TT::ColoredTunnelRib>(out, prefix, json)
                   : showRib<TT::TunnelRib>(out, prefix, json);
 }
@@ -116,10 +119,12 @@ int runRib(std::ostream& out, bool colored, const std::string& endpoint, bool js
 int runRibBuilder(std::ostream& out, double seconds) {
    Agent agent;
    TT::TunnelRibBuilder builder(agent.mounter());
+   TT::CliTunnelRibExport cli(builder);
    bool stop = false;
    agent.signalsIs({SIGINT, SIGTERM}, [&](int) { stop = true; });
    out << "rib-builder: reading " << builder.sourceCount() << " tunnel tables, writing "
-       << TT::tunnelRibType.path << " and " << TT::coloredTunnelRibType.path << std::endl;
+       << TT::tunnelRibType.path << ", " << TT::coloredTunnelRibType.path
+       << " and the candidate tree " << TT::kCliTunnelRibStore << std::endl;
    bool reported = false;
    const auto deadline =
        std::chrono::steady_clock::now() + std::chrono::milliseconds(int64_t(seconds * 1000));

@@ -57,6 +57,9 @@ int main(int argc, char** argv) {
    rib->add_flag("--colored", colored, "the colored tunnel RIB");
    rib->add_option("ENDPOINT", endpoint, "only the entries of this endpoint prefix");
    rib->add_flag("--json", json, "machine-readable output, every field a field");
+   bool candidates = false;
+   rib->add_flag("--candidates", candidates,
+                 "every candidate class of each endpoint with its tunnels, the winner marked");
    auto* ribBuilder = app.add_subcommand(
        "rib-builder", "the tunnel RIB builder as an agent: protocol tables in, both RIBs out");
    ribBuilder->add_option("--seconds", seconds, "stop after S seconds");
@@ -68,7 +71,7 @@ int main(int argc, char** argv) {
       if (*watch) return TunnelCtl::runWatch(std::cout, table, count, seconds);
       if (*validate) return TunnelCtl::runValidate(std::cout, table);
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
-      if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json);
+      if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json, candidates);
       if (*ribBuilder) return TunnelCtl::runRibBuilder(std::cout, seconds);
       if (*demo) return TunnelCtl::runDemo(std::cout, demoFile, demoUpdate);
    } catch (const TunnelCtl::UsageError& e) {

@@ -1,8 +1,8 @@
 #!/bin/bash
 # tunnelctl driven as a person drives it, with real processes: a publishing writer agent, `show`
 # and `watch` readers in other processes (the mLDP table as well as the family's others), a refused
-# second writer, a reload that readers are told of key by key, `validate` on a healthy and on a
-# damaged table, and the error paths.
+# second writer, a reload that readers are told of key by key, a RIB builder and its candidate tree
+# read by `rib --candidates`, `validate` on a healthy and on a damaged table, and the error paths.
 # Usage: tunnelctl_processes_test.sh TUNNELCTL SOURCE_DIR
 set -u
 ctl=$1
@@ -109,6 +109,25 @@ done
 expect_eq "$(cat "$work/valid.out")" "ldp: valid: 23 occupied slots, $(($(grep '^ldp ' "$work/list.out" | awk '{print $6}') - 23)) free slots, 23 slab entries" "validate output"
 "$ctl" validate mldpTunnel >"$work/valid-mldp.out" 2>&1 || fail "validate mldpTunnel"
 expect_eq "$(cat "$work/valid-mldp.out")" "mldpTunnel: valid: 4 occupied slots, $(($(grep '^mldpTunnel ' "$work/list.out" | awk '{print $6}') - 4)) free slots, 4 slab entries" "validate mldpTunnel output"
+
+# A RIB builder agent; `rib --candidates` in another process reads the candidate tree it exports.
+"$ctl" rib-builder --seconds 60 >"$work/builder.out" 2>"$work/builder.err" &
+builder=$!
+pids+=($builder)
+wait_for "$work/builder.out" '^rib-builder: settled: ' 30
+"$ctl" rib --candidates 10.255.0.11/32 >"$work/cand.out" 2>"$work/cand.err" || fail "rib --candidates"
+expect_eq "$(head -2 "$work/cand.out")" "tunnelRib (id 0): 1 endpoints
+10.255.0.11/32" "candidates header"
+expect_eq "$(grep -c '^  \* ' "$work/cand.out")" 1 "one winner marked"
+[ "$(wc -l <"$work/cand.out")" -ge 4 ] || fail "losing candidates shown too"
+"$ctl" rib --candidates --colored --json >"$work/cand.json" 2>&1 || fail "rib --candidates --json"
+grep -q '"rib": "coloredTunnelRib",' "$work/cand.json" || fail "candidates json names the RIB"
+grep -q '"winner": true,' "$work/cand.json" || fail "candidates json marks the winner"
+"$ctl" rib --candidates 10.9.9.9/32 >/dev/null 2>"$work/nocand.err"
+expect_eq $? 1 "candidates of an unknown endpoint"
+expect_eq "$(cat "$work/nocand.err")" "tunnelctl: no candidates for 10.9.9.9/32 in tunnelRib" "unknown endpoint message"
+kill -TERM $builder
+wait $builder || fail "rib-builder exit status"
 
 # The writer stops; its files stay, and list shows the writer gone.
 kill -TERM $pub
