@@ -13,7 +13,7 @@ PikeCollection::PikeCollection(PikeEntity& owner, Vela::AttributeId attr)
 
 PikeEntity::~PikeEntity() {
    if (writer_) writer_->entityGone(id_);
-   if (reader_ && id_) reader_->entityDel(id_, *this);
+   if (reader_) reader_->copyGone(*this);
 }
 
 void PikeEntity::doPikeInit() {

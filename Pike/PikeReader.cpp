@@ -88,6 +88,12 @@ void PikeReader::entityDel(uint64_t id, const PikeEntity& copy) {
    if (it != entities_.end() && it->second == &copy) entities_.erase(it);
 }
 
+void PikeReader::copyGone(const PikeEntity& copy) {
+   if (copy.id_) entityDel(copy.id_, copy);
+   auto root = roots_.find(copy.name());
+   if (root != roots_.end() && root->second == &copy) roots_.erase(root);
+}
+
 void PikeReader::keyChanged(const PikeKey& key) {
    std::optional<PikeRecord> r = map_.lookup(key);
    if (!r) {
@@ -96,24 +102,7 @@ void PikeReader::keyChanged(const PikeKey& key) {
    }
    index_[key.owner].insert(key);
    ++counters_.records;
-   if (key.owner == 0) {
-      if (key.collection != attrPikeRoot.value) return;
-      auto root = roots_.find(std::string_view(reinterpret_cast<const char*>(key.key), key.keyLen));
-      if (root != roots_.end() && root->second->id_ != r->child) {
-         ++counters_.restarts;
-         root->second->handleChildRestart();
-      }
-      return;
-   }
-   auto owner = entities_.find(key.owner);
-   if (owner == entities_.end()) return;
-   try {
-      owner->second->handleChild(*r);
-   } catch (const Vela::Exception& e) {
-      // A member whose key does not read as its collection's key type: skipped, not fatal.
-      SPOOR_TRACE(trace(), 0, "Pike member of {} in collection {} skipped: {}", key.owner,
-                  key.collection, e.what());
-   }
+   dispatch(key, &*r);
 }
 
 void PikeReader::keyRemoved(const PikeKey& key) {
@@ -123,10 +112,16 @@ void PikeReader::keyRemoved(const PikeKey& key) {
       if (members->second.empty()) index_.erase(members);
    }
    ++counters_.removals;
+   dispatch(key, nullptr);
+}
+
+void PikeReader::dispatch(const PikeKey& key, const PikeRecord* record) {
    if (key.owner == 0) {
+      // A root record: its copy re-reads the image when the record names another (or none).
       if (key.collection != attrPikeRoot.value) return;
       auto root = roots_.find(std::string_view(reinterpret_cast<const char*>(key.key), key.keyLen));
-      if (root != roots_.end() && root->second->id_ != 0) {
+      const uint64_t named = record ? record->child : 0;
+      if (root != roots_.end() && root->second->id_ != named) {
          ++counters_.restarts;
          root->second->handleChildRestart();
       }
@@ -135,9 +130,14 @@ void PikeReader::keyRemoved(const PikeKey& key) {
    auto owner = entities_.find(key.owner);
    if (owner == entities_.end()) return;
    try {
-      owner->second->handleChildDel(key);
+      if (record) {
+         owner->second->handleChild(*record);
+      } else {
+         owner->second->handleChildDel(key);
+      }
    } catch (const Vela::Exception& e) {
-      SPOOR_TRACE(trace(), 0, "Pike removal of {} in collection {} skipped: {}", key.owner,
+      // A member whose key does not read as its collection's key type: skipped, not fatal.
+      SPOOR_TRACE(trace(), 0, "Pike member of {} in collection {} skipped: {}", key.owner,
                   key.collection, e.what());
    }
 }

@@ -54,12 +54,16 @@ class PikeReader {
    std::optional<PikeRecord> record(const PikeKey& key);
    void entityIs(uint64_t id, PikeEntity& copy);
    void entityDel(uint64_t id, const PikeEntity& copy);
+   // A copy is being destroyed: forget it (as a root too).
+   void copyGone(const PikeEntity& copy);
 
    const Counters& counters() const noexcept { return counters_; }
 
   private:
    void keyChanged(const PikeKey& key);
    void keyRemoved(const PikeKey& key);
+   // Hands a member's record (null: removed) to its owner's copy.
+   void dispatch(const PikeKey& key, const PikeRecord* record);
    void retryAttach(std::chrono::nanoseconds delay);
 
    PikeMap map_;

@@ -38,7 +38,8 @@ void CliTunnelRibExport::mirror(const ColoredTunnelEndpoint& endpoint) {
    }
    Vela::Ptr<InternalCliTunnelRibEntry> entry = rib.entryIs(endpoint);
    std::vector<InternalTunnelCandidateId> gone;
-   for (const auto& [id, candidate] : entry->candidates()) {
+   for (const auto& member : entry->candidates()) {
+      const InternalTunnelCandidateId& id = member.first;
       if (std::none_of(classes.begin(), classes.end(), [&](const auto& c) { return c.id == id; })) {
          gone.push_back(id);
       }

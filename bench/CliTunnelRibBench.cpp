@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include "BenchAgent.h"
+#include "BenchSupport.h"
 #include "Loom/EventLoop.h"
 #include "Pike/PikeReader.h"
 #include "TunnelRib/CliTunnelRibExport.h"
@@ -35,25 +37,6 @@
 namespace {
 
 namespace TT = Tunnel::TunnelTable;
-
-uint64_t nowNs() {
-   timespec ts;
-   ::clock_gettime(CLOCK_MONOTONIC, &ts);
-   return uint64_t(ts.tv_sec) * 1000000000ull + uint64_t(ts.tv_nsec);
-}
-
-std::string freshRoot() {
-   char tmpl[] = "/dev/shm/cli-bench-XXXXXX";
-   const char* dir = ::mkdtemp(tmpl);
-   if (!dir) std::abort();
-   ::setenv("TUNNEL_SHMEM_ROOT", dir, 1);
-   return dir;
-}
-
-double percentileUs(std::vector<uint64_t> v, double p) {
-   std::sort(v.begin(), v.end());
-   return double(v[std::min(v.size() - 1, size_t(p * double(v.size())))]) / 1000.0;
-}
 
 TT::ColoredTunnelEndpoint tep(uint32_t n) {
    return Wirekit::IpGenPrefix::host(Wirekit::IpGenAddr::ipv4(0x0A000000u + n));
@@ -78,7 +61,7 @@ Vela::Ptr<TT::TunnelPikeStatus> makeStatus(Pike::PikeWriter& writer) {
 }
 
 void TreeUpdateCost(benchmark::State& state) {
-   const std::string root = freshRoot();
+   const std::string root = Bench::freshRoot("cli-bench");
    double treeNs = 0, storeNs = 0;
    for (auto _ : state) {
       (void)_;
@@ -96,7 +79,7 @@ void TreeUpdateCost(benchmark::State& state) {
             entries.push_back(entry);
          }
          status->handleFlush();
-         const uint64_t start = nowNs();
+         const uint64_t start = Bench::nowNs();
          for (uint32_t i = 0; i < changes; ++i) {
             auto& entry = *entries[i % kEndpoints];
             const bool toB = (i / kEndpoints) % 2 == 0;
@@ -108,7 +91,7 @@ void TreeUpdateCost(benchmark::State& state) {
             if (i % kBatch == kBatch - 1) status->handleFlush();
          }
          status->handleFlush();
-         treeNs = double(nowNs() - start) / changes;
+         treeNs = double(Bench::nowNs() - start) / changes;
       }
       {
          // The same records through the bare store, in a table of the same size.
@@ -125,7 +108,7 @@ void TreeUpdateCost(benchmark::State& state) {
             map.writer()->write(record(3 * e + 1, 1000000 + e));
          }
          map.flush();
-         const uint64_t start = nowNs();
+         const uint64_t start = Bench::nowNs();
          for (uint32_t i = 0; i < changes; ++i) {
             const uint32_t e = i % kEndpoints;
             const bool toB = (i / kEndpoints) % 2 == 0;
@@ -135,7 +118,7 @@ void TreeUpdateCost(benchmark::State& state) {
             if (i % kBatch == kBatch - 1) map.flush();
          }
          map.flush();
-         storeNs = double(nowNs() - start) / changes;
+         storeNs = double(Bench::nowNs() - start) / changes;
       }
       std::filesystem::remove_all(root + "/bench");
    }
@@ -165,23 +148,17 @@ struct Recorder : Vela::Entity::Notifiee {
       const uint32_t r = round(key);
       if (r == 0 || r > uint32_t(kRounds)) return;
       uint64_t& slot = tree ? sh->treeLatency[r] : sh->storeLatency[r];
-      if (slot == 0) slot = nowNs() - sh->sentNs[r].load(std::memory_order_acquire);
+      if (slot == 0) slot = Bench::nowNs() - sh->sentNs[r].load(std::memory_order_acquire);
       if (sh->storeLatency[r] && sh->treeLatency[r]) sh->acked.store(r, std::memory_order_release);
    }
 };
 
-struct Mounted {
-   Loom::EventLoop loop;
-   Vela::Ptr<Vault::MountService> service = Vela::makePtr<Vault::MountService>();
-   TT::TunnelTableMounter mounter{service, loop};
-};
-
 void TreeNotifyLatency(benchmark::State& state) {
-   const std::string root = freshRoot();
+   const std::string root = Bench::freshRoot("cli-bench");
    auto* sh = static_cast<Shared*>(
        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    new (sh) Shared{};
-   Mounted w;
+   Bench::Mounted w;
    auto ldp = w.mounter.mountWriterOf<TT::LdpTunnelTable>();
    const auto ldpEntry = [](uint32_t r) {
       TT::LdpTunnelTableEntry e(ldpId(1));
@@ -199,7 +176,7 @@ void TreeNotifyLatency(benchmark::State& state) {
 
    const pid_t readerPid = ::fork();
    if (readerPid == 0) {
-      Mounted r;
+      Bench::Mounted r;
       auto ldpReader = r.mounter.mountKeyshadowOf<TT::LdpTunnelTable>();
       Pike::PikeReader pike(TT::kCliTunnelRibStore, r.loop);
       auto copy = TT::tunnelPikeStatusFactory("tunnelPikeStatus");
@@ -229,7 +206,7 @@ void TreeNotifyLatency(benchmark::State& state) {
    for (auto _ : state) {
       (void)_;
       for (uint32_t r = 1; r <= uint32_t(kRounds); ++r) {
-         sh->sentNs[r].store(nowNs(), std::memory_order_release);
+         sh->sentNs[r].store(Bench::nowNs(), std::memory_order_release);
          const auto tree = [&] {
             if (r > 1) candidate->tunnelIdDel(ldpId(kRoundBase + r - 1));
             candidate->tunnelIdIs(ldpId(kRoundBase + r));
@@ -259,14 +236,14 @@ void TreeNotifyLatency(benchmark::State& state) {
       state.SkipWithError("no round reached both readers");
    } else {
       state.counters["rounds"] = double(storeLat.size());
-      state.counters["store_p50_us"] = percentileUs(storeLat, 0.5);
-      state.counters["store_p99_us"] = percentileUs(storeLat, 0.99);
-      state.counters["tree_p50_us"] = percentileUs(treeLat, 0.5);
-      state.counters["tree_p99_us"] = percentileUs(treeLat, 0.99);
+      state.counters["store_p50_us"] = Bench::percentileUs(storeLat, 0.5);
+      state.counters["store_p99_us"] = Bench::percentileUs(storeLat, 0.99);
+      state.counters["tree_p50_us"] = Bench::percentileUs(treeLat, 0.5);
+      state.counters["tree_p99_us"] = Bench::percentileUs(treeLat, 0.99);
       state.counters["tree_over_store_p50"] =
-          percentileUs(treeLat, 0.5) / percentileUs(storeLat, 0.5);
+          Bench::percentileUs(treeLat, 0.5) / Bench::percentileUs(storeLat, 0.5);
       state.counters["tree_over_store_p99"] =
-          percentileUs(treeLat, 0.99) / percentileUs(storeLat, 0.99);
+          Bench::percentileUs(treeLat, 0.99) / Bench::percentileUs(storeLat, 0.99);
    }
    ::munmap(sh, sizeof(Shared));
    std::filesystem::remove_all(root);

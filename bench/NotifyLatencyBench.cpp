@@ -30,17 +30,12 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Loom/EventLoop.h"
 #include "store/DockShadow.h"
 #include "store/DockWriter.h"
 
 namespace {
-
-uint64_t nowNs() {
-   timespec ts;
-   ::clock_gettime(CLOCK_MONOTONIC, &ts);
-   return uint64_t(ts.tv_sec) * 1000000000ull + uint64_t(ts.tv_nsec);
-}
 
 // A key, the time its write began, and a payload of vias (fixed size here).
 struct Stamp {
@@ -114,21 +109,8 @@ Dock::DockConfig config() {
    return c;
 }
 
-double percentile(std::vector<uint64_t> v, double p) {
-   std::sort(v.begin(), v.end());
-   return double(v[std::min(v.size() - 1, size_t(p * double(v.size())))]) / 1000.0;
-}
-
-std::string freshRoot() {
-   char tmpl[] = "/dev/shm/notify-bench-XXXXXX";
-   const char* dir = ::mkdtemp(tmpl);
-   if (!dir) std::abort();
-   ::setenv("TUNNEL_SHMEM_ROOT", dir, 1);
-   return dir;
-}
-
 void NotifyLatency(benchmark::State& state) {
-   const std::string root = freshRoot();
+   const std::string root = Bench::freshRoot("notify-bench");
    auto* sh = static_cast<Shared*>(
        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    new (sh) Shared{};
@@ -144,7 +126,7 @@ void NotifyLatency(benchmark::State& state) {
       futexWake(sh->ready);
       for (int i = 0; i < kRounds; ++i) {
          awaitChange(sh->futexWord, uint32_t(i));
-         sh->futexLatency[i] = nowNs() - sh->sentNs.load(std::memory_order_acquire);
+         sh->futexLatency[i] = Bench::nowNs() - sh->sentNs.load(std::memory_order_acquire);
          bump(sh->ack);
       }
       // Bare datagrams next.
@@ -152,7 +134,7 @@ void NotifyLatency(benchmark::State& state) {
          pollfd p{pair[1], POLLIN, 0};
          while (::poll(&p, 1, -1) != 1) {
          }
-         sh->dgramLatency[i] = nowNs() - sh->sentNs.load(std::memory_order_acquire);
+         sh->dgramLatency[i] = Bench::nowNs() - sh->sentNs.load(std::memory_order_acquire);
          char byte;
          if (::recv(pair[1], &byte, 1, 0) != 1) ::_exit(3);
          bump(sh->ack);
@@ -164,7 +146,7 @@ void NotifyLatency(benchmark::State& state) {
       Region::Notify<uint64_t, Stamp> n;
       n.onValue = [&](const Stamp& s) {
          if (s.key >= 1 && s.key <= uint64_t(kRounds)) {
-            sh->storeLatency[s.key - 1] = nowNs() - s.sentNs;
+            sh->storeLatency[s.key - 1] = Bench::nowNs() - s.sentNs;
             ++got;
             bump(sh->ack);
          }
@@ -180,13 +162,13 @@ void NotifyLatency(benchmark::State& state) {
       (void)_;
       for (int i = 0; i < kRounds; ++i) {
          const uint32_t ack = sh->ack.load();
-         sh->sentNs.store(nowNs(), std::memory_order_release);
+         sh->sentNs.store(Bench::nowNs(), std::memory_order_release);
          bump(sh->futexWord);
          awaitChange(sh->ack, ack);
       }
       for (int i = 0; i < kRounds; ++i) {
          const uint32_t ack = sh->ack.load();
-         sh->sentNs.store(nowNs(), std::memory_order_release);
+         sh->sentNs.store(Bench::nowNs(), std::memory_order_release);
          const char byte = 0;
          if (::send(pair[0], &byte, 1, 0) != 1) std::abort();
          awaitChange(sh->ack, ack);
@@ -196,7 +178,7 @@ void NotifyLatency(benchmark::State& state) {
          const uint32_t ack = sh->ack.load();
          Stamp s;
          s.key = uint64_t(i + 1);
-         s.sentNs = nowNs();
+         s.sentNs = Bench::nowNs();
          w.write(s);
          w.flush();
          awaitChange(sh->ack, ack);
@@ -206,14 +188,16 @@ void NotifyLatency(benchmark::State& state) {
    std::vector<uint64_t> f(sh->futexLatency, sh->futexLatency + kRounds);
    std::vector<uint64_t> d(sh->dgramLatency, sh->dgramLatency + kRounds);
    std::vector<uint64_t> s(sh->storeLatency, sh->storeLatency + kRounds);
-   state.counters["futex_p50_us"] = percentile(f, 0.5);
-   state.counters["futex_p99_us"] = percentile(f, 0.99);
-   state.counters["dgram_p50_us"] = percentile(d, 0.5);
-   state.counters["dgram_p99_us"] = percentile(d, 0.99);
-   state.counters["store_p50_us"] = percentile(s, 0.5);
-   state.counters["store_p99_us"] = percentile(s, 0.99);
-   state.counters["store_over_futex_p50"] = percentile(s, 0.5) / percentile(f, 0.5);
-   state.counters["store_over_futex_p99"] = percentile(s, 0.99) / percentile(f, 0.99);
+   state.counters["futex_p50_us"] = Bench::percentileUs(f, 0.5);
+   state.counters["futex_p99_us"] = Bench::percentileUs(f, 0.99);
+   state.counters["dgram_p50_us"] = Bench::percentileUs(d, 0.5);
+   state.counters["dgram_p99_us"] = Bench::percentileUs(d, 0.99);
+   state.counters["store_p50_us"] = Bench::percentileUs(s, 0.5);
+   state.counters["store_p99_us"] = Bench::percentileUs(s, 0.99);
+   state.counters["store_over_futex_p50"] =
+       Bench::percentileUs(s, 0.5) / Bench::percentileUs(f, 0.5);
+   state.counters["store_over_futex_p99"] =
+       Bench::percentileUs(s, 0.99) / Bench::percentileUs(f, 0.99);
    ::close(pair[0]);
    ::close(pair[1]);
    ::munmap(sh, sizeof(Shared));
@@ -223,7 +207,7 @@ void NotifyLatency(benchmark::State& state) {
 BENCHMARK(NotifyLatency)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 void CatchUp(benchmark::State& state) {
-   const std::string root = freshRoot();
+   const std::string root = Bench::freshRoot("notify-bench");
    const int burst = int(state.range(0));
    Writer w(config());
    w.initialize("bench/catchup");

@@ -28,6 +28,8 @@
 #include <string>
 #include <vector>
 
+#include "BenchAgent.h"
+#include "BenchSupport.h"
 #include "Loom/EventLoop.h"
 #include "TunnelRib/TunnelRibBuilder.h"
 #include "TunnelTable/TunnelMount.h"
@@ -38,25 +40,6 @@
 namespace {
 
 namespace TT = Tunnel::TunnelTable;
-
-uint64_t nowNs() {
-   timespec ts;
-   ::clock_gettime(CLOCK_MONOTONIC, &ts);
-   return uint64_t(ts.tv_sec) * 1000000000ull + uint64_t(ts.tv_nsec);
-}
-
-std::string freshRoot() {
-   char tmpl[] = "/dev/shm/rib-bench-XXXXXX";
-   const char* dir = ::mkdtemp(tmpl);
-   if (!dir) std::abort();
-   ::setenv("TUNNEL_SHMEM_ROOT", dir, 1);
-   return dir;
-}
-
-double percentileUs(std::vector<uint64_t> v, double p) {
-   std::sort(v.begin(), v.end());
-   return double(v[std::min(v.size() - 1, size_t(p * double(v.size())))]) / 1000.0;
-}
 
 Wirekit::IpGenPrefix endpoint(uint32_t n) {
    return Wirekit::IpGenPrefix::host(Wirekit::IpGenAddr::ipv4(0x0A000000u + n));
@@ -71,12 +54,6 @@ Entry make(TT::TunnelType type, uint64_t index, uint32_t tep, uint32_t metric) {
    return e;
 }
 
-struct Mounted {
-   Loom::EventLoop loop;
-   Vela::Ptr<Vault::MountService> service = Vela::makePtr<Vault::MountService>();
-   TT::TunnelTableMounter mounter{service, loop};
-};
-
 constexpr TT::TunnelTableIdentifier kTables[] = {
     TT::TunnelTableIdentifier::ldpTunnelTable, TT::TunnelTableIdentifier::isisSrTunnelTable,
     TT::TunnelTableIdentifier::rsvpLerTunnelTable, TT::TunnelTableIdentifier::srTePolicyTunnelTable,
@@ -84,7 +61,7 @@ constexpr TT::TunnelTableIdentifier kTables[] = {
 
 // The writer of the five tables: `perTable` tunnels each over `perTable` endpoints.
 int fillTables(uint32_t perTable) {
-   Mounted m;
+   Bench::Mounted m;
    auto ldp = Vela::dynamicPtrCast<TT::LdpTunnelTable>(m.mounter.mountWriter(kTables[0]));
    auto sr = Vela::dynamicPtrCast<TT::IsisSrTunnelTable>(m.mounter.mountWriter(kTables[1]));
    auto ler = Vela::dynamicPtrCast<TT::RsvpLerTunnelTable>(m.mounter.mountWriter(kTables[2]));
@@ -112,7 +89,7 @@ bool synchronized(const TT::StoreTableBase& t) {
 }
 
 void BuilderConvergence(benchmark::State& state) {
-   const std::string root = freshRoot();
+   const std::string root = Bench::freshRoot("rib-bench");
    const auto perTable = uint32_t(state.range(0));
    const pid_t writer = ::fork();
    if (writer == 0) ::_exit(fillTables(perTable));
@@ -125,8 +102,8 @@ void BuilderConvergence(benchmark::State& state) {
    for (auto _ : state) {
       (void)_;
       {
-         Mounted m;
-         const uint64_t start = nowNs();
+         Bench::Mounted m;
+         const uint64_t start = Bench::nowNs();
          std::vector<Vela::Ptr<TT::TunnelTableBase>> readers;
          for (auto id : kTables) readers.push_back(m.mounter.mountKeyshadow(id));
          const auto all = [&] {
@@ -134,14 +111,14 @@ void BuilderConvergence(benchmark::State& state) {
                                [](const auto& t) { return synchronized(*t); });
          };
          while (!all()) m.loop.runOnce(std::chrono::milliseconds(1));
-         floorMs = double(nowNs() - start) / 1e6;
+         floorMs = double(Bench::nowNs() - start) / 1e6;
       }
       {
-         Mounted m;
-         const uint64_t start = nowNs();
+         Bench::Mounted m;
+         const uint64_t start = Bench::nowNs();
          TT::TunnelRibBuilder builder(m.mounter);
          while (!builder.settled()) m.loop.runOnce(std::chrono::milliseconds(1));
-         builderMs = double(nowNs() - start) / 1e6;
+         builderMs = double(Bench::nowNs() - start) / 1e6;
          endpoints = builder.tunnelRib()->entryCount() + builder.coloredTunnelRib()->entryCount();
       }
       std::filesystem::remove_all(root + "/tunnel/rib");
@@ -176,30 +153,30 @@ struct LatencyReader : Vela::Entity::Notifiee {
       const uint32_t r = round();
       if (r == 0 || r > uint32_t(kRounds)) return;
       uint64_t& slot = rib ? sh->ribLatency[r] : sh->ldpLatency[r];
-      if (slot == 0) slot = nowNs() - sh->sentNs[r].load(std::memory_order_acquire);
+      if (slot == 0) slot = Bench::nowNs() - sh->sentNs[r].load(std::memory_order_acquire);
       if (sh->ldpLatency[r] && sh->ribLatency[r]) sh->acked.store(r, std::memory_order_release);
    }
 };
 
 void RibNotifyLatency(benchmark::State& state) {
-   const std::string root = freshRoot();
+   const std::string root = Bench::freshRoot("rib-bench");
    auto* sh = static_cast<Shared*>(
        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    new (sh) Shared{};
-   Mounted w;
+   Bench::Mounted w;
    auto ldp = Vela::dynamicPtrCast<TT::LdpTunnelTable>(w.mounter.mountWriter(kTables[0]));
    ldp->entryIs(make<TT::LdpTunnelTableEntry>(TT::TunnelType::ldpTunnel, 1, 1, 0));
 
    const pid_t builderPid = ::fork();
    if (builderPid == 0) {
-      Mounted b;
+      Bench::Mounted b;
       TT::TunnelRibBuilder builder(b.mounter);
       sh->ready.fetch_add(1);
       for (;;) b.loop.runOnce(std::chrono::seconds(1));
    }
    const pid_t readerPid = ::fork();
    if (readerPid == 0) {
-      Mounted r;
+      Bench::Mounted r;
       auto ldpReader =
           Vela::dynamicPtrCast<TT::LdpTunnelTable>(r.mounter.mountKeyshadow(kTables[0]));
       auto ribReader = r.mounter.mountKeyshadowOf<TT::TunnelRib>();
@@ -226,7 +203,7 @@ void RibNotifyLatency(benchmark::State& state) {
    for (auto _ : state) {
       (void)_;
       for (uint32_t r = 1; r <= uint32_t(kRounds); ++r) {
-         sh->sentNs[r].store(nowNs(), std::memory_order_release);
+         sh->sentNs[r].store(Bench::nowNs(), std::memory_order_release);
          ldp->entryIs(make<TT::LdpTunnelTableEntry>(TT::TunnelType::ldpTunnel, 1, 1, r));
          const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
          while (sh->acked.load(std::memory_order_acquire) < r &&
@@ -250,13 +227,14 @@ void RibNotifyLatency(benchmark::State& state) {
       state.SkipWithError("no round reached both readers");
    } else {
       state.counters["rounds"] = double(ldpLat.size());
-      state.counters["store_p50_us"] = percentileUs(ldpLat, 0.5);
-      state.counters["store_p99_us"] = percentileUs(ldpLat, 0.99);
-      state.counters["rib_p50_us"] = percentileUs(ribLat, 0.5);
-      state.counters["rib_p99_us"] = percentileUs(ribLat, 0.99);
-      state.counters["rib_over_store_p50"] = percentileUs(ribLat, 0.5) / percentileUs(ldpLat, 0.5);
+      state.counters["store_p50_us"] = Bench::percentileUs(ldpLat, 0.5);
+      state.counters["store_p99_us"] = Bench::percentileUs(ldpLat, 0.99);
+      state.counters["rib_p50_us"] = Bench::percentileUs(ribLat, 0.5);
+      state.counters["rib_p99_us"] = Bench::percentileUs(ribLat, 0.99);
+      state.counters["rib_over_store_p50"] =
+          Bench::percentileUs(ribLat, 0.5) / Bench::percentileUs(ldpLat, 0.5);
       state.counters["rib_over_store_p99"] =
-          percentileUs(ribLat, 0.99) / percentileUs(ldpLat, 0.99);
+          Bench::percentileUs(ribLat, 0.99) / Bench::percentileUs(ldpLat, 0.99);
    }
    ::munmap(sh, sizeof(Shared));
    std::filesystem::remove_all(root);
