@@ -49,8 +49,9 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
             for (const auto& c : changes) out << changeText(c) << "\n";
             out << "reloaded " << file << ": " << changes.size() << " changes" << std::endl;
             d = std::move(next);
-         } catch (const DescriptionError& e) {
-            // A bad edit leaves the published tables as they were.
+         } catch (const std::exception& e) {
+            // A bad edit, or a table another writer holds, leaves the published tables as they
+            // were; the writer goes on.
             std::cerr << "tunnelctl: " << e.what() << "; keeping what is published" << std::endl;
          }
       });

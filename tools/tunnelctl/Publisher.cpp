@@ -8,16 +8,33 @@ namespace TunnelCtl {
 
 namespace TT = Tunnel::TunnelTable;
 
+void Publisher::mountAll(const Description& d) {
+   std::vector<TunnelTableIdentifier> mountedNow;
+   try {
+      for (const TableEntry* t : d.tables()) {
+         if (tables_.count(t->id)) continue;
+         auto table = agent_.mounter().mountWriter(t->id);
+         if (!table) throw std::runtime_error(t->mountName + ": the mount gave no tunnel table");
+         tables_.emplace(t->id, table);
+         mountedNow.push_back(t->id);
+      }
+   } catch (...) {
+      // Nothing of this description is written: let go of the tables taken for it.
+      for (TunnelTableIdentifier id : mountedNow) {
+         tables_.erase(id);
+         agent_.mounter().unmount(id);
+      }
+      throw;
+   }
+}
+
 std::vector<PublishChange> Publisher::apply(const Description& d) {
+   mountAll(d);
    std::vector<PublishChange> changes;
    std::set<TunnelTableIdentifier> described;
    for (const TableEntry* t : d.tables()) {
       described.insert(t->id);
-      auto& table = tables_[t->id];
-      if (!table) {
-         table = agent_.mounter().mountWriter(t->id);
-         if (!table) throw std::runtime_error(t->mountName + ": the mount gave no tunnel table");
-      }
+      const auto& table = tables_.at(t->id);
       std::set<TT::TunnelId> keep;
       for (const DescribedTunnel* dt : d.tunnelsOf(*t)) {
          keep.insert(dt->id);

@@ -25,8 +25,10 @@ class Publisher {
   public:
    explicit Publisher(Agent& agent) : agent_(agent) {}
 
-   // Mounts what is not mounted yet (throws what the mount throws, e.g. a second writer) and
-   // applies the description. Returns the changes made, table by table in identifier order.
+   // Mounts every table the description needs that is not mounted yet, then applies it. All or
+   // nothing: when a mount fails (e.g. another process is that table's writer) nothing is written,
+   // the tables taken for it are let go, and what the mount threw is thrown. Returns the changes
+   // made, table by table in identifier order.
    std::vector<PublishChange> apply(const Description& d);
 
    const std::map<TunnelTableIdentifier, Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase>>& tables()
@@ -35,6 +37,8 @@ class Publisher {
    }
 
   private:
+   void mountAll(const Description& d);
+
    Agent& agent_;
    std::map<TunnelTableIdentifier, Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase>> tables_;
 };

@@ -64,7 +64,12 @@ int main(int argc, char** argv) {
        "rib-builder", "the tunnel RIB builder as an agent: protocol tables in, both RIBs out");
    ribBuilder->add_option("--seconds", seconds, "stop after S seconds");
 
-   CLI11_PARSE(app, argc, argv);
+   try {
+      app.parse(argc, argv);
+   } catch (const CLI::ParseError& e) {
+      // --help and --version are "errors" that exit 0; every usage mistake exits 2.
+      return app.exit(e) == 0 ? 0 : 2;
+   }
    try {
       if (*list) return TunnelCtl::runList(std::cout, json);
       if (*show) return TunnelCtl::runShow(std::cout, table, json);
