@@ -306,28 +306,32 @@ struct AllPlacesArrayTraits : LiveArrayTraits<Array> {
 
    static void write(ByteWriter& w, const Array& a) {
       Base::write(w, a);
-      for (uint32_t i = a.count(); i < kCapacity; ++i)
-         w.bytes(emptyBytes().data(), Element::kFixedLen);
+      w.bytes(emptyPlaces().data(), deadLen(a));
    }
-   // The one byte form of the default element stands for it, so a dead place is checked by
-   // comparing bytes rather than by reading an element.
+   // The byte form of the default element stands for it, so the dead places are checked by
+   // comparing bytes, all at once, rather than by reading elements.
    static void read(ByteReader& r, Array& a) {
       Base::read(r, a);
-      for (uint32_t i = a.count(); i < kCapacity; ++i) {
-         const size_t at = r.offset();
-         if (std::memcmp(r.take(Element::kFixedLen), emptyBytes().data(), Element::kFixedLen) !=
-             0) {
-            throwNonCanonical(at, Element::kFixedLen);
+      const size_t at = r.offset();
+      const uint32_t len = deadLen(a);
+      const uint8_t* in = r.take(len);
+      if (std::memcmp(in, emptyPlaces().data(), len) == 0) return;
+      // Name the first place that is not the default element.
+      for (uint32_t off = 0;; off += Element::kFixedLen) {
+         if (std::memcmp(in + off, emptyPlaces().data(), Element::kFixedLen) != 0) {
+            throwNonCanonical(at + off, Element::kFixedLen);
          }
       }
    }
 
   private:
-   static const std::array<uint8_t, Element::kFixedLen>& emptyBytes() {
-      static const std::array<uint8_t, Element::kFixedLen> bytes = [] {
-         std::array<uint8_t, Element::kFixedLen> b{};
+   static uint32_t deadLen(const Array& a) { return (kCapacity - a.count()) * Element::kFixedLen; }
+   // Every place holding the default element, as bytes.
+   static const std::array<uint8_t, kCapacity * Element::kFixedLen>& emptyPlaces() {
+      static const std::array<uint8_t, kCapacity* Element::kFixedLen> bytes = [] {
+         std::array<uint8_t, kCapacity * Element::kFixedLen> b{};
          ByteWriter w(b.data(), b.size());
-         Element::write(w, T{});
+         for (uint32_t i = 0; i < kCapacity; ++i) Element::write(w, T{});
          return b;
       }();
       return bytes;

@@ -300,7 +300,7 @@ std::map<std::string, std::vector<std::string>> expectedEntries(const Descriptio
    for (const TableEntry* t : d.tables()) {
       std::vector<const DescribedTunnel*> ts = d.tunnelsOf(*t);
       std::sort(ts.begin(), ts.end(), [](auto* a, auto* b) { return a->id < b->id; });
-      for (auto* dt : ts) out[t->mountName].push_back(dt->text);
+      for (auto* dt : ts) out[t->mountName].push_back(dt->text());
    }
    return out;
 }

@@ -4,6 +4,9 @@
 // over 128 characters) is checked here first, with the file's words.
 #include "Description.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -15,6 +18,7 @@
 #include <sstream>
 
 #include "Mldp/MldpTunnelTable.h"
+#include "StrictJson.h"
 #include "TunnelTable/EvpnVxlanTunnelTable.h"
 #include "TunnelTable/TunnelTableEntries.h"
 #include "TunnelTable/TunnelTables.h"
@@ -67,52 +71,63 @@ std::vector<const DescribedTunnel*> Description::tunnelsOf(const TableEntry& tab
 
 namespace {
 
-// One JSON value and where it sits in the file.
+// One JSON value and where it sits in the file. The key path is built only when an error needs
+// it: a cursor knows its parent and its own key or index. So a child must not outlive its parent
+// (name the steps of a chain instead of chaining temporaries); a copy keeps the same parent.
 class Cursor {
   public:
    Cursor(const std::string& file, const json& value, std::string path)
-       : file_(&file), value_(&value), path_(std::move(path)) {}
+       : file_(&file), value_(&value), rootPath_(std::move(path)) {}
 
    const json& value() const { return *value_; }
-   const std::string& path() const { return path_; }
+   std::string path() const {
+      if (!parent_) return rootPath_;
+      std::string p = parent_->path();
+      if (key_.data()) {
+         if (!p.empty()) p += '.';
+         p += key_;
+      } else {
+         p += "[" + std::to_string(index_) + "]";
+      }
+      return p;
+   }
 
    [[noreturn]] void fail(const std::string& what) const {
-      throw DescriptionError(*file_ + ": " + (path_.empty() ? "(top level)" : path_) + ": " + what);
+      const std::string p = path();
+      throw DescriptionError(*file_ + ": " + (p.empty() ? "(top level)" : p) + ": " + what);
    }
 
-   Cursor at(size_t i) const {
-      return Cursor(*file_, (*value_)[i], path_ + "[" + std::to_string(i) + "]");
-   }
-   Cursor child(const std::string& key, const json& v) const {
-      return Cursor(*file_, v, path_.empty() ? key : path_ + "." + key);
+   Cursor at(size_t i) const { return Cursor(*file_, (*value_)[i], this, {}, i); }
+   Cursor child(std::string_view key, const json& v) const {
+      return Cursor(*file_, v, this, key, 0);
    }
 
    std::string string() const {
-      if (!value_->is_string()) fail("expected a string, got " + value_->dump());
+      if (!value_->is_string()) fail("expected a string, got " + excerpt(*value_));
       return value_->get<std::string>();
    }
    uint64_t unsignedNumber(uint64_t max) const {
       if (!value_->is_number_unsigned() || value_->get<uint64_t>() > max) {
          fail("expected a whole number from 0 to " + std::to_string(max) + ", got " +
-              value_->dump());
+              excerpt(*value_));
       }
       return value_->get<uint64_t>();
    }
    uint32_t u32() const { return uint32_t(unsignedNumber(std::numeric_limits<uint32_t>::max())); }
    float real() const {
-      if (!value_->is_number()) fail("expected a number, got " + value_->dump());
+      if (!value_->is_number()) fail("expected a number, got " + excerpt(*value_));
       const double d = value_->get<double>();
       if (!(d >= 0) || !std::isfinite(d) || d > std::numeric_limits<float>::max()) {
-         fail("expected a non-negative number, got " + value_->dump());
+         fail("expected a non-negative number, got " + excerpt(*value_));
       }
       return float(d);
    }
    bool boolean() const {
-      if (!value_->is_boolean()) fail("expected true or false, got " + value_->dump());
+      if (!value_->is_boolean()) fail("expected true or false, got " + excerpt(*value_));
       return value_->get<bool>();
    }
    const json& array() const {
-      if (!value_->is_array()) fail("expected an array, got " + value_->dump());
+      if (!value_->is_array()) fail("expected an array, got " + excerpt(*value_));
       return *value_;
    }
 
@@ -138,35 +153,43 @@ class Cursor {
    }
 
   private:
+   Cursor(const std::string& file, const json& value, const Cursor* parent, std::string_view key,
+          size_t index)
+       : file_(&file), value_(&value), parent_(parent), key_(key), index_(index) {}
+
    const std::string* file_;
    const json* value_;
-   std::string path_;
+   const Cursor* parent_ = nullptr;
+   std::string_view key_;  // a member's key (it lives in the document), or null for an element
+   size_t index_ = 0;
+   std::string rootPath_;
 };
 
 // A JSON object: keys are taken one by one, and finish() refuses any key nobody took.
 class Object {
   public:
    explicit Object(const Cursor& c) : cursor_(c) {
-      if (!c.value().is_object()) c.fail("expected an object, got " + c.value().dump());
+      if (!c.value().is_object()) c.fail("expected an object, got " + excerpt(c.value()));
    }
    const Cursor& cursor() const { return cursor_; }
    [[noreturn]] void fail(const std::string& what) const { cursor_.fail(what); }
 
-   std::optional<Cursor> get(const std::string& key) {
-      taken_.insert(key);
+   // `key` is a literal: the cursor returned keeps a view of it.
+   std::optional<Cursor> get(std::string_view key) {
+      taken_.push_back(key);
       auto it = cursor_.value().find(key);
       if (it == cursor_.value().end()) return std::nullopt;
       return cursor_.child(key, *it);
    }
-   Cursor need(const std::string& key) {
+   Cursor need(std::string_view key) {
       auto c = get(key);
-      if (!c) fail("missing key '" + key + "'");
+      if (!c) fail("missing key '" + std::string(key) + "'");
       return *c;
    }
    // `what` names the kind of object for the message: "for table 'ldp'".
    void finish(const std::string& what = "") const {
       for (auto it = cursor_.value().begin(); it != cursor_.value().end(); ++it) {
-         if (!taken_.count(it.key())) {
+         if (std::find(taken_.begin(), taken_.end(), it.key()) == taken_.end()) {
             cursor_.child(it.key(), it.value())
                 .fail("unknown key" + (what.empty() ? std::string() : " " + what));
          }
@@ -175,7 +198,75 @@ class Object {
 
   private:
    Cursor cursor_;
-   std::set<std::string> taken_;
+   std::vector<std::string_view> taken_;
+};
+
+// An entry's byte form is mostly zeros (unused endpoint places, the rest of the name), so a
+// described tunnel keeps it with each run of zero bytes packed as a zero and the run's length
+// (one byte, 1..255): an LDP tunnel's 700 bytes keep in about 150.
+std::string packZeros(const uint8_t* p, size_t n) {
+   std::string out(n, '\0');
+   char* o = out.data();
+   for (size_t i = 0; i < n;) {
+      if (p[i] != 0) {
+         *o++ = char(p[i++]);
+         continue;
+      }
+      size_t run = 1;
+      while (i + run < n && p[i + run] == 0 && run < 255) ++run;
+      *o++ = '\0';
+      *o++ = char(run);
+      i += run;
+   }
+   out.resize(size_t(o - out.data()));
+   out.shrink_to_fit();
+   return out;
+}
+
+std::vector<uint8_t> unpackZeros(const std::string& packed) {
+   std::vector<uint8_t> out;
+   out.reserve(packed.size() * 4);
+   for (size_t i = 0; i < packed.size(); ++i) {
+      if (packed[i] != '\0') {
+         out.push_back(uint8_t(packed[i]));
+      } else {
+         out.insert(out.end(), uint8_t(packed[++i]), 0);
+      }
+   }
+   return out;
+}
+
+// The entry of kind E in a described tunnel's bytes, written to its table of class Table.
+template <class Table, class E>
+struct EntryOpsOf {
+   static std::string bytesOf(const E& e) {
+      std::vector<uint8_t> raw(e.serializeLen());
+      e.serialize(raw.data());
+      return packZeros(raw.data(), raw.size());
+   }
+   static E entry(const std::string& packed) {
+      const std::vector<uint8_t> raw = unpackZeros(packed);
+      E e;
+      e.deserialize(raw.data(), uint32_t(raw.size()));
+      return e;
+   }
+   static Vela::String text(const std::string& bytes) { return valueToStrep(entry(bytes)); }
+   static bool write(TT::TunnelTableBase& base, const std::string& bytes) {
+      auto* table = dynamic_cast<Table*>(&base);
+      VELA_ASSERT(table && "the writer mounted for a described tunnel has its table's class");
+      const E e = entry(bytes);
+      // A re-attached writer keeps its entries: only what differs is written again.
+      if (auto held = table->entryIf(e.tunnelId()); held && *held == e) return false;
+      table->entryIs(e);
+      if constexpr (std::is_same_v<Table, TT::EvpnVxlanTunnelTable>) {
+         // The table's counter must not hand out an index the description used.
+         if (table->lastAllocatedId() < e.tunnelId().tunnelIndex()) {
+            table->lastAllocatedIdIs(e.tunnelId().tunnelIndex());
+         }
+      }
+      return true;
+   }
+   static constexpr DescribedEntryOps kOps{&text, &write};
 };
 
 // Reads the tunnels of one description, with the routers already known.
@@ -196,11 +287,10 @@ class TunnelReader {
       t.path = c.path();
       build(o, t);
       o.finish("for table '" + mountName + "'");
-      for (const auto& other : d_.tunnels) {
-         if (other.table == table && other.id == t.id) {
-            c.fail("duplicate tunnel: " + mountName + " index " +
-                   std::to_string(t.id.tunnelIndex()) + " is also " + other.path);
-         }
+      const auto [at, fresh] = seen_.try_emplace({table, t.id}, d_.tunnels.size());
+      if (!fresh) {
+         c.fail("duplicate tunnel: " + mountName + " index " + std::to_string(t.id.tunnelIndex()) +
+                " is also " + d_.tunnels[at->second].path);
       }
       d_.tunnels.push_back(std::move(t));
    }
@@ -253,8 +343,18 @@ class TunnelReader {
       c.fail("bad endpoint '" + s + "': not an IPv4/IPv6 prefix or address, nor a router name");
    }
 
-   Wirekit::MplsLabelOperation labels(const Cursor& c) const {
+   // An empty operation is refused: it would read as "no label operation", which is what leaving
+   // the key out says.
+   static std::string labelText(const Cursor& c) {
       const std::string s = c.string();
+      if (s.find_first_not_of(' ') == std::string::npos) {
+         c.fail("an empty label operation; leave \"labels\" out for none");
+      }
+      return s;
+   }
+
+   Wirekit::MplsLabelOperation labels(const Cursor& c) const {
+      const std::string s = labelText(c);
       try {
          return Wirekit::MplsLabelOperation(s);
       } catch (const std::exception& e) {
@@ -262,7 +362,7 @@ class TunnelReader {
       }
    }
    Wirekit::UnboundedMplsLabelOperation unboundedLabels(const Cursor& c) const {
-      const std::string s = c.string();
+      const std::string s = labelText(c);
       try {
          return Wirekit::UnboundedMplsLabelOperation(s);
       } catch (const std::exception& e) {
@@ -351,6 +451,14 @@ class TunnelReader {
             c->fail("a name has at most " + std::to_string(TT::kNameCapacity) +
                     " characters, got " + std::to_string(n.size()));
          }
+         // Names are printed by every reader; bytes that would not print are refused here.
+         for (size_t i = 0; i < n.size(); ++i) {
+            const auto b = static_cast<unsigned char>(n[i]);
+            if (b < 0x20 || b > 0x7e) {
+               c->fail(fmt::format("a name is printable ASCII; byte 0x{:02x} at offset {} is not",
+                                   unsigned(b), i));
+            }
+         }
          e.nameIs(n);
       }
    }
@@ -362,14 +470,9 @@ class TunnelReader {
 
    template <class Table, class E>
    void finishEntry(DescribedTunnel& t, const E& e) {
-      auto entry = std::make_shared<const E>(e);
       t.id = e.tunnelId();
-      t.text = valueToStrep(e);
-      t.write = [entry](TT::TunnelTableBase& base) {
-         auto* table = dynamic_cast<Table*>(&base);
-         VELA_ASSERT(table && "the writer mounted for a described tunnel has its table's class");
-         table->entryIs(*entry);
-      };
+      t.bytes = EntryOpsOf<Table, E>::bytesOf(e);
+      t.ops = &EntryOpsOf<Table, E>::kOps;
    }
 
    template <class Table, class E>
@@ -581,18 +684,7 @@ class TunnelReader {
          io.finish("in the tunnel info of table 'evpnVxlan'");
       }
       e.tunnelInfoIs(info);
-      auto entry = std::make_shared<const TT::EvpnVxlanTunnelEntry>(e);
-      t.id = e.tunnelId();
-      t.text = valueToStrep(e);
-      t.write = [entry](TT::TunnelTableBase& base) {
-         auto* table = dynamic_cast<TT::EvpnVxlanTunnelTable*>(&base);
-         VELA_ASSERT(table && "the writer mounted for a described tunnel has its table's class");
-         table->entryIs(*entry);
-         // The table's counter must not hand out an index the description used.
-         if (table->lastAllocatedId() < entry->tunnelId().tunnelIndex()) {
-            table->lastAllocatedIdIs(entry->tunnelId().tunnelIndex());
-         }
-      };
+      finishEntry<TT::EvpnVxlanTunnelTable>(t, e);
    }
 
    // mLDP tunnels: the multicast tree the tunnel belongs to and the MPLS vias its traffic is
@@ -692,6 +784,7 @@ class TunnelReader {
    }
 
    Description& d_;
+   std::map<std::pair<const TableEntry*, TunnelId>, size_t> seen_;  // -> index in d_.tunnels
    const TableEntry* table_ = nullptr;
    uint64_t lastEvpnIndex_ = 0;
 };
@@ -745,49 +838,95 @@ void readRouters(const Cursor& c, Description& d) {
       for (size_t k = 0; k < d.routers[i].interfaces.size(); ++k) {
          const std::string& peer = d.routers[i].interfaces[k].peer;
          if (!peer.empty() && !d.router(peer)) {
-            const Cursor pc = c.at(i).child("interfaces", c.value()[i]["interfaces"]).at(k);
+            const Cursor router = c.at(i);
+            const Cursor interfaces = router.child("interfaces", router.value()["interfaces"]);
+            const Cursor pc = interfaces.at(k);
             pc.child("peer", pc.value()["peer"]).fail("unknown router '" + peer + "'");
          }
       }
    }
 }
 
-// The line of byte `offset` (1-based, as nlohmann counts) in `text`.
-size_t lineOf(const std::string& text, size_t offset) {
-   size_t line = 1;
-   for (size_t i = 0; i + 1 < offset && i < text.size(); ++i) {
-      if (text[i] == '\n') ++line;
+// The keys of the top-level object of a JSON text, in order. A plain scan of brackets and
+// strings: it only decides whether tunnels can be read while the file is parsed, and anything it
+// cannot follow is the parser's to report.
+std::vector<std::string> topLevelKeys(const std::string& t) {
+   std::vector<std::string> keys;
+   int depth = 0;
+   bool expectKey = false;
+   for (size_t i = 0; i < t.size(); ++i) {
+      const char c = t[i];
+      if (c == '"') {
+         size_t j = i + 1;
+         while (j < t.size() && t[j] != '"') j += t[j] == '\\' ? 2 : 1;
+         if (depth == 1 && expectKey) keys.push_back(t.substr(i + 1, j - i - 1));
+         expectKey = false;
+         i = j;
+      } else if (c == '{' || c == '[') {
+         ++depth;
+         expectKey = depth == 1 && c == '{';
+      } else if (c == '}' || c == ']') {
+         --depth;
+      } else if (c == ',' && depth == 1) {
+         expectKey = true;
+      }
    }
-   return line;
+   return keys;
+}
+
+// Tunnels are read as the parser completes each one, and dropped from the document, when the
+// routers and the local router they are checked against come before them in the file (as
+// make_network.py writes it); otherwise they are read once the whole file is parsed.
+bool tunnelsStream(const std::string& text) {
+   const auto keys = topLevelKeys(text);
+   const auto tunnels = std::find(keys.begin(), keys.end(), "tunnels");
+   for (const char* before : {"routers", "localRouter"}) {
+      if (std::find(tunnels, keys.end(), before) != keys.end()) return false;
+   }
+   return true;
+}
+
+// "tunnels[N]": an element of the top-level tunnel array.
+bool isTunnelElement(const std::string& path) {
+   constexpr std::string_view kPrefix = "tunnels[";
+   return path.size() > kPrefix.size() + 1 && path.rfind(kPrefix, 0) == 0 && path.back() == ']' &&
+          std::all_of(path.begin() + kPrefix.size(), path.end() - 1,
+                      [](char c) { return c >= '0' && c <= '9'; });
 }
 
 }  // namespace
 
 Description parseDescription(const std::string& text, const std::string& file) {
-   json root;
-   try {
-      root = json::parse(text);
-   } catch (const json::parse_error& e) {
-      // nlohmann's text is "[json.exception.parse_error.101] parse error at line L, column C:
-      // <what>"; the line is ours to give, the rest is kept.
-      std::string what = e.what();
-      if (auto p = what.find("]: "); p != std::string::npos) what = what.substr(p + 3);
-      if (auto p = what.find("] "); p != std::string::npos) what = what.substr(p + 2);
-      if (auto p = what.find(": "); what.rfind("parse error", 0) == 0 && p != std::string::npos) {
-         what = what.substr(p + 2);
-      }
-      throw DescriptionError(file + ":" + std::to_string(lineOf(text, e.byte)) + ": " + what);
-   }
    Description d;
    d.file = file;
+   TunnelReader reader(d);
+   bool localRouterChecked = false;
+   json localRouterValue;
+   // The local router names a router of the description, which may come before or after it.
+   const auto checkLocalRouter = [&] {
+      if (localRouterChecked || localRouterValue.is_null()) return;
+      localRouterChecked = true;
+      const Cursor c(d.file, localRouterValue, "localRouter");
+      d.localRouter = c.string();
+      if (!d.router(d.localRouter)) c.fail("unknown router '" + d.localRouter + "'");
+   };
+   const bool stream = tunnelsStream(text);
+   json root = parseStrictJson(text, file, [&](const JsonPlace& at, json& v) {
+      if (at.depth == 1 && at.path == "routers") {
+         readRouters(Cursor(d.file, v, at.path), d);
+      } else if (at.depth == 1 && at.path == "localRouter") {
+         localRouterValue = v;
+      } else if (stream && at.depth == 2 && isTunnelElement(at.path)) {
+         checkLocalRouter();
+         reader.read(Cursor(d.file, v, at.path));
+         return false;
+      }
+      return true;
+   });
    Object top(Cursor(d.file, root, ""));
    if (auto c = top.get("name")) d.name = c->string();
-   if (auto c = top.get("routers")) readRouters(*c, d);
-   if (auto c = top.get("localRouter")) {
-      d.localRouter = c->string();
-      if (!d.router(d.localRouter)) c->fail("unknown router '" + d.localRouter + "'");
-   }
-   TunnelReader reader(d);
+   top.get("routers");  // read as it was parsed
+   if (top.get("localRouter")) checkLocalRouter();
    const Cursor tunnels = top.need("tunnels");
    const json& a = tunnels.array();
    for (size_t i = 0; i < a.size(); ++i) reader.read(tunnels.at(i));
@@ -798,10 +937,25 @@ Description parseDescription(const std::string& text, const std::string& file) {
 Description loadDescription(const std::string& path) {
    std::ifstream in(path, std::ios::binary);
    if (!in) throw DescriptionError(path + ": cannot read: " + std::strerror(errno));
-   std::ostringstream s;
-   s << in.rdbuf();
-   if (in.bad()) throw DescriptionError(path + ": cannot read: " + std::strerror(errno));
-   return parseDescription(s.str(), path);
+   // Read in one piece into one string: a 100,000-tunnel file is 25 MB, not worth a second copy.
+   std::string text;
+   in.seekg(0, std::ios::end);
+   const auto size = in.tellg();
+   if (size > 0) {
+      text.resize(size_t(size));
+      in.seekg(0);
+      in.read(text.data(), size);
+   }
+   if (size < 0) {  // not seekable (a pipe): read it as a stream
+      in.clear();
+      std::ostringstream s;
+      s << in.rdbuf();
+      text = s.str();
+   }
+   if (in.bad() || (size > 0 && in.gcount() != size)) {
+      throw DescriptionError(path + ": cannot read: " + std::strerror(errno));
+   }
+   return parseDescription(text, path);
 }
 
 }  // namespace TunnelCtl

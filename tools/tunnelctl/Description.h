@@ -6,10 +6,11 @@
 // (JSON syntax) or the key path of the offending value, then what is wrong:
 //    "net.json:12: syntax error while parsing object key - unexpected '}'; expected string literal"
 //    "net.json: tunnels[3].vias[0].nextHop: bad IPv4/IPv6 address 'x'"
-// Unknown keys are errors too, so a misspelt field never goes silently unused.
+// Unknown keys are errors too, so a misspelt field never goes silently unused; so are a key given
+// twice and nesting deeper than the tool reads (StrictJson.h). Values are quoted in errors as a
+// bounded excerpt.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -46,14 +47,30 @@ struct Router {
    const RouterInterface* interface(const Wirekit::IntfId& intf) const;
 };
 
-// One tunnel of the description, built as its table's entry.
+// How a described tunnel of one entry kind is printed and written; one per kind.
+struct DescribedEntryOps {
+   Vela::String (*text)(const std::string& bytes);
+   // Writes the entry unless `writer` holds it already; true when written.
+   bool (*write)(Tunnel::TunnelTable::TunnelTableBase& writer, const std::string& bytes);
+};
+
+// One tunnel of the description, built as its table's entry and kept in the entry's byte form
+// with its zero runs packed (about 150 bytes for an LDP tunnel, where the entry object is sized
+// for 600 vias).
 struct DescribedTunnel {
    const TableEntry* table = nullptr;
    Tunnel::TunnelTable::TunnelId id;
    std::string path;   // where it is in the file: "tunnels[3]"
-   Vela::String text;  // the entry's text form, as readers will print it
-   // Writes the entry with entryIs. REQUIRES: `writer` is the mounted writer of `table`.
-   std::function<void(Tunnel::TunnelTable::TunnelTableBase& writer)> write;
+   std::string bytes;  // the entry's byte form, zero runs packed
+   const DescribedEntryOps* ops = nullptr;
+
+   // The entry's text form, as readers will print it.
+   Vela::String text() const { return ops->text(bytes); }
+   // Writes the entry unless the table holds it already; true when written. REQUIRES: `writer`
+   // is the mounted writer of `table`.
+   bool writeTo(Tunnel::TunnelTable::TunnelTableBase& writer) const {
+      return ops->write(writer, bytes);
+   }
 };
 
 struct Description {

@@ -17,16 +17,24 @@ namespace {
 using namespace TunnelCtl;
 namespace TT = Tunnel::TunnelTable;
 
-// A small network: pe1 with one addressed uplink and a tunnel interface, and a peer.
-std::string net(const std::string& tunnels) {
-   return R"({"name": "t", "localRouter": "pe1", "routers": [
+const char* kRouters = R"("routers": [
       {"name": "pe1", "loopback": "10.255.0.1", "interfaces": [
          {"name": "Ethernet1", "address": "10.0.0.0/31", "peer": "p1"},
          {"name": "Tunnel10"}]},
       {"name": "p1", "loopback": "10.255.0.2", "interfaces": [
-         {"name": "Ethernet1", "address": "10.0.0.1/31", "peer": "pe1"}]}],
-    "tunnels": [)" +
+         {"name": "Ethernet1", "address": "10.0.0.1/31", "peer": "pe1"}]}])";
+
+// A small network: pe1 with one addressed uplink and a tunnel interface, and a peer. The routers
+// come first, so the tunnels are read while the file is parsed.
+std::string net(const std::string& tunnels) {
+   return R"({"name": "t", "localRouter": "pe1", )" + std::string(kRouters) + R"(, "tunnels": [)" +
           tunnels + "]}";
+}
+
+// The same network with the tunnels first: they are read once the whole file is parsed.
+std::string tunnelsFirst(const std::string& tunnels) {
+   return R"({"tunnels": [)" + tunnels + R"(], "name": "t", "localRouter": "pe1", )" +
+          std::string(kRouters) + "}";
 }
 
 std::string errorOf(const std::string& text) {
@@ -51,7 +59,7 @@ TEST(Description, BundledExampleFillsEveryTableItDescribes) {
              "srTePolicy nimboSdkSbfd isisFlexAlgoTunnel mldpTunnel ");
    for (const auto& t : d.tunnels) {
       EXPECT_EQ(t.id.tunnelType(), t.table->type->tunnelType) << t.path;
-      EXPECT_TRUE(t.write) << t.path;
+      EXPECT_TRUE(t.ops) << t.path;
    }
    // The update differs by exactly its six edits (two removed, two added, two changed).
    const Description u =
@@ -85,7 +93,7 @@ TEST(Description, LdpTunnelIsBuiltFieldByField) {
    EXPECT_EQ(t.table->mountName, "ldp");
    EXPECT_EQ(t.id, e.tunnelId());
    EXPECT_EQ(t.path, "tunnels[0]");
-   EXPECT_EQ(t.text, valueToStrep(e));
+   EXPECT_EQ(t.text(), valueToStrep(e));
 }
 
 TEST(Description, MldpTunnelCarriesItsTreeIdAndVias) {
@@ -108,9 +116,9 @@ TEST(Description, MldpTunnelCarriesItsTreeIdAndVias) {
    }
    EXPECT_EQ(d.tunnels[0].table->mountName, "mldpTunnel");
    EXPECT_EQ(d.tunnels[0].id, e.tunnelId());
-   EXPECT_EQ(d.tunnels[0].text, valueToStrep(e));
+   EXPECT_EQ(d.tunnels[0].text(), valueToStrep(e));
    // The longest tree id the store is sized for is accepted; a tunnel without vias has none.
-   EXPECT_EQ(d.tunnels[1].text,
+   EXPECT_EQ(d.tunnels[1].text(),
              valueToStrep(TT::MldpTunnelTableEntry(
                  TT::TunnelId(TT::TunnelId::convertToTunnelValue(TT::TunnelType::mldpTunnel, 6)),
                  Routing::Multicast::MulticastTreeId(longest))));
@@ -119,7 +127,8 @@ TEST(Description, MldpTunnelCarriesItsTreeIdAndVias) {
 TEST(Description, DefaultsReferencesAndAllocatedIndexes) {
    // Without entryPref the entry keeps its type's default (static: 15).
    auto d = parseDescription(net(R"({"table": "static", "index": 3})"), "ok.json");
-   EXPECT_EQ(only(d).text, valueToStrep(TT::StaticTunnelTableEntry(TT::TunnelId(0x500000000003))));
+   EXPECT_EQ(only(d).text(),
+             valueToStrep(TT::StaticTunnelTableEntry(TT::TunnelId(0x500000000003))));
 
    // A BGP-LU via into an LDP tunnel is the dynamic tunnel interface of that tunnel.
    d = parseDescription(net(R"({"table": "bgpLu", "index": 1, "labels": "push 100200",
@@ -131,13 +140,13 @@ TEST(Description, DefaultsReferencesAndAllocatedIndexes) {
    lu.labelsIs(Wirekit::UnboundedMplsLabelOperation::push({100200}));
    lu.contributionIs(TT::ContributionToTunnelRIB::contributing);
    lu.bgpMetricTypeIs(Wirekit::MetricType::aigpMetric);
-   EXPECT_EQ(only(d).text, valueToStrep(lu));
+   EXPECT_EQ(only(d).text(), valueToStrep(lu));
 
    // Interface tunnels take the port of their TunnelN interface as index and info port.
    d = parseDescription(net(R"({"table": "greTunnelInterface", "interface": "Tunnel70000"})"),
                         "ok.json");
    EXPECT_EQ(only(d).id, TT::TunnelId(0x900000000000 | (70000 & 0xFFFF)));
-   EXPECT_NE(only(d).text.find("'tunnelIntfPort': 70000"), std::string::npos) << only(d).text;
+   EXPECT_NE(only(d).text().find("'tunnelIntfPort': 70000"), std::string::npos) << only(d).text();
 
    // EVPN VXLAN tunnels without an index get the next one after the largest so far.
    d = parseDescription(net(R"({"table": "evpnVxlan"}, {"table": "evpnVxlan", "index": 10},
@@ -215,9 +224,41 @@ TEST(Description, MistakesNameTheFileThePlaceAndWhatIsWrong) {
         "bad.json: tunnels[0].nexthopTunnel: missing key 'index'"},
        {R"({"table": "rsvpLer", "index": 1, "isPrimaryViaUsable": 1})",
         "bad.json: tunnels[0].isPrimaryViaUsable: expected true or false, got 1"},
+       // A key given twice is refused, not last-one-wins.
+       {R"({"table": "ldp", "index": 1, "index": 2})",
+        "bad.json: tunnels[0].index: duplicate key 'index'"},
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.0.1", "nextHop": "10.0.0.1"}]})",
+        "bad.json: tunnels[0].vias[0].nextHop: duplicate key 'nextHop'"},
+       // Empty label operations would read as none.
+       {R"({"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.0.1", "labels": ""}]})",
+        "bad.json: tunnels[0].vias[0].labels: an empty label operation; leave \"labels\" out for "
+        "none"},
+       {R"({"table": "bgpLu", "index": 1, "labels": " "})",
+        "bad.json: tunnels[0].labels: an empty label operation; leave \"labels\" out for none"},
+       // Names are printable ASCII: every reader prints them.
+       {R"({"table": "ldp", "index": 1, "name": "caf\u00e9"})",
+        "bad.json: tunnels[0].name: a name is printable ASCII; byte 0xc3 at offset 3 is not"},
+       {R"({"table": "ldp", "index": 1, "name": "a\tb"})",
+        "bad.json: tunnels[0].name: a name is printable ASCII; byte 0x09 at offset 1 is not"},
+       // Values are quoted as a bounded excerpt, whatever their size.
+       {R"({"table": "ldp", "index": [)" +
+            [] {
+               std::string many = "1";
+               for (int i = 0; i < 100000; ++i) many += ", 1";
+               return many;
+            }() +
+            R"(]})",
+        "bad.json: tunnels[0].index: expected a whole number from 0 to 18446744073709551615, got "
+        "[1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,..."},
+       {R"({"table": "ldp", "index": )" + std::string(100000, '1') + "}",
+        "bad.json: tunnels[0].index: a number too large to read: " + std::string(40, '1') + "..."},
+       {R"({"table": "ldp", "index": 1, "name": {"first": ")" + std::string(1000, 'x') + R"("}})",
+        "bad.json: tunnels[0].name: expected a string, got {\"first\": \"" + std::string(49, 'x') +
+            "..."},
    };
    for (const auto& [tunnels, message] : cases) {
       EXPECT_EQ(errorOf(net(tunnels)), message) << tunnels;
+      EXPECT_EQ(errorOf(tunnelsFirst(tunnels)), message) << tunnels;
    }
    // Mistakes outside the tunnels.
    EXPECT_EQ(errorOf(R"({"tunnels": [], "localRouter": "pe1"})"),
@@ -232,6 +273,45 @@ TEST(Description, MistakesNameTheFileThePlaceAndWhatIsWrong) {
        "interfaces": [{"name": "Ethernet1", "address": "10.0.0.1"}]}]})"),
              "bad.json: routers[0].interfaces[0].address: bad interface address '10.0.0.1' (an "
              "address and a length, as 10.0.0.1/31)");
+}
+
+TEST(Description, NestingDeeperThanTheToolReadsIsRefusedWithoutCrashing) {
+   // 100,000 levels: refused at level 64, before anything recursive sees the value.
+   const std::string deep(100000, '[');
+   EXPECT_EQ(
+       errorOf(R"({"tunnels": )" + deep), "bad.json: tunnels" + [] {
+          std::string p;
+          for (int i = 0; i < 63; ++i) p += "[0]";
+          return p;
+       }() + ": nesting deeper than 64 levels");
+   std::string nested = "1";
+   for (int i = 0; i < 62; ++i) nested = "[" + nested + "]";
+   EXPECT_EQ(errorOf(R"({"tunnels": [], "name": )" + nested + "}"),
+             "bad.json: name: expected a string, got [[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["
+             "[[[[[[[[[[[[[[[[...");
+}
+
+TEST(Description, TunnelsReadWhileParsedOrAfterwardsAreTheSame) {
+   const std::string tunnels =
+       R"({"table": "ldp", "index": 1, "endpoint": "p1", "vias": [{"nextHop": "10.0.0.1",
+       "interface": "Ethernet1", "labels": "push 100"}]}, {"table": "evpnVxlan"},
+       {"table": "greTunnelInterface", "interface": "Tunnel10"}, {"table": "evpnVxlan"})";
+   const Description a = parseDescription(net(tunnels), "a.json");
+   const Description b = parseDescription(tunnelsFirst(tunnels), "b.json");
+   ASSERT_EQ(a.tunnels.size(), 4u);
+   ASSERT_EQ(b.tunnels.size(), 4u);
+   for (size_t i = 0; i < a.tunnels.size(); ++i) {
+      EXPECT_EQ(a.tunnels[i].path, "tunnels[" + std::to_string(i) + "]");
+      EXPECT_EQ(a.tunnels[i].path, b.tunnels[i].path);
+      EXPECT_EQ(a.tunnels[i].bytes, b.tunnels[i].bytes) << a.tunnels[i].path;
+   }
+   EXPECT_NE(a.tunnels[0].text().find("'10.255.0.2/32'"), std::string::npos) << a.tunnels[0].text();
+   EXPECT_EQ(a.tunnels[3].id.tunnelIndex(), 2u);
+   // The local router is checked whichever comes first.
+   EXPECT_EQ(errorOf(R"({"localRouter": "pe9", "tunnels": []})"),
+             "bad.json: localRouter: unknown router 'pe9'");
+   EXPECT_EQ(errorOf(R"({"tunnels": [], "tunnels": []})"),
+             "bad.json: tunnels: duplicate key 'tunnels'");
 }
 
 TEST(Description, SyntaxErrorsGiveTheLine) {

@@ -1,5 +1,6 @@
 #include "Publisher.h"
 
+#include <algorithm>
 #include <set>
 
 #include "Commands.h"
@@ -35,16 +36,14 @@ std::vector<PublishChange> Publisher::apply(const Description& d) {
    for (const TableEntry* t : d.tables()) {
       described.insert(t->id);
       const auto& table = tables_.at(t->id);
-      std::set<TT::TunnelId> keep;
+      std::vector<TT::TunnelId> keep;
       for (const DescribedTunnel* dt : d.tunnelsOf(*t)) {
-         keep.insert(dt->id);
-         // A re-attached writer keeps its entries: only what differs is written again.
-         if (table->entryStrep(dt->id) == std::optional<Vela::String>(dt->text)) continue;
-         dt->write(*table);
-         changes.push_back({t, dt->id, false});
+         keep.push_back(dt->id);
+         if (dt->writeTo(*table)) changes.push_back({t, dt->id, false});
       }
+      std::sort(keep.begin(), keep.end());
       for (const TT::TunnelId& key : table->entryKeys()) {
-         if (keep.count(key)) continue;
+         if (std::binary_search(keep.begin(), keep.end(), key)) continue;
          if (table->entryRemove(key)) changes.push_back({t, key, true});
       }
    }
