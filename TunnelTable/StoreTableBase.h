@@ -90,6 +90,9 @@ class StoreTableBase : public Vela::Entity, public Vault::Mountable {
    // The store's mount status: the writer's MountStatus or the reader's state (0 without store).
    virtual uint32_t storeMountStatus() const = 0;
    virtual bool storeQuiesced() const = 0;
+   // Why the store could not use its files as they were: a writer's reason for re-formatting
+   // them, or a reader's last failure to attach (empty when there was none, or without store).
+   virtual std::string storeProblem() const = 0;
    // The store's sequence number: the writer's notification position, or the last one a reader
    // has consumed (0 without store).
    virtual uint64_t storeSequence() const = 0;

@@ -1,10 +1,12 @@
 # Install rules: the two shared libraries, every component's headers under include/tunnel/<folder>,
 # a CMake package (find_package(Tunnel) -> Tunnel::tunnel, Tunnel::platform) and a pkg-config file.
+# tunnelctl and the demo's examples are installed by tools/tunnelctl.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set_target_properties(tunnelplatform PROPERTIES EXPORT_NAME platform)
-set_target_properties(tunnel PROPERTIES EXPORT_NAME tunnel)
+# libtunnel.so finds libtunnelplatform.so beside itself, whoever loads it.
+set_target_properties(tunnel PROPERTIES EXPORT_NAME tunnel INSTALL_RPATH "$ORIGIN")
 install(TARGETS tunnelplatform tunnel EXPORT TunnelTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -141,6 +141,12 @@ class DockMap {
       if (writer_) return writer_->quiesced();
       return reader_ && reader_->quiesced();
    }
+   // What kept the store from using its files as they were: the writer's reason for re-formatting
+   // them, or the reader's last attach failure. Empty when there was none.
+   std::string problem() const {
+      if (writer_) return writer_->reformatReason();
+      return reader_ ? reader_->attachError() : std::string();
+   }
    // Writer: MountStatus; reader: its ReaderState.
    uint32_t mountStatus() const {
       if (writer_) return uint32_t(writer_->mountStatus());

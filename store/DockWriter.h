@@ -170,11 +170,13 @@ class DockWriter {
          attach();
       } catch (const std::exception& e) {
          SPOOR_TRACE(writerTrace(), 0, "failed to attach to existing files: {}", e.what());
+         reformatReason_ = fmt::format("failed to attach to existing files: {}", e.what());
          return false;
       }
       std::string reason;
       if (!validateHeaderAgainstConfig(reason)) {
          SPOOR_TRACE(writerTrace(), 0, "failed to validate existing files: {}", reason);
+         reformatReason_ = fmt::format("failed to validate existing files: {}", reason);
          return false;
       }
       try {
@@ -182,10 +184,12 @@ class DockWriter {
       } catch (const std::exception& e) {
          SPOOR_TRACE(writerTrace(), 0, "Dock {} validation failed: {}", name_, e.what());
          SPOOR_TRACE(writerTrace(), 0, "failed initial validation of {} after re-attaching", name_);
+         reformatReason_ = fmt::format("Dock {} validation failed: {}", name_, e.what());
          return false;
       }
       if (!validate()) {
          SPOOR_TRACE(writerTrace(), 0, "failed initial validation of {} after re-attaching", name_);
+         reformatReason_ = fmt::format("failed initial validation of {} after re-attaching", name_);
          return false;
       }
       return true;
@@ -553,6 +557,8 @@ class DockWriter {
    const std::string& dockName() const { return name_; }
    const std::string& directory() const { return dir_; }
    MountStatus mountStatus() const { return mountStatus_; }
+   // Why the existing files were not kept (mountStatus() kReformatted); empty otherwise.
+   const std::string& reformatReason() const { return reformatReason_; }
    const WriterCounters& writerCounters() const { return counters_; }
    const DockConfig& config() const { return config_; }
 
@@ -843,6 +849,7 @@ class DockWriter {
    std::unique_ptr<Tessel::DynamicSlotAllocator<V>> dynamic_;
    HeraldWriter herald_;
    MountStatus mountStatus_ = MountStatus::kUnmounted;
+   std::string reformatReason_;
    WriterCounters counters_;
    Region::VersionAnchor anchor_;
    std::function<void(const Region::VersionAnchor&)> versionAnchorHook_;

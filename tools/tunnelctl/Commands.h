@@ -22,6 +22,8 @@ int runShow(std::ostream& out, const std::string& table, bool json);
 // Stops after `count` changes (0: no limit) or `seconds` (0: no limit), or on SIGINT/SIGTERM.
 int runWatch(std::ostream& out, const std::string& table, uint64_t count, double seconds);
 int runValidate(std::ostream& out, const std::string& table);
+// Deletes the table's files unless a live writer holds its lock (then 1, naming the writer).
+int runRemove(std::ostream& out, const std::string& table);
 // Runs until SIGINT/SIGTERM unless `once`; SIGHUP re-reads the file and applies what changed.
 int runPublish(std::ostream& out, const std::string& file, bool once);
 // `update` is applied by the writer once the readers have synchronized.
@@ -46,6 +48,11 @@ struct TableMissing : std::runtime_error {
 // Every entry of a mounted table, by tunnel id, with its text form.
 std::vector<std::pair<Tunnel::TunnelTable::TunnelId, Vela::String>> tableSnapshot(
     const Tunnel::TunnelTable::TunnelTableBase& table);
+// Mounts `table` as a key-shadowing reader on `agent` and runs its loop until the reader has
+// synchronized; throws when it does not.
+class Agent;
+Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase> mountSynchronized(Agent& agent,
+                                                                  const TableEntry& table);
 // "index 7" style short name of a key within its table.
 std::string keyText(const Tunnel::TunnelTable::TunnelId& id);
 

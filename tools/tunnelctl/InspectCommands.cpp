@@ -63,16 +63,6 @@ std::string keyText(const TT::TunnelId& id) {
 
 namespace {
 
-// Mounts `table` as a key-shadowing reader and waits until it has synchronized.
-Vela::Ptr<TT::TunnelTableBase> mountSynchronized(Agent& agent, const TableEntry& table) {
-   auto mounted = agent.mounter().mountKeyshadow(table.id);
-   if (!mounted) throw std::runtime_error(table.mountName + ": the mount gave no tunnel table");
-   if (!agent.runUntil([&] { return readerSynchronized(*mounted); }, std::chrono::seconds(10))) {
-      throw std::runtime_error(table.mountName + ": the reader did not synchronize within 10 s");
-   }
-   return mounted;
-}
-
 // One entry as `show --json` gives it: the key's parts, then what a program wants without parsing
 // the text form (the mLDP tree id), then the text form.
 struct ShownEntry {
@@ -128,44 +118,6 @@ int runShow(std::ostream& out, const std::string& name, bool asJson) {
       out << table.mountName << ": " << entries.size() << " entries\n";
       for (const auto& e : entries) out << e.text << "\n";
    }
-   return 0;
-}
-
-int runWatch(std::ostream& out, const std::string& name, uint64_t count, double seconds) {
-   const TableEntry& table = requireTable(name);
-   existingTableDirectory(table);
-   Agent agent;
-   bool stop = false;
-   agent.signalsIs({SIGINT, SIGTERM}, [&](int) { stop = true; });
-   auto mounted = mountSynchronized(agent, table);
-   out << table.mountName << ": synchronized, " << mounted->entryCount() << " entries" << std::endl;
-
-   // One line per notification, the entry as the reader sees it at that moment.
-   struct Printer : Vela::Entity::Notifiee {
-      std::ostream* out;
-      const TT::TunnelTableBase* table;
-      const std::string* mountName;
-      uint64_t seen = 0;
-      void onAttribute(Vela::AttributeId attr, const void* key) override {
-         if (attr != Vela::attrEntry || !key) return;
-         const auto& id = *static_cast<const TT::TunnelId*>(key);
-         ++seen;
-         if (auto text = table->entryStrep(id)) {
-            *out << *mountName << " " << keyText(id) << " changed: " << *text << std::endl;
-         } else {
-            *out << *mountName << " " << keyText(id) << " removed" << std::endl;
-         }
-      }
-   } printer;
-   printer.out = &out;
-   printer.table = mounted.get();
-   printer.mountName = &table.mountName;
-   mounted->notifieeAdd(&printer);
-   const auto limit = seconds > 0 ? std::chrono::milliseconds(int64_t(seconds * 1000))
-                                  : std::chrono::milliseconds(std::chrono::hours(24 * 365));
-   agent.runUntil([&] { return stop || (count && printer.seen >= count); }, limit);
-   mounted->notifieeDel(&printer);
-   out << table.mountName << ": " << printer.seen << " changes" << std::endl;
    return 0;
 }
 

@@ -2,12 +2,30 @@
 // /var/shmem): list them, show and watch one as a reader sees it, check its files, publish a
 // network description as a writer agent, and run the writer-and-readers demo.
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 
 #include "Commands.h"
 #include "Description.h"
 #include "Region/OwnerFile.h"
 #include "TableCatalog.h"
+
+// Where the demo's example descriptions are, found at run time. An installed tunnelctl
+// (<prefix>/bin) has them in <prefix>/share/tunnel/examples. One run from its build tree has,
+// beside it, the never-installed file tunnelctl-examples.path naming the source tree's examples;
+// so nothing of the source tree is compiled in, and an installed binary never looks there.
+static std::string examplesDirectory() {
+   namespace fs = std::filesystem;
+   std::error_code ec;
+   const fs::path bin = fs::read_symlink("/proc/self/exe", ec).parent_path();
+   const fs::path installed = bin.parent_path() / "share/tunnel/examples";
+   if (fs::is_directory(installed, ec)) return installed.string();
+   std::ifstream beside(bin / "tunnelctl-examples.path");
+   std::string dir;
+   if (std::getline(beside, dir) && !dir.empty()) return dir;
+   return installed.string();  // neither: the demo's error names where they belong
+}
 
 int main(int argc, char** argv) {
    CLI::App app{"tunnelctl: inspect, publish and watch the tunnel tables under a store root"};
@@ -18,8 +36,8 @@ int main(int argc, char** argv) {
 
    bool json = false;
    std::string table;
-   auto* list =
-       app.add_subcommand("list", "the tables under the store root: writer, entries, capacity");
+   auto* list = app.add_subcommand(
+       "list", "the tables under the store root: writer, readers, entries, capacity");
    list->add_flag("--json", json, "machine-readable output");
 
    auto* show = app.add_subcommand("show", "every entry of TABLE as a reader sees it");
@@ -36,6 +54,10 @@ int main(int argc, char** argv) {
    auto* validate = app.add_subcommand("validate", "deep check of the files of TABLE");
    validate->add_option("TABLE", table, "mount name of the table")->required();
 
+   auto* remove =
+       app.add_subcommand("remove", "delete the files of TABLE unless a live writer holds it");
+   remove->add_option("TABLE", table, "mount name of the table")->required();
+
    std::string file;
    bool once = false;
    auto* publish = app.add_subcommand(
@@ -43,8 +65,9 @@ int main(int argc, char** argv) {
    publish->add_option("FILE", file, "network description (JSON)")->required();
    publish->add_flag("--once", once, "exit after publishing, leaving the files");
 
-   std::string demoFile = std::string(TUNNEL_SOURCE_DIR) + "/examples/network.json";
-   std::string demoUpdate = std::string(TUNNEL_SOURCE_DIR) + "/examples/network-update.json";
+   const std::string examples = examplesDirectory();
+   std::string demoFile = examples + "/network.json";
+   std::string demoUpdate = examples + "/network-update.json";
    auto* demo = app.add_subcommand(
        "demo", "a writer and two readers in separate processes on the bundled example network");
    demo->add_option("--file", demoFile, "network description to publish");
@@ -75,6 +98,7 @@ int main(int argc, char** argv) {
       if (*show) return TunnelCtl::runShow(std::cout, table, json);
       if (*watch) return TunnelCtl::runWatch(std::cout, table, count, seconds);
       if (*validate) return TunnelCtl::runValidate(std::cout, table);
+      if (*remove) return TunnelCtl::runRemove(std::cout, table);
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
       if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json, candidates);
       if (*ribBuilder) return TunnelCtl::runRibBuilder(std::cout, seconds);

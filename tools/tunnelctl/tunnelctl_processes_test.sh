@@ -52,7 +52,7 @@ grep -q "^tunnelctl: table $TUNNEL_SHMEM_ROOT/tunnel/table/bgpLu/entry already h
 # list: every table, its live writer, its entries.
 "$ctl" list >"$work/list.out" 2>&1 || fail "list"
 line=$(grep '^ldp ' "$work/list.out")
-[[ $line =~ ^ldp\ +pid\ $pub\ \(alive\)\ +23\ +[0-9]+\ +[0-9]+$ ]] || fail "list ldp line: $line"
+[[ $line =~ ^ldp\ +pid\ $pub\ \(alive\)\ +0\ +23\ +[0-9]+\ +[0-9]+$ ]] || fail "list ldp line: $line"
 expect_eq "$(grep -c '(alive)' "$work/list.out")" 19 "tables with a live writer"
 
 # show --json in another process: what a reader sees.
@@ -106,9 +106,9 @@ done
 
 # validate a healthy table.
 "$ctl" validate ldp >"$work/valid.out" 2>&1 || fail "validate healthy"
-expect_eq "$(cat "$work/valid.out")" "ldp: valid: 23 occupied slots, $(($(grep '^ldp ' "$work/list.out" | awk '{print $6}') - 23)) free slots, 23 slab entries" "validate output"
+expect_eq "$(cat "$work/valid.out")" "ldp: valid: 23 occupied slots, $(($(grep '^ldp ' "$work/list.out" | awk '{print $7}') - 23)) free slots, 23 slab entries" "validate output"
 "$ctl" validate mldpTunnel >"$work/valid-mldp.out" 2>&1 || fail "validate mldpTunnel"
-expect_eq "$(cat "$work/valid-mldp.out")" "mldpTunnel: valid: 4 occupied slots, $(($(grep '^mldpTunnel ' "$work/list.out" | awk '{print $6}') - 4)) free slots, 4 slab entries" "validate mldpTunnel output"
+expect_eq "$(cat "$work/valid-mldp.out")" "mldpTunnel: valid: 4 occupied slots, $(($(grep '^mldpTunnel ' "$work/list.out" | awk '{print $7}') - 4)) free slots, 4 slab entries" "validate mldpTunnel output"
 
 # A reload that needs a table another writer holds is refused whole: nothing of it is written,
 # the publisher says why and stays the writer of its tables.
@@ -161,7 +161,7 @@ kill -TERM $pub
 wait $pub || fail "publish exit status"
 grep -qx 'stopped' "$work/publish.out" || fail "publish stopped"
 "$ctl" list >"$work/list2.out" 2>&1 || fail "list after stop"
-grep -q "^ldp  *pid $pub (gone)  *23 " "$work/list2.out" || fail "list shows the writer gone"
+grep -q "^ldp  *pid $pub (gone)  *0  *23 " "$work/list2.out" || fail "list shows the writer gone"
 
 # Damage a byte of the slot file: validation fails with the store's message, exit 1.
 slots=$TUNNEL_SHMEM_ROOT/tunnel/table/ldp/entry/slots
@@ -194,4 +194,100 @@ printf '{"tunnels": [{"table": "ldp", "index": 1, "vias": [{"nextHop": "x"}]}]}'
 "$ctl" publish --once "$work/bad.json" >/dev/null 2>"$work/bad.err"
 expect_eq $? 1 "bad description exit status"
 expect_eq "$(cat "$work/bad.err")" "tunnelctl: $work/bad.json: tunnels[0].vias[0].nextHop: bad IPv4/IPv6 address 'x'" "bad description message"
+# list and remove, in a store root of their own. The writer is alive while it holds its lock,
+# whatever pid the owner file names; readers are the live processes behind the wake sockets.
+export TUNNEL_SHMEM_ROOT=$work/root2
+mkdir -p "$TUNNEL_SHMEM_ROOT"
+ldpdir=$TUNNEL_SHMEM_ROOT/tunnel/table/ldp/entry
+printf '{"tunnels": [{"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.1.1"}]}, {"table": "rsvpLerSub", "index": 1, "endpoint": "10.9.0.1", "via": {"nextHop": "10.0.1.1"}}]}' >"$work/small.json"
+"$ctl" publish "$work/small.json" >"$work/pub2.out" 2>"$work/pub2.err" &
+pub2=$!
+pids+=($pub2)
+wait_for "$work/pub2.out" '^ready: 2 tunnels in 2 tables' 20
+"$ctl" watch ldp --seconds 60 >"$work/reader1.out" 2>&1 &
+r1=$!
+pids+=($r1)
+"$ctl" watch ldp --seconds 60 >"$work/reader2.out" 2>&1 &
+r2=$!
+pids+=($r2)
+wait_for "$work/reader1.out" '^ldp: synchronized, 1 entries$' 20
+wait_for "$work/reader2.out" '^ldp: synchronized, 1 entries$' 20
+# list_line TABLE WRITER READERS: the exact text line, sizes taken from list --json.
+list_line() {
+   "$ctl" list --json | python3 -c '
+import json, sys
+t = [t for t in json.load(sys.stdin)["tables"] if t["table"] == sys.argv[1]][0]
+print("%-26s%-20s%8s%9d%10d%10d" % (sys.argv[1], sys.argv[2], sys.argv[3], t["entries"], t["capacity"], t["maxSlots"]))' "$@"
+}
+# readers_json TABLE: its writer and reader pids as list --json gives them.
+readers_json() {
+   "$ctl" list --json | python3 -c '
+import json, sys
+t = [t for t in json.load(sys.stdin)["tables"] if t["table"] == sys.argv[1]][0]
+print(json.dumps(t["writer"]), json.dumps(t["readers"]))' "$1"
+}
+"$ctl" list >"$work/list3.out" 2>&1 || fail "list with readers"
+expect_eq "$(cat "$work/list3.out")" "TABLE                     WRITER               READERS  ENTRIES  CAPACITY       MAX
+$(list_line ldp "pid $pub2 (alive)" 2)
+$(list_line rsvpLerSub "pid $pub2 (alive)" 0)" "list with a live writer and two readers"
+expect_eq "$(list_line ldp x 0 | awk '{print $4}')" 1 "ldp entries in list --json"
+first=$((r1 < r2 ? r1 : r2))
+second=$((r1 < r2 ? r2 : r1))
+expect_eq "$(readers_json ldp)" "{\"pid\": $pub2, \"alive\": true} [{\"pid\": $first}, {\"pid\": $second}]" "list --json ldp writer and readers"
+expect_eq "$(readers_json rsvpLerSub)" "{\"pid\": $pub2, \"alive\": true} []" "list --json rsvpLerSub readers"
+# A removal while the writer holds the table is refused and leaves every file.
+"$ctl" remove ldp >"$work/remove-live.out" 2>"$work/remove-live.err"
+expect_eq $? 1 "remove with a live writer exit status"
+expect_eq "$(cat "$work/remove-live.err")" "tunnelctl: ldp has a live writer (pid $pub2); not removed" "remove with a live writer message"
+expect_eq "$(cat "$work/remove-live.out")" "" "remove with a live writer prints nothing"
+[ -f "$ldpdir/slots" ] && [ -f "$ldpdir/owner" ] || fail "a refused remove left the files"
+"$ctl" show ldp >/dev/null 2>&1 || fail "the table still reads after a refused remove"
+# A reader killed outright leaves its socket name behind; it is not counted.
+kill -KILL $r1
+wait $r1 2>/dev/null
+ls "$ldpdir/wake" | grep -q "^$r1-" || fail "the killed reader's socket name stays"
+expect_eq "$(readers_json ldp)" "{\"pid\": $pub2, \"alive\": true} [{\"pid\": $r2}]" "list --json after a reader died"
+kill -TERM $pub2
+wait $pub2 || fail "second publish exit status"
+expect_eq "$(grep '^ldp ' <("$ctl" list))" "$(list_line ldp "pid $pub2 (gone)" 1)" "list after the writer stopped"
+kill -TERM $r2
+wait $r2 2>/dev/null
+# A process holding the lock is a live writer even when the owner file names nobody.
+printf 'not an owner' >"$ldpdir/owner"
+python3 -c 'import fcntl, sys, time
+f = open(sys.argv[1])
+fcntl.flock(f, fcntl.LOCK_EX)
+print("locked", flush=True)
+time.sleep(60)' "$ldpdir/owner" >"$work/holder.out" 2>&1 &
+holder=$!
+pids+=($holder)
+wait_for "$work/holder.out" '^locked$' 20
+expect_eq "$(grep '^ldp ' <("$ctl" list))" "$(list_line ldp "alive (pid unknown)" 0)" "list with the lock held, no owner named"
+expect_eq "$(readers_json ldp)" '{"pid": null, "alive": true} []' "list --json with the lock held, no owner named"
+"$ctl" remove ldp >/dev/null 2>"$work/remove-held.err"
+expect_eq $? 1 "remove with the lock held exit status"
+expect_eq "$(cat "$work/remove-held.err")" "tunnelctl: ldp has a live writer (pid unknown); not removed" "remove with the lock held message"
+kill -KILL $holder
+wait $holder 2>/dev/null
+# An owner file naming a live process (this shell, its start time, this host) is no writer
+# without the lock.
+start=$(sed 's/.*) //' /proc/$$/stat | awk '{print $20}')
+printf 'pid:%s host:%s start:%s' $$ "$(cat /proc/sys/kernel/hostname)" "$start" >"$ldpdir/owner"
+expect_eq "$(grep '^ldp ' <("$ctl" list))" "$(list_line ldp "pid $$ (gone)" 0)" "list with a live pid but no lock"
+"$ctl" remove ldp >"$work/remove.out" 2>"$work/remove.err" || fail "remove without a writer"
+expect_eq "$(cat "$work/remove.out")" "ldp: removed $ldpdir" "remove output"
+expect_eq "$(cat "$work/remove.err")" "" "remove says nothing on stderr"
+[ ! -e "$TUNNEL_SHMEM_ROOT/tunnel/table/ldp" ] || fail "remove left $TUNNEL_SHMEM_ROOT/tunnel/table/ldp"
+[ -f "$TUNNEL_SHMEM_ROOT/tunnel/table/rsvpLerSub/entry/slots" ] || fail "remove took another table"
+expect_eq "$("$ctl" list)" "TABLE                     WRITER               READERS  ENTRIES  CAPACITY       MAX
+$(list_line rsvpLerSub "pid $pub2 (gone)" 0)" "list after remove"
+"$ctl" remove ldp >/dev/null 2>"$work/remove-missing.err"
+expect_eq $? 1 "remove of a missing table exit status"
+expect_eq "$(cat "$work/remove-missing.err")" "tunnelctl: no table 'ldp' under $TUNNEL_SHMEM_ROOT (no writer has published it)" "remove of a missing table message"
+"$ctl" remove ldpp >/dev/null 2>"$work/remove-unknown.err"
+expect_eq $? 2 "remove of an unknown table exit status"
+grep -q "^tunnelctl: unknown table 'ldpp' (known: bgpLu, bgpLuPush, ldp, " "$work/remove-unknown.err" || fail "remove of an unknown table message"
+# A new writer takes the removed table up again from nothing.
+"$ctl" publish --once "$work/small.json" >/dev/null 2>&1 || fail "publish after remove"
+expect_eq "$(grep '^ldp ' <("$ctl" list) | awk '{print $5, $6}')" "0 1" "the table written again: readers, entries"
 echo PASS
