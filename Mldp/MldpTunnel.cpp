@@ -127,4 +127,4 @@ const bool registeredAtLoad = registerTables(MldpTables{});
 }  // namespace Tunnel::TunnelTable
 
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::MldpTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);

@@ -24,16 +24,16 @@ inline constexpr TableType mldpTunnelTableType{
 
 // In MldpTunnel.cpp.
 extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::MldpTunnelTableEntry,
-                                    Tunnel::TunnelTable::TunnelTableBase)
+                                    Tunnel::TunnelTable::TunnelTableBase);
 
-    namespace Tunnel::TunnelTable {
-   TUNNEL_TABLE_MEMBER(MldpTunnelTable, TunnelTableFamily<MldpTunnelTableEntry>,
-                       mldpTunnelTableType, mldpTunnelTableFactory)
+namespace Tunnel::TunnelTable {
+TUNNEL_TABLE_MEMBER(MldpTunnelTable, TunnelTableFamily<MldpTunnelTableEntry>, mldpTunnelTableType,
+                    mldpTunnelTableFactory)
 
-   // This folder's tables: registered when the library loads; the typed tests run over it.
-   using MldpTables = TableList<MldpTunnelTable>;
+// This folder's tables: registered when the library loads; the typed tests run over it.
+using MldpTables = TableList<MldpTunnelTable>;
 
-   // Registers the mLDP table (idempotent); also run once when the library loads.
-   void registerMldpTunnelTableType();
+// Registers the mLDP table (idempotent); also run once when the library loads.
+void registerMldpTunnelTableType();
 
 }  // namespace Tunnel::TunnelTable

@@ -26,35 +26,35 @@ inline constexpr TableType evpnVxlanTunnelTableType{"Tunnel::TunnelTable::EvpnVx
 
 // In TunnelTables.cpp.
 extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::EvpnVxlanTunnelEntry,
-                                    Tunnel::TunnelTable::TunnelTableBase)
+                                    Tunnel::TunnelTable::TunnelTableBase);
 
-    namespace Tunnel::TunnelTable {
-   class EvpnVxlanTunnelTable : public TunnelTableFamily<EvpnVxlanTunnelEntry> {
+namespace Tunnel::TunnelTable {
+class EvpnVxlanTunnelTable : public TunnelTableFamily<EvpnVxlanTunnelEntry> {
+  public:
+   static constexpr const TableType& kTableType = evpnVxlanTunnelTableType;
+   class EvpnVxlanTunnelTableZeroReferencesNotifiee : public StoreTableZeroReferencesNotifiee {
      public:
-      static constexpr const TableType& kTableType = evpnVxlanTunnelTableType;
-      class EvpnVxlanTunnelTableZeroReferencesNotifiee : public StoreTableZeroReferencesNotifiee {
-        public:
-         using StoreTableZeroReferencesNotifiee::StoreTableZeroReferencesNotifiee;
-      };
-
-      explicit EvpnVxlanTunnelTable(const Vela::String& name);
-      static Vela::Ptr<EvpnVxlanTunnelTable> EvpnVxlanTunnelTableIs(const Vela::String& name);
-
-      static constexpr Id64 maxId() noexcept { return 0xFFFFFFFFu; }
-      Id64 lastAllocatedId() const noexcept { return lastAllocatedId_; }
-      // Sets the counter; observers of lastAllocatedId are told only when it changed.
-      void lastAllocatedIdIs(Id64 id);
-      // Adds `amount`; observers are told only when the value changed.
-      void lastAllocatedIdInc(Id64 amount);
-
-      // Hands out the next index and returns its type-6 tunnel id. Asserts when the last index
-      // (maxId) has been handed out already.
-      TunnelId newTunnelId();
-
-     private:
-      Id64 lastAllocatedId_ = 0;
+      using StoreTableZeroReferencesNotifiee::StoreTableZeroReferencesNotifiee;
    };
 
-   Vela::Ptr<EvpnVxlanTunnelTable> evpnVxlanTunnelTableFactory(const Vela::String& name);
+   explicit EvpnVxlanTunnelTable(const Vela::String& name);
+   static Vela::Ptr<EvpnVxlanTunnelTable> EvpnVxlanTunnelTableIs(const Vela::String& name);
+
+   static constexpr Id64 maxId() noexcept { return 0xFFFFFFFFu; }
+   Id64 lastAllocatedId() const noexcept { return lastAllocatedId_; }
+   // Sets the counter; observers of lastAllocatedId are told only when it changed.
+   void lastAllocatedIdIs(Id64 id);
+   // Adds `amount`; observers are told only when the value changed.
+   void lastAllocatedIdInc(Id64 amount);
+
+   // Hands out the next index and returns its type-6 tunnel id. Asserts when the last index
+   // (maxId) has been handed out already.
+   TunnelId newTunnelId();
+
+  private:
+   Id64 lastAllocatedId_ = 0;
+};
+
+Vela::Ptr<EvpnVxlanTunnelTable> evpnVxlanTunnelTableFactory(const Vela::String& name);
 
 }  // namespace Tunnel::TunnelTable

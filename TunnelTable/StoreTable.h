@@ -166,6 +166,7 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
    bool isWriter() const override { return map_ && map_->isWriter(); }
    uint32_t storeMountStatus() const override { return map_ ? map_->mountStatus() : 0; }
    std::string storeProblem() const override { return map_ ? map_->problem() : std::string(); }
+   uint64_t storeReattaches() const override { return map_ ? map_->reattaches() : 0; }
    bool storeQuiesced() const override { return map_ && map_->quiesced(); }
    uint64_t storeSequence() const override { return map_ ? map_->sequence() : 0; }
    uint32_t entryCount() const override { return map_ ? map_->members() : 0; }

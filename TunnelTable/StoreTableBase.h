@@ -93,6 +93,8 @@ class StoreTableBase : public Vela::Entity, public Vault::Mountable {
    // Why the store could not use its files as they were: a writer's reason for re-formatting
    // them, or a reader's last failure to attach (empty when there was none, or without store).
    virtual std::string storeProblem() const = 0;
+   // How many times a reader has re-attached after its writer restarted (0 for a writer).
+   virtual uint64_t storeReattaches() const = 0;
    // The store's sequence number: the writer's notification position, or the last one a reader
    // has consumed (0 without store).
    virtual uint64_t storeSequence() const = 0;

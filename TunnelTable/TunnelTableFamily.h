@@ -31,10 +31,10 @@ Vela::Ptr<Table> makeTunnelTable(const Vela::String& name) {
 }  // namespace Tunnel::TunnelTable
 
 // The family's code for one entry type, compiled once: `extern` before it in the header, the
-// plain form in the folder's .cpp.
+// plain form in the folder's .cpp; each use ends with its own semicolon.
 #define TUNNEL_TABLE_FAMILY_INSTANCE(Entry, Base)                                       \
    template class Tunnel::TunnelTable::StoreTable<Tunnel::TunnelTable::TunnelId, Entry, \
-                                                  Tunnel::TunnelTable::TunnelEntryKey, Base>;
+                                                  Tunnel::TunnelTable::TunnelEntryKey, Base>
 
 // Declares a store-table class `Table` over `Parent` (a StoreTable instance or another such
 // class), with its nested zero-references notifiee, its static creator `Table##Is`, its

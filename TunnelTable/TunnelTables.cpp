@@ -4,41 +4,41 @@
 
 // The family's code for every member, compiled once here.
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::BgpLuTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::BgpLuPushTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::LdpTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpFrrTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpLerSubTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpLerTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::StaticTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::NexthopGroupTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::TiLfaTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTePolicyTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::NimboSdkSbfdSessionTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::FlexAlgoTunnelTableEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::EvpnVxlanTunnelEntry,
-                             Tunnel::TunnelTable::TunnelTableBase)
+                             Tunnel::TunnelTable::TunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::GreIntfTunnelTableEntry,
-                             Tunnel::TunnelTable::L3IntfTunnelTableBase)
+                             Tunnel::TunnelTable::L3IntfTunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::IpsecVtiIntfTunnelTableEntry,
-                             Tunnel::TunnelTable::L3IntfTunnelTableBase)
+                             Tunnel::TunnelTable::L3IntfTunnelTableBase);
 TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::IpsecGreIntfTunnelTableEntry,
-                             Tunnel::TunnelTable::L3IntfTunnelTableBase)
+                             Tunnel::TunnelTable::L3IntfTunnelTableBase);
 
 namespace Tunnel::TunnelTable {
 

@@ -89,106 +89,104 @@ TUNNEL_TABLE_TYPE(isisFlexAlgoTunnelTableType, IsisFlexAlgoTunnelTable, FlexAlgo
 }  // namespace Tunnel::TunnelTable
 
 // Compiled once, in TunnelTables.cpp.
-extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::BgpLuTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(
-    Tunnel::TunnelTable::BgpLuPushTunnelTableEntry,
-    Tunnel::
-        TunnelTable::
-            TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::
-                                                                     LdpTunnelTableEntry,
-                                                                 Tunnel::
-                                                                     TunnelTable::
-                                                                         TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpFrrTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpLerSubTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                     RsvpLerTunnelTableEntry,
-                                                                                                                                                                                                                                                                                                                                                                                 Tunnel::TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                     TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTunnelTableEntry, Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                       TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                             TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                 StaticTunnelTableEntry,
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                         Tunnel::TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                       NexthopGroupTunnelTableEntry,
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                   Tunnel::TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                 SrTeSegmentListTunnelTableEntry,
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                             Tunnel::TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::TiLfaTunnelTableEntry, Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                       TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                           TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTePolicyTunnelTableEntry, Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                     TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                         TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                  NimboSdkSbfdSessionTunnelTableEntry,
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                              Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                  TunnelTable::TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::FlexAlgoTunnelTableEntry, Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                       TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                           TunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                    TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                        GreIntfTunnelTableEntry,
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                Tunnel::TunnelTable::L3IntfTunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::IpsecVtiIntfTunnelTableEntry, Tunnel::TunnelTable::L3IntfTunnelTableBase) extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::IpsecGreIntfTunnelTableEntry, Tunnel::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                          TunnelTable::
-                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                              L3IntfTunnelTableBase)
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::BgpLuTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::BgpLuPushTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::LdpTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpFrrTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpLerSubTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::RsvpLerTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::StaticTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::NexthopGroupTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::TiLfaTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::SrTePolicyTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::NimboSdkSbfdSessionTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::FlexAlgoTunnelTableEntry,
+                                    Tunnel::TunnelTable::TunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::GreIntfTunnelTableEntry,
+                                    Tunnel::TunnelTable::L3IntfTunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::IpsecVtiIntfTunnelTableEntry,
+                                    Tunnel::TunnelTable::L3IntfTunnelTableBase);
+extern TUNNEL_TABLE_FAMILY_INSTANCE(Tunnel::TunnelTable::IpsecGreIntfTunnelTableEntry,
+                                    Tunnel::TunnelTable::L3IntfTunnelTableBase);
 
-    namespace Tunnel::TunnelTable {
-   using GreIntfTunnelTableFamily =
-       TunnelTableFamily<GreIntfTunnelTableEntry, L3IntfTunnelTableBase>;
-   using IpsecVtiIntfTunnelTableFamily =
-       TunnelTableFamily<IpsecVtiIntfTunnelTableEntry, L3IntfTunnelTableBase>;
-   using IpsecGreIntfTunnelTableFamily =
-       TunnelTableFamily<IpsecGreIntfTunnelTableEntry, L3IntfTunnelTableBase>;
+namespace Tunnel::TunnelTable {
+using GreIntfTunnelTableFamily = TunnelTableFamily<GreIntfTunnelTableEntry, L3IntfTunnelTableBase>;
+using IpsecVtiIntfTunnelTableFamily =
+    TunnelTableFamily<IpsecVtiIntfTunnelTableEntry, L3IntfTunnelTableBase>;
+using IpsecGreIntfTunnelTableFamily =
+    TunnelTableFamily<IpsecGreIntfTunnelTableEntry, L3IntfTunnelTableBase>;
 
-   TUNNEL_TABLE_MEMBER(BgpLuTunnelTable, TunnelTableFamily<BgpLuTunnelTableEntry>,
-                       bgpLuTunnelTableType, bgpLuTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(BgpLuPushTunnelTable, TunnelTableFamily<BgpLuPushTunnelTableEntry>,
-                       bgpLuPushTunnelTableType, bgpLuPushTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(LdpTunnelTable, TunnelTableFamily<LdpTunnelTableEntry>, ldpTunnelTableType,
-                       ldpTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(RsvpFrrTunnelTable, TunnelTableFamily<RsvpFrrTunnelTableEntry>,
-                       rsvpFrrTunnelTableType, rsvpFrrTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(RsvpLerSubTunnelTable, TunnelTableFamily<RsvpLerSubTunnelTableEntry>,
-                       rsvpLerSubTunnelTableType, rsvpLerSubTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(RsvpLerTunnelTable, TunnelTableFamily<RsvpLerTunnelTableEntry>,
-                       rsvpLerTunnelTableType, rsvpLerTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(SrTunnelTableBase, TunnelTableFamily<SrTunnelTableEntry>,
-                       srTunnelTableBaseType, srTunnelTableBaseFactory)
-   TUNNEL_TABLE_MEMBER(IsisSrTunnelTable, SrTunnelTableBase, isisSrTunnelTableType,
-                       isisSrTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(OspfSrTunnelTable, SrTunnelTableBase, ospfSrTunnelTableType,
-                       ospfSrTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(StaticTunnelTable, TunnelTableFamily<StaticTunnelTableEntry>,
-                       staticTunnelTableType, staticTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(NexthopGroupTunnelTable, TunnelTableFamily<NexthopGroupTunnelTableEntry>,
-                       nexthopGroupTunnelTableType, nexthopGroupTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(SrTeSegmentListTunnelTable,
-                       TunnelTableFamily<SrTeSegmentListTunnelTableEntry>,
-                       srTeSegmentListTunnelTableType, srTeSegmentListTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(GreIntfTunnelTable, GreIntfTunnelTableFamily, greIntfTunnelTableType,
-                       greIntfTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(IpsecVtiIntfTunnelTable, IpsecVtiIntfTunnelTableFamily,
-                       ipsecVtiIntfTunnelTableType, ipsecVtiIntfTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(IpsecGreIntfTunnelTable, IpsecGreIntfTunnelTableFamily,
-                       ipsecGreIntfTunnelTableType, ipsecGreIntfTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(TiLfaTunnelTable, TunnelTableFamily<TiLfaTunnelTableEntry>,
-                       tiLfaTunnelTableType, tiLfaTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(SrTePolicyTunnelTable, TunnelTableFamily<SrTePolicyTunnelTableEntry>,
-                       srTePolicyTunnelTableType, srTePolicyTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(NimboSdkSbfdSessionTunnelTable,
-                       TunnelTableFamily<NimboSdkSbfdSessionTunnelTableEntry>,
-                       nimboSdkSbfdSessionTunnelTableType, nimboSdkSbfdSessionTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(FlexAlgoTunnelTable, TunnelTableFamily<FlexAlgoTunnelTableEntry>,
-                       flexAlgoTunnelTableType, flexAlgoTunnelTableFactory)
-   TUNNEL_TABLE_MEMBER(IsisFlexAlgoTunnelTable, FlexAlgoTunnelTable, isisFlexAlgoTunnelTableType,
-                       isisFlexAlgoTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(BgpLuTunnelTable, TunnelTableFamily<BgpLuTunnelTableEntry>,
+                    bgpLuTunnelTableType, bgpLuTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(BgpLuPushTunnelTable, TunnelTableFamily<BgpLuPushTunnelTableEntry>,
+                    bgpLuPushTunnelTableType, bgpLuPushTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(LdpTunnelTable, TunnelTableFamily<LdpTunnelTableEntry>, ldpTunnelTableType,
+                    ldpTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(RsvpFrrTunnelTable, TunnelTableFamily<RsvpFrrTunnelTableEntry>,
+                    rsvpFrrTunnelTableType, rsvpFrrTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(RsvpLerSubTunnelTable, TunnelTableFamily<RsvpLerSubTunnelTableEntry>,
+                    rsvpLerSubTunnelTableType, rsvpLerSubTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(RsvpLerTunnelTable, TunnelTableFamily<RsvpLerTunnelTableEntry>,
+                    rsvpLerTunnelTableType, rsvpLerTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(SrTunnelTableBase, TunnelTableFamily<SrTunnelTableEntry>, srTunnelTableBaseType,
+                    srTunnelTableBaseFactory)
+TUNNEL_TABLE_MEMBER(IsisSrTunnelTable, SrTunnelTableBase, isisSrTunnelTableType,
+                    isisSrTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(OspfSrTunnelTable, SrTunnelTableBase, ospfSrTunnelTableType,
+                    ospfSrTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(StaticTunnelTable, TunnelTableFamily<StaticTunnelTableEntry>,
+                    staticTunnelTableType, staticTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(NexthopGroupTunnelTable, TunnelTableFamily<NexthopGroupTunnelTableEntry>,
+                    nexthopGroupTunnelTableType, nexthopGroupTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(SrTeSegmentListTunnelTable, TunnelTableFamily<SrTeSegmentListTunnelTableEntry>,
+                    srTeSegmentListTunnelTableType, srTeSegmentListTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(GreIntfTunnelTable, GreIntfTunnelTableFamily, greIntfTunnelTableType,
+                    greIntfTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(IpsecVtiIntfTunnelTable, IpsecVtiIntfTunnelTableFamily,
+                    ipsecVtiIntfTunnelTableType, ipsecVtiIntfTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(IpsecGreIntfTunnelTable, IpsecGreIntfTunnelTableFamily,
+                    ipsecGreIntfTunnelTableType, ipsecGreIntfTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(TiLfaTunnelTable, TunnelTableFamily<TiLfaTunnelTableEntry>,
+                    tiLfaTunnelTableType, tiLfaTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(SrTePolicyTunnelTable, TunnelTableFamily<SrTePolicyTunnelTableEntry>,
+                    srTePolicyTunnelTableType, srTePolicyTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(NimboSdkSbfdSessionTunnelTable,
+                    TunnelTableFamily<NimboSdkSbfdSessionTunnelTableEntry>,
+                    nimboSdkSbfdSessionTunnelTableType, nimboSdkSbfdSessionTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(FlexAlgoTunnelTable, TunnelTableFamily<FlexAlgoTunnelTableEntry>,
+                    flexAlgoTunnelTableType, flexAlgoTunnelTableFactory)
+TUNNEL_TABLE_MEMBER(IsisFlexAlgoTunnelTable, FlexAlgoTunnelTable, isisFlexAlgoTunnelTableType,
+                    isisFlexAlgoTunnelTableFactory)
 
-   class EvpnVxlanTunnelTable;
+class EvpnVxlanTunnelTable;
 
-   // The members of this folder, the protocol tables and the two bases: registered in the table
-   // registry when the library loads, and the list the family's typed tests run over.
-   using TunnelTables =
-       TableList<BgpLuTunnelTable, BgpLuPushTunnelTable, LdpTunnelTable, RsvpFrrTunnelTable,
-                 RsvpLerSubTunnelTable, RsvpLerTunnelTable, SrTunnelTableBase, IsisSrTunnelTable,
-                 OspfSrTunnelTable, StaticTunnelTable, NexthopGroupTunnelTable,
-                 SrTeSegmentListTunnelTable, GreIntfTunnelTable, IpsecVtiIntfTunnelTable,
-                 IpsecGreIntfTunnelTable, EvpnVxlanTunnelTable, TiLfaTunnelTable,
-                 SrTePolicyTunnelTable, NimboSdkSbfdSessionTunnelTable, FlexAlgoTunnelTable,
-                 IsisFlexAlgoTunnelTable>;
+// The members of this folder, the protocol tables and the two bases: registered in the table
+// registry when the library loads, and the list the family's typed tests run over.
+using TunnelTables =
+    TableList<BgpLuTunnelTable, BgpLuPushTunnelTable, LdpTunnelTable, RsvpFrrTunnelTable,
+              RsvpLerSubTunnelTable, RsvpLerTunnelTable, SrTunnelTableBase, IsisSrTunnelTable,
+              OspfSrTunnelTable, StaticTunnelTable, NexthopGroupTunnelTable,
+              SrTeSegmentListTunnelTable, GreIntfTunnelTable, IpsecVtiIntfTunnelTable,
+              IpsecGreIntfTunnelTable, EvpnVxlanTunnelTable, TiLfaTunnelTable,
+              SrTePolicyTunnelTable, NimboSdkSbfdSessionTunnelTable, FlexAlgoTunnelTable,
+              IsisFlexAlgoTunnelTable>;
 
-   // Registers every member (idempotent); also run once when the library loads.
-   void registerTunnelTableTypes();
+// Registers every member (idempotent); also run once when the library loads.
+void registerTunnelTableTypes();
 
 }  // namespace Tunnel::TunnelTable

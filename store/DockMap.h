@@ -147,6 +147,8 @@ class DockMap {
       if (writer_) return writer_->reformatReason();
       return reader_ ? reader_->attachError() : std::string();
    }
+   // How many times a reader has followed its writer's restart (0 for a writer).
+   uint64_t reattaches() const { return reader_ ? reader_->readerCounters().reattaches : 0; }
    // Writer: MountStatus; reader: its ReaderState.
    uint32_t mountStatus() const {
       if (writer_) return uint32_t(writer_->mountStatus());

@@ -119,8 +119,15 @@ OwnerFile OwnerFile::acquire(const std::string& dir) {
    f.fd_ = ::open(f.path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
    if (f.fd_ < 0) throw Error::fromErrno("cannot open owner file", f.path_, errno);
    // The lock belongs to this open file description: a second open, in this process or another,
-   // is refused while it lives, and the kernel drops it when the holder dies.
-   if (::flock(f.fd_, LOCK_EX | LOCK_NB) != 0) {
+   // is refused while it lives, and the kernel drops it when the holder dies. A tool asking
+   // whether a writer lives takes a shared lock for an instant; a few short retries keep such a
+   // probe from refusing a writer that starts at that very moment.
+   int locked = ::flock(f.fd_, LOCK_EX | LOCK_NB);
+   for (int retry = 0; locked != 0 && errno == EWOULDBLOCK && retry < 20; ++retry) {
+      ::usleep(500);
+      locked = ::flock(f.fd_, LOCK_EX | LOCK_NB);
+   }
+   if (locked != 0) {
       int err = errno;
       std::string holder = readAll(f.fd_);
       ::close(std::exchange(f.fd_, -1));

@@ -8,7 +8,9 @@
 
 #include "Agent.h"
 #include "Commands.h"
+#include "EntryJson.h"
 #include "Pike/PikeReader.h"
+#include "StrictJson.h"
 #include "TunnelRib/CliTunnelRibExport.h"
 
 namespace TunnelCtl {
@@ -40,9 +42,7 @@ json entryJson(const TT::InternalCliTunnelRibEntry& entry) {
    for (const auto& id : entry.candidatesInOrder()) {
       json tunnels = json::array();
       for (const auto& t : sortedTunnels(*entry.candidates(id))) {
-         tunnels.push_back({{"tunnelId", t.value()},
-                            {"type", TT::valueToStrep(t.tunnelType())},
-                            {"index", t.tunnelIndex()}});
+         tunnels.push_back({{"tunnelId", tunnelIdJson(t)}});
       }
       candidates.push_back({{"tunnelType", TT::valueToStrep(id.tunnelType())},
                             {"entryPref", id.entryPref()},
@@ -111,7 +111,8 @@ int runRibCandidates(std::ostream& out, bool colored,
    if (asJson) {
       json list = json::array();
       for (const auto& e : entries) list.push_back(entryJson(*e));
-      out << json{{"rib", ribName}, {"id", rib->id().value()}, {"endpoints", std::move(list)}}.dump(
+      out << dumpJson(
+                 json{{"rib", ribName}, {"id", rib->id().value()}, {"endpoints", std::move(list)}},
                  2)
           << "\n";
       return 0;

@@ -3,12 +3,15 @@
 // (thrown as UsageError and printed by main). Output goes to `out`; diagnostics to stderr.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "EntryFilter.h"
 #include "TableCatalog.h"
 #include "TunnelTable/TunnelId.h"
 #include "TunnelTable/TunnelTableBase.h"
@@ -18,9 +21,23 @@
 namespace TunnelCtl {
 
 int runList(std::ostream& out, bool json);
-int runShow(std::ostream& out, const std::string& table, bool json);
-// Stops after `count` changes (0: no limit) or `seconds` (0: no limit), or on SIGINT/SIGTERM.
-int runWatch(std::ostream& out, const std::string& table, uint64_t count, double seconds);
+struct ShowOptions {
+   std::optional<uint64_t> index;  // one tunnel only
+   EntryFilter filter;
+   bool json = false;    // every field a JSON field (EntryJson.h), streamed
+   bool detail = false;  // the full "Value(...)" text form per entry instead of a row
+   bool count = false;   // only how many entries there are and how many match
+};
+int runShow(std::ostream& out, const std::string& table, const ShowOptions& options);
+struct WatchOptions {
+   uint64_t count = 0;  // stop after this many changes (0: no limit)
+   double seconds = 0;  // stop after this long (0: no limit); SIGINT and SIGTERM stop it too
+   EntryFilter filter;  // changes of other entries are not printed or counted
+   bool timestamps = false;
+   bool json = false;  // one object per line (WatchCommand.cpp gives the events)
+   bool wait = false;  // a table not yet published is waited for instead of an error
+};
+int runWatch(std::ostream& out, const std::string& table, const WatchOptions& options);
 int runValidate(std::ostream& out, const std::string& table);
 // Deletes the table's files unless a live writer holds its lock (then 1, naming the writer).
 int runRemove(std::ostream& out, const std::string& table);
@@ -53,6 +70,9 @@ std::vector<std::pair<Tunnel::TunnelTable::TunnelId, Vela::String>> tableSnapsho
 class Agent;
 Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase> mountSynchronized(Agent& agent,
                                                                   const TableEntry& table);
+// The start time (clock ticks since boot) of process `pid`, or 0 when it has ended (a zombie
+// too): with the pid it names one process for its whole life (a pid alone may be reused).
+unsigned long long processStart(pid_t pid);
 // "index 7" style short name of a key within its table.
 std::string keyText(const Tunnel::TunnelTable::TunnelId& id);
 

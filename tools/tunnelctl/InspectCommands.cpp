@@ -14,10 +14,13 @@
 
 #include "Agent.h"
 #include "Commands.h"
-#include "Mldp/MldpTunnelTable.h"
+#include "EntryFilter.h"
+#include "EntryJson.h"
+#include "EntryRows.h"
 #include "Region/MappedFile.h"
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
+#include "StrictJson.h"
 #include "store/DeepValidate.h"
 #include "store/Layout.h"
 #include "store/LinearSizeConfig.h"
@@ -26,7 +29,6 @@
 namespace TunnelCtl {
 
 namespace TT = Tunnel::TunnelTable;
-using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -63,60 +65,88 @@ std::string keyText(const TT::TunnelId& id) {
 
 namespace {
 
-// One entry as `show --json` gives it: the key's parts, then what a program wants without parsing
-// the text form (the mLDP tree id), then the text form.
-struct ShownEntry {
-   TT::TunnelId id;
-   json fields;
-   Vela::String text;
-};
-
-// Every entry of `table`, by tunnel id. An mLDP entry is read once, and its tree id and text
-// both come from that one copy, so they cannot straddle a concurrent write.
-std::vector<ShownEntry> showSnapshot(const TT::TunnelTableBase& table) {
-   std::vector<ShownEntry> out;
-   if (const auto* mldp = dynamic_cast<const TT::MldpTunnelTable*>(&table)) {
-      for (const auto& key : mldp->entryKeys()) {
-         if (auto e = mldp->entryIf(key)) {
-            out.push_back(
-                {key, {{"mcastTreeId", std::string(e->mcastTreeId().text())}}, valueToStrep(*e)});
-         }
+// The keys `show` looks at, in order: the one asked for, or every key of the table.
+std::vector<TT::TunnelId> keysToShow(const TableEntry& table, const TT::TunnelTableBase& mounted,
+                                     const std::optional<uint64_t>& index) {
+   if (index) {
+      if (*index >= (uint64_t{1} << TT::TunnelId::kTypeShift)) {
+         throw UsageError("tunnel index " + std::to_string(*index) + " is out of range");
       }
-      std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
-   } else {
-      for (auto& [key, text] : tableSnapshot(table)) out.push_back({key, json::object(), text});
+      return {TT::TunnelId(TT::TunnelId::convertToTunnelValue(table.type->tunnelType, *index))};
    }
-   return out;
+   std::vector<TT::TunnelId> keys = mounted.entryKeys();
+   std::sort(keys.begin(), keys.end());
+   return keys;
 }
 
 }  // namespace
 
-int runShow(std::ostream& out, const std::string& name, bool asJson) {
+int runShow(std::ostream& out, const std::string& name, const ShowOptions& o) {
    const TableEntry& table = requireTable(name);
    existingTableDirectory(table);
    Agent agent;
    auto mounted = mountSynchronized(agent, table);
-   const auto entries = showSnapshot(*mounted);
-   if (asJson) {
-      json list = json::array();
-      for (const auto& e : entries) {
-         json j = {{"tunnelId", e.id.value()},
-                   {"tunnelType", TT::tunnelTypeCode(e.id.tunnelType())},
-                   {"tunnelIndex", e.id.tunnelIndex()}};
-         j.update(e.fields);
+   const EntryReader read = entryReaderFor(*mounted);
+   const size_t total = mounted->entryCount();
+
+   // JSON streams entry by entry (the count comes last); the text views gather their lines
+   // first, for column widths and a header that says how many matched.
+   size_t shown = 0;
+   EntryRows rows;
+   std::vector<Vela::String> texts;
+   if (o.json) {
+      out << "{\"table\": " << Json(table.mountName)
+          << ", \"typeName\": " << Json(table.type->typeName)
+          << ", \"entryType\": " << Json(table.type->entryTypeName) << ", \"entries\": [";
+   }
+   auto emit = [&](const EntryView& e) {
+      if (o.count) {
+      } else if (o.json) {
+         Json j = e.fields;
          j["text"] = e.text;
-         list.push_back(std::move(j));
+         out << (shown ? ",\n" : "\n") << dumpJson(j);
+      } else if (o.detail) {
+         texts.push_back(e.text);
+      } else {
+         rows.add(e);
       }
-      out << json{{"table", table.mountName},
-                  {"typeName", table.type->typeName},
-                  {"entryType", table.type->entryTypeName},
-                  {"count", entries.size()},
-                  {"entries", list}}
-                 .dump(2)
-          << "\n";
+      ++shown;
+   };
+   // With an endpoint, only the entries of the longest matching endpoint: held until known.
+   std::vector<std::pair<unsigned, EntryView>> held;
+   unsigned longest = 0;
+   for (const TT::TunnelId& key : keysToShow(table, *mounted, o.index)) {
+      std::optional<EntryView> e = read(key);
+      if (!e || !o.filter.matchesNonEndpoint(*e)) continue;
+      const std::optional<unsigned> len = o.filter.endpointMatch(*e);
+      if (!len) continue;
+      if (!o.filter.endpoint) {
+         emit(*e);
+         continue;
+      }
+      if (*len < longest) continue;
+      longest = *len;
+      held.emplace_back(*len, std::move(*e));
+   }
+   for (auto& [len, e] : held) {
+      if (len == longest) emit(e);
+   }
+
+   if (o.json) out << (shown ? "\n" : "") << "], \"count\": " << shown << "}\n";
+   if (o.index && shown == 0) {
+      std::cerr << "tunnelctl: " << table.mountName << " has no tunnel with index " << *o.index
+                << "\n";
+      return 1;
+   }
+   if (o.json) return 0;
+   out << table.mountName << ": " << total << " entries";
+   if (o.index || o.filter.any()) out << ", " << shown << " shown";
+   out << "\n";
+   if (o.count || shown == 0) return 0;
+   if (o.detail) {
+      for (const auto& t : texts) out << t << "\n";
    } else {
-      out << table.mountName << ": " << entries.size() << " entries\n";
-      for (const auto& e : entries) out << e.text << "\n";
+      rows.print(out);
    }
    return 0;
 }

@@ -19,6 +19,7 @@
 #include "Region/MappedFile.h"
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
+#include "StrictJson.h"
 #include "store/Layout.h"
 #include "store/SlotTable.h"
 #include "store/WakeDirectory.h"
@@ -27,6 +28,26 @@ namespace TunnelCtl {
 
 using json = nlohmann::ordered_json;
 
+unsigned long long processStart(pid_t pid) {
+   std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+   std::string line;
+   if (!std::getline(in, line)) return 0;
+   // Field 2 (the command) may hold blanks; fields after its closing parenthesis are fixed.
+   const auto close = line.rfind(')');
+   if (close == std::string::npos || close + 2 >= line.size()) return 0;
+   std::istringstream rest(line.substr(close + 2));
+   std::string state;
+   rest >> state;
+   // A zombie (killed, not yet reaped by its parent) has ended all the same.
+   if (state == "Z" || state == "X") return 0;
+   std::string field;
+   for (int i = 4; i < 22 && rest >> field; ++i) {
+   }
+   unsigned long long start = 0;
+   rest >> start;
+   return start;
+}
+
 namespace {
 
 bool fileExists(const std::string& path) {
@@ -34,27 +55,10 @@ bool fileExists(const std::string& path) {
    return ::stat(path.c_str(), &st) == 0;
 }
 
-// The start time (clock ticks since boot) of process `pid`, or 0 when it is gone.
-unsigned long long processStart(pid_t pid) {
-   std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-   std::string line;
-   if (!std::getline(in, line)) return 0;
-   // Field 2 (the command) may hold blanks; fields after its closing parenthesis are fixed.
-   const auto close = line.rfind(')');
-   if (close == std::string::npos) return 0;
-   std::istringstream rest(line.substr(close + 2));
-   std::string field;
-   for (int i = 3; i < 22 && rest >> field; ++i) {
-   }
-   unsigned long long start = 0;
-   rest >> start;
-   return start;
-}
-
 // Whether a writer holds its lock on <dir>/owner (an exclusive flock, for the writer's whole life):
 // a shared non-blocking attempt fails exactly then. When it succeeds, closing the descriptor drops
-// it at once, so no lock is left behind. A writer holding its lock never notices the attempt; only
-// one starting in that very instant would find the file busy and be refused.
+// it at once, so no lock is left behind. A writer holding its lock never notices the attempt; one
+// starting in that very instant retries its own lock briefly (Region::OwnerFile::acquire).
 bool writerLockHeld(const std::string& dir) {
    const std::string path = dir + "/" + Dock::kOwnerFile;
    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -178,7 +182,7 @@ int runList(std::ostream& out, bool asJson) {
       }
    }
    if (asJson) {
-      out << json{{"root", root}, {"tables", tables}}.dump(2) << "\n";
+      out << dumpJson(json{{"root", root}, {"tables", tables}}, 2) << "\n";
    } else if (found == 0) {
       out << "no tunnel tables under " << root << "\n";
    } else {

@@ -10,6 +10,8 @@
 
 #include "Agent.h"
 #include "Commands.h"
+#include "EntryJson.h"
+#include "StrictJson.h"
 #include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
 #include "store/DockShadow.h"
@@ -29,9 +31,7 @@ json entryJson(const TT::TunnelRibEntry& e) {
    json tunnels = json::array();
    for (uint32_t i = 0; i < e.tunnelId().count(); ++i) {
       const TT::TunnelId id = e.tunnelId()[TT::TunnelIdCollIndex(uint16_t(i))];
-      json t = {{"tunnelId", id.value()},
-                {"type", TT::valueToStrep(id.tunnelType())},
-                {"index", id.tunnelIndex()}};
+      json t = {{"tunnelId", tunnelIdJson(id)}};
       if (i < e.tunnelBw().count()) {
          t["bandwidth"] = e.tunnelBw()[TT::TunnelIdCollIndex(uint16_t(i))].value();
       } else {
@@ -78,9 +78,7 @@ int showRib(std::ostream& out, const std::optional<Wirekit::IpGenPrefix>& endpoi
    if (json) {
       nlohmann::ordered_json list = nlohmann::ordered_json::array();
       for (const auto& x : entries) list.push_back(entryJson(x));
-      out << nlohmann::ordered_json{{"rib", Table::kTableType.mountName},
-                                    {"entries", std::move(list)}}
-                 .dump(2)
+      out << dumpJson(Json{{"rib", Table::kTableType.mountName}, {"entries", std::move(list)}}, 2)
           << "\n";
       return 0;
    }

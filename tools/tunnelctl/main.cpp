@@ -40,16 +40,34 @@ int main(int argc, char** argv) {
        "list", "the tables under the store root: writer, readers, entries, capacity");
    list->add_flag("--json", json, "machine-readable output");
 
-   auto* show = app.add_subcommand("show", "every entry of TABLE as a reader sees it");
-   show->add_option("TABLE", table, "mount name of the table")->required();
-   show->add_flag("--json", json, "machine-readable output");
+   // The filters show and watch share (EntryFilter.h).
+   std::string endpointFilter, nexthopFilter, nameFilter;
+   auto addFilters = [&](CLI::App* cmd) {
+      cmd->add_option("--endpoint", endpointFilter,
+                      "entries with an endpoint that is PREFIX or covers it (show: the longest)");
+      cmd->add_option("--nexthop", nexthopFilter, "entries with a via to ADDRESS");
+      cmd->add_option("--name", nameFilter, "entries whose name matches the shell pattern GLOB");
+   };
 
-   uint64_t count = 0;
+   TunnelCtl::ShowOptions showOptions;
+   auto* show = app.add_subcommand("show", "the entries of TABLE as a reader sees them");
+   show->add_option("TABLE", table, "mount name of the table")->required();
+   show->add_option("INDEX", showOptions.index, "one tunnel, by its index");
+   show->add_flag("--json", showOptions.json, "every field of every entry as JSON");
+   show->add_flag("--detail", showOptions.detail, "each entry's full Value(...) text form");
+   show->add_flag("--count", showOptions.count, "only how many entries there are and match");
+   addFilters(show);
+
+   TunnelCtl::WatchOptions watchOptions;
    double seconds = 0;
    auto* watch = app.add_subcommand("watch", "per-key notifications of TABLE as they arrive");
    watch->add_option("TABLE", table, "mount name of the table")->required();
-   watch->add_option("--count", count, "stop after N changes");
-   watch->add_option("--seconds", seconds, "stop after S seconds");
+   watch->add_option("--count", watchOptions.count, "stop after N changes");
+   watch->add_option("--seconds", watchOptions.seconds, "stop after S seconds");
+   watch->add_flag("-t,--timestamps", watchOptions.timestamps, "each line starts with its time");
+   watch->add_flag("--json", watchOptions.json, "one JSON object per line");
+   watch->add_flag("--wait", watchOptions.wait, "wait for a table no writer has published yet");
+   addFilters(watch);
 
    auto* validate = app.add_subcommand("validate", "deep check of the files of TABLE");
    validate->add_option("TABLE", table, "mount name of the table")->required();
@@ -95,8 +113,14 @@ int main(int argc, char** argv) {
    }
    try {
       if (*list) return TunnelCtl::runList(std::cout, json);
-      if (*show) return TunnelCtl::runShow(std::cout, table, json);
-      if (*watch) return TunnelCtl::runWatch(std::cout, table, count, seconds);
+      if (*show) {
+         showOptions.filter = TunnelCtl::entryFilterOf(endpointFilter, nexthopFilter, nameFilter);
+         return TunnelCtl::runShow(std::cout, table, showOptions);
+      }
+      if (*watch) {
+         watchOptions.filter = TunnelCtl::entryFilterOf(endpointFilter, nexthopFilter, nameFilter);
+         return TunnelCtl::runWatch(std::cout, table, watchOptions);
+      }
       if (*validate) return TunnelCtl::runValidate(std::cout, table);
       if (*remove) return TunnelCtl::runRemove(std::cout, table);
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);

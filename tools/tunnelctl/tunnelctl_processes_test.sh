@@ -55,23 +55,23 @@ line=$(grep '^ldp ' "$work/list.out")
 [[ $line =~ ^ldp\ +pid\ $pub\ \(alive\)\ +0\ +23\ +[0-9]+\ +[0-9]+$ ]] || fail "list ldp line: $line"
 expect_eq "$(grep -c '(alive)' "$work/list.out")" 19 "tables with a live writer"
 
-# show --json in another process: what a reader sees.
+# show --json in another process: what a reader sees, one entry per line.
 "$ctl" show ldp --json >"$work/show.out" 2>"$work/show.err" || fail "show --json"
-grep -q '"count": 23,' "$work/show.out" || fail "show count"
-expect_eq "$(grep -c '"text": "Value(.Tunnel::TunnelTable::LdpTunnelTableEntry.' "$work/show.out")" 23 "ldp entries shown"
-grep -q '"tunnelId": 52776558133257,' "$work/show.out" || fail "show ldp index 9 (0x300000000009)"
+grep -q '^], "count": 23}$' "$work/show.out" || fail "show count"
+expect_eq "$(grep -c '"text":"Value(.Tunnel::TunnelTable::LdpTunnelTableEntry.' "$work/show.out")" 23 "ldp entries shown"
+grep -q '^{"tunnelId":{"value":52776558133257,"type":"ldpTunnel","typeCode":3,"index":9},' "$work/show.out" || fail "show ldp index 9 (0x300000000009)"
 "$ctl" show static >"$work/static.out" 2>&1 || fail "show static"
 expect_eq "$(head -1 "$work/static.out")" "static: 3 entries" "show static header"
-# mLDP: the JSON gives each tree id beside the text form, and the plain listing is those texts.
+# mLDP: the JSON gives each tree id beside the text form, and --detail lists those texts.
 "$ctl" show mldpTunnel --json >"$work/show-mldp.out" 2>&1 || fail "show mldpTunnel --json"
-grep -q '"count": 4,' "$work/show-mldp.out" || fail "show mldpTunnel count"
+grep -q '^], "count": 4}$' "$work/show-mldp.out" || fail "show mldpTunnel count"
 # Index 1 of type 22: 22 << 44 | 1.
-grep -A3 '"tunnelId": 387028092977153,' "$work/show-mldp.out" |
-   grep -qx '      "mcastTreeId": "p2mp root 10.255.0.7 lsp-id 1",' || fail "show mldpTunnel tree id"
-grep -q "\"text\": \"Value('Tunnel::TunnelTable::MldpTunnelTableEntry', \*\* {'tunnelId': .*'mcastTreeId': Value('Routing::Multicast::MulticastTreeId', \*\* {'text': 'p2mp root 10.255.0.7 source 198.51.100.10 group 232.1.1.1'}), 'via': \[" \
+grep '"tunnelId":{"value":387028092977153,' "$work/show-mldp.out" |
+   grep -q '"mcastTreeId":"p2mp root 10.255.0.7 lsp-id 1",' || fail "show mldpTunnel tree id"
+grep -q "\"text\":\"Value('Tunnel::TunnelTable::MldpTunnelTableEntry', \*\* {'tunnelId': .*'mcastTreeId': Value('Routing::Multicast::MulticastTreeId', \*\* {'text': 'p2mp root 10.255.0.7 source 198.51.100.10 group 232.1.1.1'}), 'via': \[" \
    "$work/show-mldp.out" || fail "show mldpTunnel text form"
-"$ctl" show mldpTunnel >"$work/mldp.out" 2>&1 || fail "show mldpTunnel"
-expect_eq "$(tail -n +2 "$work/mldp.out")" "$(sed -n 's/^ *"text": "\(.*\)"$/\1/p' "$work/show-mldp.out")" "show mldpTunnel texts"
+"$ctl" show mldpTunnel --detail >"$work/mldp.out" 2>&1 || fail "show mldpTunnel --detail"
+expect_eq "$(tail -n +2 "$work/mldp.out")" "$(python3 -c 'import json, sys; [print(e["text"]) for e in json.load(open(sys.argv[1]))["entries"]]' "$work/show-mldp.out")" "show mldpTunnel texts"
 
 # watch in two more processes, then the writer reloads an edited description (SIGHUP).
 "$ctl" watch ldp --count 1 --seconds 30 >"$work/watch-ldp.out" 2>&1 &

@@ -1,0 +1,213 @@
+#include "EntryJson.h"
+
+#include <type_traits>
+
+#include "Mldp/MldpTunnelTable.h"
+#include "TunnelTable/EvpnVxlanTunnelTable.h"
+#include "TunnelTable/TunnelTables.h"
+
+namespace TunnelCtl {
+
+namespace TT = Tunnel::TunnelTable;
+
+Json tunnelIdJson(const TT::TunnelId& id) {
+   return {{"value", id.value()},
+           {"type", std::string(TT::tunnelTypeName(id.tunnelType()))},
+           {"typeCode", TT::tunnelTypeCode(id.tunnelType())},
+           {"index", id.tunnelIndex()}};
+}
+
+namespace {
+
+// ---- one overload per field type ----
+
+Json toJson(const TT::TunnelId& v) {
+   return tunnelIdJson(v);
+}
+Json toJson(TT::TunnelEntryPref v) {
+   return v.value();
+}
+Json toJson(TT::TunnelIgpPref v) {
+   return v.value();
+}
+// NaN and infinities have no JSON number: they print as null.
+Json toJson(TT::TunnelBandwidth v) {
+   return v.value();
+}
+Json toJson(TT::TunnelEntrySequenceNumber v) {
+   return v.value();
+}
+Json toJson(TT::ContributionToTunnelRIB v) {
+   return std::string(valueToStrep(v));
+}
+Json toJson(const TT::OptionalColor& v) {
+   return v.hasValue() ? Json(v.value()) : Json(nullptr);
+}
+Json toJson(Wirekit::MetricType v) {
+   return Wirekit::valueToStrep(v);
+}
+Json toJson(const Wirekit::IpGenAddr& v) {
+   return Wirekit::valueToStrep(v);
+}
+Json toJson(const Wirekit::IpGenPrefix& v) {
+   return Wirekit::valueToStrep(v);
+}
+Json toJson(const Wirekit::IntfId& v) {
+   return v.name();
+}
+Json toJson(bool v) {
+   return v;
+}
+template <typename U>
+requires std::is_unsigned_v<U> Json toJson(U v) {
+   return v;
+}
+
+template <typename Op>
+Json labelsJson(const Op& op) {
+   Json labels = Json::array();
+   for (uint32_t l : op.labels()) labels.push_back(l);
+   return {{"operation", Wirekit::valueToStrep(op.kind())},
+           {"pops", op.popCount()},
+           {"labels", std::move(labels)}};
+}
+Json toJson(const Wirekit::MplsLabelOperation& v) {
+   return labelsJson(v);
+}
+Json toJson(const Wirekit::UnboundedMplsLabelOperation& v) {
+   return labelsJson(v);
+}
+
+Json toJson(const TT::Via& v) {
+   return {{"nextHop", toJson(v.nextHop())}, {"intfId", toJson(v.intfId())}};
+}
+Json toJson(const TT::MplsVia& v) {
+   return {{"nextHop", toJson(v.nextHop())},
+           {"intfId", toJson(v.intfId())},
+           {"labels", toJson(v.labels())}};
+}
+// Per traffic class that has an operation: {"cos": c, "labels": {...}}.
+Json toJson(const TT::MplsCosVia& v) {
+   Json cos = Json::array();
+   for (uint8_t c = 0; c < TT::kCosCapacity; ++c) {
+      const TT::CosIndex i(c);
+      if (v.cosLabelsHas(i)) cos.push_back({{"cos", c}, {"labels", toJson(v.cosLabels(i))}});
+   }
+   return {{"nextHop", toJson(v.nextHop())},
+           {"intfId", toJson(v.intfId())},
+           {"cosLabels", std::move(cos)}};
+}
+
+// The interface tunnels' parameters, field by field in their text form's order.
+Json toJson(const Tunnel::GreTunnelInfo& v) {
+   return {{"srcAddr", toJson(v.srcAddr())},
+           {"dstAddr", toJson(v.dstAddr())},
+           {"tunnelIntfPort", v.tunnelIntfPort()},
+           {"okey", v.okey()},
+           {"ikey", v.ikey()},
+           {"mtu", v.mtu()},
+           {"underlayVrfId", v.underlayVrfId()},
+           {"ttl", v.ttl()},
+           {"tos", v.tos()},
+           {"pathMtuDiscovery", v.pathMtuDiscovery()},
+           {"dontFragment", v.dontFragment()}};
+}
+Json toJson(const Tunnel::IpsecGreTunnelInfo& v) {
+   return {{"srcAddr", toJson(v.srcAddr())},
+           {"dstAddr", toJson(v.dstAddr())},
+           {"tunnelIntfPort", v.tunnelIntfPort()},
+           {"okey", v.okey()},
+           {"ikey", v.ikey()},
+           {"mtu", v.mtu()},
+           {"underlayVrfId", v.underlayVrfId()},
+           {"spiIn", v.spiIn()},
+           {"spiOut", v.spiOut()},
+           {"ttl", v.ttl()},
+           {"tos", v.tos()}};
+}
+Json toJson(const Tunnel::IpsecVtiTunnelInfo& v) {
+   return {{"srcAddr", toJson(v.srcAddr())},
+           {"dstAddr", toJson(v.dstAddr())},
+           {"tunnelIntfPort", v.tunnelIntfPort()},
+           {"mtu", v.mtu()},
+           {"underlayVrfId", v.underlayVrfId()},
+           {"spiIn", v.spiIn()},
+           {"spiOut", v.spiOut()},
+           {"ttl", v.ttl()},
+           {"tos", v.tos()}};
+}
+Json toJson(const Tunnel::VxlanTunnelInfo& v) {
+   return {{"srcAddr", toJson(v.srcAddr())},
+           {"dstAddr", toJson(v.dstAddr())},
+           {"underlayVrfId", v.underlayVrfId()},
+           {"udpPort", v.udpPort()},
+           {"ttl", v.ttl()},
+           {"tos", v.tos()}};
+}
+
+// A collection: its live places in index order. The name's characters are one string.
+template <typename T, typename Index, size_t Capacity>
+Json toJson(const Vela::FixedArray<T, Index, Capacity>& a) {
+   if constexpr (std::is_same_v<T, char>) {
+      return std::string(a.begin(), a.end());
+   } else {
+      Json out = Json::array();
+      for (const T& e : a) out.push_back(toJson(e));
+      return out;
+   }
+}
+
+// Every field of a value class that lists its fields.
+template <typename V>
+Json fieldsJson(const V& v) {
+   Json out = Json::object();
+   std::apply(
+       [&](auto... d) { ((out[std::string(d.name)] = toJson(v.*decltype(d)::member)), ...); },
+       V::fields());
+   return out;
+}
+
+template <typename Entry>
+EntryView viewOf(const TT::TunnelId& id, const Entry& e) {
+   return {id, fieldsJson(e), valueToStrep(e)};
+}
+
+EntryView viewOf(const TT::TunnelId& id, const TT::MldpTunnelTableEntry& e) {
+   Json f = {{"tunnelId", toJson(e.tunnelId())},
+             {"mcastTreeId", std::string(e.mcastTreeId().text())},
+             {"via", toJson(e.via())}};
+   return {id, std::move(f), valueToStrep(e)};
+}
+
+template <typename Table>
+EntryReader readerOf(const Table& table) {
+   return [&table](const TT::TunnelId& id) -> std::optional<EntryView> {
+      if (auto e = table.entryIf(id)) return viewOf(id, *e);
+      return std::nullopt;
+   };
+}
+
+// The reader of the first class of the list that `table` is.
+template <typename... Tables>
+EntryReader readerFrom(const TT::TunnelTableBase& table, TT::TableList<Tables...>) {
+   EntryReader found;
+   (void)((
+              found = [&]() -> EntryReader {
+                 if (auto* t = dynamic_cast<const Tables*>(&table)) return readerOf(*t);
+                 return nullptr;
+              }(),
+              bool(found)) ||
+          ...);
+   return found;
+}
+
+}  // namespace
+
+EntryReader entryReaderFor(const TT::TunnelTableBase& table) {
+   if (auto r = readerFrom(table, TT::TunnelTables{})) return r;
+   if (auto r = readerFrom(table, TT::MldpTables{})) return r;
+   throw std::logic_error(std::string("no JSON form for the table type ") +
+                          std::string(table.fwkType().typeName));
+}
+
+}  // namespace TunnelCtl
