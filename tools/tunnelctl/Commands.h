@@ -70,6 +70,8 @@ std::vector<std::pair<Tunnel::TunnelTable::TunnelId, Vela::String>> tableSnapsho
 class Agent;
 Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase> mountSynchronized(Agent& agent,
                                                                   const TableEntry& table);
+// Whether a live writer holds the table in `dir` (its exclusive lock on the owner file).
+bool writerLockHeld(const std::string& dir);
 // The start time (clock ticks since boot) of process `pid`, or 0 when it has ended (a zombie
 // too): with the pid it names one process for its whole life (a pid alone may be reused).
 unsigned long long processStart(pid_t pid);

@@ -69,9 +69,6 @@ namespace {
 std::vector<TT::TunnelId> keysToShow(const TableEntry& table, const TT::TunnelTableBase& mounted,
                                      const std::optional<uint64_t>& index) {
    if (index) {
-      if (*index >= (uint64_t{1} << TT::TunnelId::kTypeShift)) {
-         throw UsageError("tunnel index " + std::to_string(*index) + " is out of range");
-      }
       return {TT::TunnelId(TT::TunnelId::convertToTunnelValue(table.type->tunnelType, *index))};
    }
    std::vector<TT::TunnelId> keys = mounted.entryKeys();
@@ -83,6 +80,9 @@ std::vector<TT::TunnelId> keysToShow(const TableEntry& table, const TT::TunnelTa
 
 int runShow(std::ostream& out, const std::string& name, const ShowOptions& o) {
    const TableEntry& table = requireTable(name);
+   if (o.index && *o.index >= (uint64_t{1} << TT::TunnelId::kTypeShift)) {
+      throw UsageError("tunnel index " + std::to_string(*o.index) + " is out of range");
+   }
    existingTableDirectory(table);
    Agent agent;
    auto mounted = mountSynchronized(agent, table);
@@ -115,7 +115,11 @@ int runShow(std::ostream& out, const std::string& name, const ShowOptions& o) {
    // With an endpoint, only the entries of the longest matching endpoint: held until known.
    std::vector<std::pair<unsigned, EntryView>> held;
    unsigned longest = 0;
-   for (const TT::TunnelId& key : keysToShow(table, *mounted, o.index)) {
+   // Counting everything needs no entry read.
+   const bool countOnly = o.count && !o.index && !o.filter.any();
+   if (countOnly) shown = total;
+   for (const TT::TunnelId& key :
+        countOnly ? std::vector<TT::TunnelId>() : keysToShow(table, *mounted, o.index)) {
       std::optional<EntryView> e = read(key);
       if (!e || !o.filter.matchesNonEndpoint(*e)) continue;
       const std::optional<unsigned> len = o.filter.endpointMatch(*e);

@@ -48,13 +48,6 @@ unsigned long long processStart(pid_t pid) {
    return start;
 }
 
-namespace {
-
-bool fileExists(const std::string& path) {
-   struct stat st;
-   return ::stat(path.c_str(), &st) == 0;
-}
-
 // Whether a writer holds its lock on <dir>/owner (an exclusive flock, for the writer's whole life):
 // a shared non-blocking attempt fails exactly then. When it succeeds, closing the descriptor drops
 // it at once, so no lock is left behind. A writer holding its lock never notices the attempt; one
@@ -66,6 +59,13 @@ bool writerLockHeld(const std::string& dir) {
    const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
    ::close(fd);
    return held;
+}
+
+namespace {
+
+bool fileExists(const std::string& path) {
+   struct stat st;
+   return ::stat(path.c_str(), &st) == 0;
 }
 
 struct WriterState {

@@ -1,9 +1,11 @@
 #include "Publisher.h"
 
 #include <algorithm>
+#include <iostream>
 #include <set>
 
 #include "Commands.h"
+#include "store/DockWriter.h"
 
 namespace TunnelCtl {
 
@@ -18,6 +20,11 @@ void Publisher::mountAll(const Description& d) {
          if (!table) throw std::runtime_error(t->mountName + ": the mount gave no tunnel table");
          tables_.emplace(t->id, table);
          mountedNow.push_back(t->id);
+         if (table->storeMountStatus() == uint32_t(Dock::MountStatus::kReformatted)) {
+            std::cerr << "tunnelctl: warning: " << t->mountName
+                      << ": its files were damaged and have been re-formatted: "
+                      << table->storeProblem() << std::endl;
+         }
       }
    } catch (...) {
       // Nothing of this description is written: let go of the tables taken for it.

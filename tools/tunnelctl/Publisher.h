@@ -27,7 +27,8 @@ class Publisher {
 
    // Mounts every table the description needs that is not mounted yet, then applies it. All or
    // nothing: when a mount fails (e.g. another process is that table's writer) nothing is written,
-   // the tables taken for it are let go, and what the mount threw is thrown. Returns the changes
+   // the tables taken for it are let go, and what the mount threw is thrown. A table whose damaged
+   // files the mount re-formatted is named on stderr with the reason. Returns the changes
    // made, table by table in identifier order.
    std::vector<PublishChange> apply(const Description& d);
 

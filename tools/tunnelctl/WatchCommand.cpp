@@ -25,8 +25,10 @@
 // changes in between print after the marker, which names the keys that really differed.
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <time.h>
 
+#include <algorithm>
 #include <functional>
 #include <iostream>
 #include <unordered_map>
@@ -110,6 +112,7 @@ class Watch : public Vela::Entity::Notifiee {
       for (const TT::TunnelId& key : mounted_.entryKeys()) {
          if (auto e = read_(key); e && o_.filter.matches(*e)) shown_[key.value()] = hashOf(*e);
       }
+      ownerStamp_ = ownerStamp();
       writer_ = writerSeen(dir_);
       reattaches_ = mounted_.storeReattaches();
       const size_t entries = mounted_.entryCount();
@@ -125,6 +128,7 @@ class Watch : public Vela::Entity::Notifiee {
    void onAttribute(Vela::AttributeId attr, const void* key) override {
       if (attr != Vela::attrEntry || !key) return;
       lastNotification_ = std::chrono::steady_clock::now();
+      noticeWriter(false);  // a notification may be the first sign of a new writer
       const auto& id = *static_cast<const TT::TunnelId*>(key);
       std::optional<EntryView> e = read_(id);
       const bool matches = e && o_.filter.matches(*e);
@@ -137,7 +141,9 @@ class Watch : public Vela::Entity::Notifiee {
          shown_.erase(it);
       }
       if (resyncing_) {
-         differed_.push_back(id);
+         if (std::find(differed_.begin(), differed_.end(), id) == differed_.end()) {
+            differed_.push_back(id);
+         }
       } else {
          printChange(id, e);
       }
@@ -146,22 +152,9 @@ class Watch : public Vela::Entity::Notifiee {
    // Called between loop turns: the writer's comings and goings, and the end of a resync.
    void poll() {
       const auto now = std::chrono::steady_clock::now();
-      if (mounted_.storeReattaches() != reattaches_) {
-         reattaches_ = mounted_.storeReattaches();
-         resyncing_ = true;
-         nextWriterPoll_ = now;  // say at once whether the writer is gone
-      }
-      if (now >= nextWriterPoll_) {
-         nextWriterPoll_ = now + std::chrono::milliseconds(100);
-         const WriterSeen w = writerSeen(dir_);
-         const bool same = w.pid == writer_.pid;
-         if (writer_.alive && (!w.alive || !same)) {
-            writerEvent("gone", writer_.pid);
-            resyncing_ = true;
-         }
-         if (w.alive && (!writer_.alive || !same)) writerEvent("back", w.pid);
-         writer_ = w;
-      }
+      const bool due = now >= nextWriterPoll_;
+      if (due) nextWriterPoll_ = now + std::chrono::milliseconds(100);
+      noticeWriter(due);
       if (resyncing_ && writer_.alive && readerSynchronized(mounted_) &&
           now - lastNotification_ >= kQuiet) {
          endResync();
@@ -176,6 +169,35 @@ class Watch : public Vela::Entity::Notifiee {
 
   private:
    static constexpr std::chrono::milliseconds kQuiet{300};
+
+   // A re-attach opens a resync. The writer's identity is looked at when `look` (the periodic
+   // look) or when its owner file changed since the last look (a new writer rewrites it before it
+   // writes anything).
+   void noticeWriter(bool look) {
+      if (mounted_.storeReattaches() != reattaches_) {
+         reattaches_ = mounted_.storeReattaches();
+         resyncing_ = true;
+         look = true;
+      }
+      const OwnerStamp stamp = ownerStamp();
+      if (!look && stamp == ownerStamp_) return;
+      ownerStamp_ = stamp;
+      const WriterSeen w = writerSeen(dir_);
+      const bool same = w.pid == writer_.pid;
+      if (writer_.alive && (!w.alive || !same)) {
+         writerEvent("gone", writer_.pid);
+         resyncing_ = true;
+      }
+      if (w.alive && (!writer_.alive || !same)) writerEvent("back", w.pid);
+      writer_ = w;
+   }
+
+   using OwnerStamp = std::pair<ino_t, int64_t>;  // the owner file's inode and change time
+   OwnerStamp ownerStamp() const {
+      struct stat st {};
+      if (::stat((dir_ + "/" + Dock::kOwnerFile).c_str(), &st) != 0) return {};
+      return {st.st_ino, int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec};
+   }
 
    static size_t hashOf(const EntryView& e) { return std::hash<std::string_view>()(e.text); }
 
@@ -233,6 +255,7 @@ class Watch : public Vela::Entity::Notifiee {
    const std::string dir_;
    std::unordered_map<uint64_t, size_t> shown_;  // key value -> hash of the text last shown
    WriterSeen writer_;
+   OwnerStamp ownerStamp_;
    uint64_t reattaches_ = 0;
    bool resyncing_ = false;
    std::vector<TT::TunnelId> differed_;  // during a resync, in notification order
