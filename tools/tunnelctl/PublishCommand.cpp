@@ -33,7 +33,6 @@ void summarize(std::ostream& out, const Description& d, const std::vector<Publis
 }  // namespace
 
 int runPublish(std::ostream& out, const std::string& file, bool once) {
-   Description d = loadDescription(file);
    Agent agent;
    Publisher publisher(agent);
    bool stop = false;
@@ -43,12 +42,12 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
             stop = true;
             return;
          }
+         // The published tables are the only copy of what was published: a reload holds one
+         // description, the new one, and writes only what differs from the tables.
          try {
-            Description next = loadDescription(file);
-            const auto changes = publisher.apply(next);
+            const auto changes = publisher.apply(loadDescription(file));
             for (const auto& c : changes) out << changeText(c) << "\n";
             out << "reloaded " << file << ": " << changes.size() << " changes" << std::endl;
-            d = std::move(next);
          } catch (const std::exception& e) {
             // A bad edit, or a table another writer holds, leaves the published tables as they
             // were; the writer goes on.
@@ -56,10 +55,13 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
          }
       });
    }
-   const auto changes = publisher.apply(d);
-   summarize(out, d, changes);
-   out << "ready: " << d.tunnels.size() << " tunnels in " << d.tables().size() << " tables under "
-       << Region::storeRoot() << std::endl;
+   {
+      const Description d = loadDescription(file);
+      const auto changes = publisher.apply(d);
+      summarize(out, d, changes);
+      out << "ready: " << d.tunnels.size() << " tunnels in " << d.tables().size()
+          << " tables under " << Region::storeRoot() << std::endl;
+   }
    if (once) {
       // Let readers that are already attached hear of the writes before the writer goes.
       agent.loop().runOnce(std::chrono::milliseconds(0));
