@@ -101,7 +101,7 @@ void expectSameFields(const Json& j, std::string_view text, const std::string& w
 class EntryJsonTest : public ::testing::Test {
   protected:
    void SetUp() override {
-      publisher_.apply(loadDescription(Testing::sourcePath("examples/network.json")));
+      publisher_.apply(loadDescription(std::string(TUNNEL_SOURCE_DIR) + "/examples/network.json"));
    }
    // The view of one key of a published table.
    EntryView view(const std::string& mountName, uint64_t index) {
