@@ -38,7 +38,8 @@ struct WatchOptions {
    bool wait = false;  // a table not yet published is waited for instead of an error
 };
 int runWatch(std::ostream& out, const std::string& table, const WatchOptions& options);
-int runValidate(std::ostream& out, const std::string& table);
+// Exit 1 when the files fail the check; with `json` the verdict goes to `out` either way.
+int runValidate(std::ostream& out, const std::string& table, bool json);
 // Deletes the table's files unless a live writer holds its lock (then 1, naming the writer).
 int runRemove(std::ostream& out, const std::string& table);
 // Runs until SIGINT/SIGTERM unless `once`; SIGHUP re-reads the file and applies what changed.

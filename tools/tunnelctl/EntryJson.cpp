@@ -17,6 +17,23 @@ Json tunnelIdJson(const TT::TunnelId& id) {
            {"index", id.tunnelIndex()}};
 }
 
+std::string printableName(std::string_view bytes) {
+   static constexpr char kHex[] = "0123456789abcdef";
+   std::string out;
+   out.reserve(bytes.size());
+   for (const char c : bytes) {
+      const auto b = static_cast<unsigned char>(c);
+      if (b == '\\') {
+         out += "\\\\";
+      } else if (b >= 0x20 && b < 0x7f) {
+         out += c;
+      } else {
+         out += {'\\', 'x', kHex[b >> 4], kHex[b & 15]};
+      }
+   }
+   return out;
+}
+
 namespace {
 
 // ---- one overload per field type ----
@@ -145,11 +162,12 @@ Json toJson(const Tunnel::VxlanTunnelInfo& v) {
            {"tos", v.tos()}};
 }
 
-// A collection: its live places in index order. The name's characters are one string.
+// A collection: its live places in index order. The name's characters are one string, escaped
+// as printableName does.
 template <typename T, typename Index, size_t Capacity>
 Json toJson(const Vela::FixedArray<T, Index, Capacity>& a) {
    if constexpr (std::is_same_v<T, char>) {
-      return std::string(a.begin(), a.end());
+      return printableName(std::string_view(a.data(), a.count()));
    } else {
       Json out = Json::array();
       for (const T& e : a) out.push_back(toJson(e));

@@ -34,6 +34,11 @@ using EntryReader = std::function<std::optional<EntryView>(const Tunnel::TunnelT
 // The reader for `table` (a table of any kind the tool knows). `table` must outlive it.
 EntryReader entryReaderFor(const Tunnel::TunnelTable::TunnelTableBase& table);
 
+// A name as the tool prints it, in JSON and in rows alike: names are printable ASCII (the
+// publisher refuses others), so any other byte another writer stored shows as \xNN, and a
+// backslash as \\, which keeps the text one to one with the bytes.
+std::string printableName(std::string_view bytes);
+
 // {"value", "type", "typeCode", "index"}.
 Json tunnelIdJson(const Tunnel::TunnelTable::TunnelId& id);
 

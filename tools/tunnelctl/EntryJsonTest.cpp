@@ -10,7 +10,9 @@
 #include "EntryJson.h"
 #include "EntryRows.h"
 #include "Publisher.h"
+#include "StrictJson.h"
 #include "TunnelTable/EntryCodec.h"
+#include "TunnelTable/TunnelTables.h"
 #include "Vela/ValueText.h"
 #include "testing/TempRoot.h"
 
@@ -205,6 +207,22 @@ TEST_F(EntryJsonTest, RowsTakeTheFirstViaAndTheEntrysOwnLabels) {
    for (const auto& c : cases) {
       EXPECT_EQ(EntryRows::rowOf(view(c.table, c.index)), c.row) << c.table << " " << c.index;
    }
+}
+
+// A name another writer stored need not be printable: it shows escaped, the same in JSON and in
+// rows, one to one with its bytes.
+TEST_F(EntryJsonTest, ANameOfAnyBytesPrintsEscaped) {
+   const auto& table = publisher_.tables().at(tableByMountName("ldp")->id);
+   auto* ldp = dynamic_cast<TT::LdpTunnelTable*>(table.get());
+   ASSERT_NE(ldp, nullptr);
+   TT::LdpTunnelTableEntry e(
+       TT::TunnelId(TT::TunnelId::convertToTunnelValue(TT::TunnelType::ldpTunnel, 77)));
+   e.nameIs(std::string_view("caf\xc3\xa9\\x\x01\x7f", 9));
+   ldp->entryIs(e);
+   const EntryView v = view("ldp", 77);
+   EXPECT_EQ(v.fields["name"], "caf\\xc3\\xa9\\\\x\\x01\\x7f");
+   EXPECT_EQ(dumpJson(v.fields["name"]), R"("caf\\xc3\\xa9\\\\x\\x01\\x7f")");
+   EXPECT_EQ(EntryRows::rowOf(v)[2], "caf\\xc3\\xa9\\\\x\\x01\\x7f");
 }
 
 }  // namespace

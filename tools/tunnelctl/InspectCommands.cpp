@@ -155,18 +155,33 @@ int runShow(std::ostream& out, const std::string& name, const ShowOptions& o) {
    return 0;
 }
 
-int runValidate(std::ostream& out, const std::string& name) {
+int runValidate(std::ostream& out, const std::string& name, bool asJson) {
    const TableEntry& table = requireTable(name);
    const std::string dir = existingTableDirectory(table);
    const std::string storeName = table.path + "/" + kEntryCollection;
+   Json verdict = {{"table", table.mountName}};
    try {
       const auto counts =
           Dock::validateTableFiles(dir, table.type->maxEntryLen + Tessel::kEntryOverhead);
-      out << table.mountName << ": valid: " << counts.occupiedSlots << " occupied slots, "
-          << counts.freeSlots << " free slots, " << counts.slabEntries << " slab entries\n";
+      if (asJson) {
+         verdict["valid"] = true;
+         verdict["occupiedSlots"] = counts.occupiedSlots;
+         verdict["freeSlots"] = counts.freeSlots;
+         verdict["slabEntries"] = counts.slabEntries;
+         out << dumpJson(verdict) << "\n";
+      } else {
+         out << table.mountName << ": valid: " << counts.occupiedSlots << " occupied slots, "
+             << counts.freeSlots << " free slots, " << counts.slabEntries << " slab entries\n";
+      }
       return 0;
    } catch (const std::exception& e) {
-      std::cerr << "tunnelctl: Dock " << storeName << " validation failed: " << e.what() << "\n";
+      const std::string why = "Dock " + storeName + " validation failed: " + e.what();
+      if (asJson) {
+         verdict["valid"] = false;
+         verdict["error"] = why;
+         out << dumpJson(verdict) << "\n";
+      }
+      std::cerr << "tunnelctl: " << why << "\n";
       return 1;
    }
 }

@@ -361,11 +361,23 @@ TEST_F(OperatorTest, AReloadNeedingATableAnotherWriterHoldsIsRefusedWhole) {
 
 TEST_F(OperatorTest, DamagedFilesAreExplainedAtOnce) {
    ASSERT_EQ(run({"publish", "--once", file("net.json", ldpTunnels())}).status, 0);
+   const Result valid = run({"validate", "ldp", "--json"});
+   EXPECT_EQ(valid.status, 0);
+   EXPECT_TRUE(std::regex_match(
+       valid.out, std::regex(R"(\{"table":"ldp","valid":true,"occupiedSlots":3,"freeSlots":[0-9]+,)"
+                             R"("slabEntries":3\}\n)")))
+       << valid.out;
    const std::string slots = path("tunnel/table/ldp/entry/slots");
    {
       std::fstream f(slots, std::ios::in | std::ios::out | std::ios::binary);
       f.write("XXXX", 4);
    }
+   const Result invalid = run({"validate", "ldp", "--json"});
+   EXPECT_EQ(invalid.status, 1);
+   EXPECT_TRUE(std::regex_match(
+       invalid.out, std::regex(R"(\{"table":"ldp","valid":false,"error":"Dock tunnel/table/ldp/)"
+                               R"(entry validation failed: bad magic: [0-9a-f]+"\}\n)")))
+       << invalid.out;
    // No writer to repair them: the reader says why and stops.
    const Result shown = run({"show", "ldp"});
    EXPECT_EQ(shown.status, 1);

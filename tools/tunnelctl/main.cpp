@@ -71,6 +71,7 @@ int main(int argc, char** argv) {
 
    auto* validate = app.add_subcommand("validate", "deep check of the files of TABLE");
    validate->add_option("TABLE", table, "mount name of the table")->required();
+   validate->add_flag("--json", json, "the verdict and counts as JSON");
 
    auto* remove =
        app.add_subcommand("remove", "delete the files of TABLE unless a live writer holds it");
@@ -121,7 +122,7 @@ int main(int argc, char** argv) {
          watchOptions.filter = TunnelCtl::entryFilterOf(endpointFilter, nexthopFilter, nameFilter);
          return TunnelCtl::runWatch(std::cout, table, watchOptions);
       }
-      if (*validate) return TunnelCtl::runValidate(std::cout, table);
+      if (*validate) return TunnelCtl::runValidate(std::cout, table, json);
       if (*remove) return TunnelCtl::runRemove(std::cout, table);
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
       if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json, candidates);
