@@ -2,6 +2,7 @@
 // root of the test's own, its exact output, messages and exit statuses. Writers are `publish`
 // processes; readers are `show` and `watch` processes.
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -30,6 +30,12 @@ std::string readFile(const std::string& path) {
 
 void writeFile(const std::string& path, const std::string& text) {
    std::ofstream(path) << text;
+}
+
+// Whether `text` matches the shell pattern `glob` as a whole ('*' crosses '/'; '[' is escaped as
+// "\\[" where meant literally).
+bool like(const std::string& text, const std::string& glob) {
+   return ::fnmatch(glob.c_str(), text.c_str(), 0) == 0;
 }
 
 std::string repeat(const std::string& s, int n) {
@@ -76,13 +82,12 @@ class Tool {
    pid_t pid() const { return pid_; }
    std::string out() const { return readFile(out_); }
    std::string err() const { return readFile(err_); }
-   // Waits (at most 20 s) until a line of the output matches `pattern`.
+   // Waits (at most 20 s) until a line of the output matches the shell pattern `pattern`.
    bool waitFor(const std::string& pattern, bool onStderr = false) const {
-      const std::regex re(pattern);
       for (int i = 0; i < 400; ++i) {
          std::istringstream lines(onStderr ? err() : out());
          for (std::string line; std::getline(lines, line);) {
-            if (std::regex_search(line, re)) return true;
+            if (like(line, pattern)) return true;
          }
          std::this_thread::sleep_for(std::chrono::milliseconds(50));
       }
@@ -246,8 +251,10 @@ TEST_F(OperatorTest, ShowLooksUpFiltersAndCounts) {
 // One watch event of --json -t: its time is UTC with milliseconds; returns it without "time".
 nlohmann::ordered_json event(const std::string& line) {
    auto j = nlohmann::ordered_json::parse(line);
-   EXPECT_TRUE(std::regex_match(j["time"].get<std::string>(),
-                                std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")))
+   const std::string d = "[0-9]";
+   EXPECT_TRUE(like(j["time"].get<std::string>(), repeat(d, 4) + "-" + d + d + "-" + d + d + "T" +
+                                                      d + d + ":" + d + d + ":" + d + d + "." +
+                                                      repeat(d, 3) + "Z"))
        << line;
    j.erase("time");
    if (j.contains("entry")) j["entry"] = j["entry"]["name"];  // the name says which entry
@@ -258,24 +265,24 @@ TEST_F(OperatorTest, WatchShowsRealChangesWriterRestartsAndWaitsForTheTable) {
    const std::string net = file("net.json", ldpTunnels());
    // Started before any writer: it waits, then synchronizes with the first one.
    Tool waiter(root_.path(), {"watch", "ldp", "--json", "--wait", "--seconds", "60"});
-   ASSERT_TRUE(waiter.waitFor(R"(^\{"event":"waiting","table":"ldp"\}$)"));
+   ASSERT_TRUE(waiter.waitFor(R"({"event":"waiting","table":"ldp"})"));
    Tool pub(root_.path(), {"publish", net});
-   ASSERT_TRUE(pub.waitFor("^ready: 3 tunnels"));
+   ASSERT_TRUE(pub.waitFor("ready: 3 tunnels*"));
    ASSERT_TRUE(waiter.waitFor(
-       R"(^\{"event":"synchronized","table":"ldp","entries":[0-3],"matching":[0-3],"writerPid":)" +
-       std::to_string(pub.pid()) + "\\}$"));
+       R"({"event":"synchronized","table":"ldp","entries":?,"matching":?,"writerPid":)" +
+       std::to_string(pub.pid()) + "}"));
    waiter.signal(SIGTERM);
    EXPECT_EQ(waiter.finish(), 0);
    Tool all(root_.path(), {"watch", "ldp", "--json", "-t", "--seconds", "60"});
-   ASSERT_TRUE(all.waitFor(R"("event":"synchronized")"));
+   ASSERT_TRUE(all.waitFor(R"(*"event":"synchronized"*)"));
    Tool edge(root_.path(), {"watch", "ldp", "--endpoint", "10.1.2.3", "--seconds", "60"});
-   ASSERT_TRUE(edge.waitFor("^ldp: synchronized, 3 entries, 3 match$"));
+   ASSERT_TRUE(edge.waitFor("ldp: synchronized, 3 entries, 3 match"));
 
    // A reload: index 1's metric changes and index 3 goes.
    writeFile(net, ldpTunnels(11, false));
    pub.signal(SIGHUP);
-   ASSERT_TRUE(pub.waitFor("^reloaded .*: 2 changes$"));
-   ASSERT_TRUE(all.waitFor(R"("event":"removed")"));
+   ASSERT_TRUE(pub.waitFor("reloaded *: 2 changes"));
+   ASSERT_TRUE(all.waitFor(R"(*"event":"removed"*)"));
 
    // The writer killed and another started on a file where only index 1 differs again: the
    // restart is one marker naming index 1, not a change of every key.
@@ -283,9 +290,9 @@ TEST_F(OperatorTest, WatchShowsRealChangesWriterRestartsAndWaitsForTheTable) {
    pub.finish();
    writeFile(net, ldpTunnels(12, false));
    Tool pub2(root_.path(), {"publish", net});
-   ASSERT_TRUE(pub2.waitFor("^ready: 2 tunnels"));
-   ASSERT_TRUE(all.waitFor(R"("event":"resynchronized")"));
-   ASSERT_TRUE(edge.waitFor("^ldp: resynchronized"));
+   ASSERT_TRUE(pub2.waitFor("ready: 2 tunnels*"));
+   ASSERT_TRUE(all.waitFor(R"(*"event":"resynchronized"*)"));
+   ASSERT_TRUE(edge.waitFor("ldp: resynchronized*"));
    all.signal(SIGTERM);
    edge.signal(SIGTERM);
    EXPECT_EQ(all.finish(), 0);
@@ -310,7 +317,9 @@ TEST_F(OperatorTest, WatchShowsRealChangesWriterRestartsAndWaitsForTheTable) {
 
    // The filtered watch: every entry covering 10.1.2.3; the text lines.
    std::string text = edge.out();
-   text = std::regex_replace(text, std::regex("changed: Value\\(.*"), "changed");
+   for (size_t at; (at = text.find("changed: Value(")) != std::string::npos;) {
+      text.erase(at + 7, text.find('\n', at) - at - 7);
+   }
    EXPECT_EQ(text,
              "ldp: synchronized, 3 entries, 3 match\n"
              "ldp index 1 changed\n"
@@ -331,20 +340,20 @@ TEST_F(OperatorTest, WatchShowsRealChangesWriterRestartsAndWaitsForTheTable) {
 TEST_F(OperatorTest, AReloadNeedingATableAnotherWriterHoldsIsRefusedWhole) {
    const std::string net = file("net.json", ldpTunnels());
    Tool pub(root_.path(), {"publish", net});
-   ASSERT_TRUE(pub.waitFor("^ready: 3 tunnels"));
+   ASSERT_TRUE(pub.waitFor("ready: 3 tunnels*"));
    const std::string other =
        file("other.json",
             R"({"tunnels": [{"table": "static", "index": 1, "vias": [{"nextHop": "10.0.1.1"}]}]})");
    Tool holder(root_.path(), {"publish", other});
-   ASSERT_TRUE(holder.waitFor("^ready: 1 tunnels"));
+   ASSERT_TRUE(holder.waitFor("ready: 1 tunnels*"));
    // The edit changes ldp and needs static, which the other writer holds.
    std::string edit = ldpTunnels(99);
    edit.insert(edit.size() - 2,
                R"(, {"table": "static", "index": 2, "vias": [{"nextHop": "10.0.1.1"}]})");
    writeFile(net, edit);
    pub.signal(SIGHUP);
-   ASSERT_TRUE(pub.waitFor("already has a live writer \\(pid " + std::to_string(holder.pid()) +
-                               "\\).*; keeping what is published$",
+   ASSERT_TRUE(pub.waitFor("*already has a live writer (pid " + std::to_string(holder.pid()) +
+                               ")*; keeping what is published",
                            true));
    EXPECT_EQ(::kill(pub.pid(), 0), 0) << "the publisher goes on";
    const Result shown = run({"show", "ldp", "1"});
@@ -355,7 +364,7 @@ TEST_F(OperatorTest, AReloadNeedingATableAnotherWriterHoldsIsRefusedWhole) {
    holder.signal(SIGTERM);
    EXPECT_EQ(holder.finish(), 0);
    pub.signal(SIGHUP);
-   ASSERT_TRUE(pub.waitFor("^reloaded .*: 3 changes$"));  // ldp 1, static 2 written, static 1 gone
+   ASSERT_TRUE(pub.waitFor("reloaded *: 3 changes"));  // ldp 1, static 2 written, static 1 gone
    EXPECT_EQ(run({"show", "static", "2", "--count"}).out, "static: 1 entries, 1 shown\n");
 }
 
@@ -363,9 +372,9 @@ TEST_F(OperatorTest, DamagedFilesAreExplainedAtOnce) {
    ASSERT_EQ(run({"publish", "--once", file("net.json", ldpTunnels())}).status, 0);
    const Result valid = run({"validate", "ldp", "--json"});
    EXPECT_EQ(valid.status, 0);
-   EXPECT_TRUE(std::regex_match(
-       valid.out, std::regex(R"(\{"table":"ldp","valid":true,"occupiedSlots":3,"freeSlots":[0-9]+,)"
-                             R"("slabEntries":3\}\n)")))
+   EXPECT_TRUE(like(valid.out, R"({"table":"ldp","valid":true,"occupiedSlots":3,"freeSlots":*,)"
+                               R"("slabEntries":3})"
+                               "\n"))
        << valid.out;
    const std::string slots = path("tunnel/table/ldp/entry/slots");
    {
@@ -374,26 +383,24 @@ TEST_F(OperatorTest, DamagedFilesAreExplainedAtOnce) {
    }
    const Result invalid = run({"validate", "ldp", "--json"});
    EXPECT_EQ(invalid.status, 1);
-   EXPECT_TRUE(std::regex_match(
-       invalid.out, std::regex(R"(\{"table":"ldp","valid":false,"error":"Dock tunnel/table/ldp/)"
-                               R"(entry validation failed: bad magic: [0-9a-f]+"\}\n)")))
-       << invalid.out;
+   EXPECT_EQ(invalid.out,
+             R"({"table":"ldp","valid":false,"error":"Dock tunnel/table/ldp/entry validation )"
+             R"(failed: bad magic: 544f4c5358585858"})"
+             "\n");
    // No writer to repair them: the reader says why and stops.
    const Result shown = run({"show", "ldp"});
    EXPECT_EQ(shown.status, 1);
-   EXPECT_TRUE(std::regex_match(
-       shown.err,
-       std::regex("tunnelctl: ldp: cannot attach: .*/tunnel/table/ldp/entry::attach\\(\\) "
-                  "cannot attach to shmem .*/slots size:[0-9]+: bad magic: [0-9a-f]+\n")))
+   const std::string dir = path("tunnel/table/ldp/entry");
+   EXPECT_TRUE(like(shown.err, "tunnelctl: ldp: cannot attach: " + dir +
+                                   "::attach() cannot attach to shmem " + dir +
+                                   "/slots size:*: bad magic: 544f4c5358585858\n"))
        << shown.err;
    // A writer re-formats them and says so.
    const Result again = run({"publish", "--once", path("net.json")});
    EXPECT_EQ(again.status, 0);
-   EXPECT_TRUE(std::regex_match(
-       again.err,
-       std::regex("tunnelctl: warning: ldp: its files were damaged and have been "
-                  "re-formatted: failed to validate existing files: bad magic: [0-9a-f]+\n")))
-       << again.err;
+   EXPECT_EQ(again.err,
+             "tunnelctl: warning: ldp: its files were damaged and have been re-formatted: failed "
+             "to validate existing files: bad magic: 544f4c5358585858\n");
    EXPECT_EQ(run({"show", "ldp", "--count"}).out, "ldp: 3 entries\n");
 }
 
