@@ -11,6 +11,20 @@ namespace TunnelCtl {
 
 namespace TT = Tunnel::TunnelTable;
 
+namespace {
+
+// Removes `keys` from `table` in key order, so the changes print the same from run to run (a
+// table lists its keys in slot order).
+void removeInKeyOrder(const TableEntry& t, TT::TunnelTableBase& table,
+                      std::vector<TT::TunnelId> keys, std::vector<PublishChange>& changes) {
+   std::sort(keys.begin(), keys.end());
+   for (const TT::TunnelId& key : keys) {
+      if (table.entryRemove(key)) changes.push_back({&t, key, true});
+   }
+}
+
+}  // namespace
+
 void Publisher::mountAll(const Description& d) {
    std::vector<TunnelTableIdentifier> mountedNow;
    try {
@@ -49,16 +63,16 @@ std::vector<PublishChange> Publisher::apply(const Description& d) {
          if (dt->writeTo(*table)) changes.push_back({t, dt->id, false});
       }
       std::sort(keep.begin(), keep.end());
-      for (const TT::TunnelId& key : table->entryKeys()) {
-         if (std::binary_search(keep.begin(), keep.end(), key)) continue;
-         if (table->entryRemove(key)) changes.push_back({t, key, true});
-      }
+      std::vector<TT::TunnelId> gone = table->entryKeys();
+      std::erase_if(gone, [&](const TT::TunnelId& key) {
+         return std::binary_search(keep.begin(), keep.end(), key);
+      });
+      removeInKeyOrder(*t, *table, std::move(gone), changes);
    }
    // Tables the description no longer fills are emptied, key by key.
    for (auto& [id, table] : tables_) {
-      if (described.count(id)) continue;
-      for (const TT::TunnelId& key : table->entryKeys()) {
-         if (table->entryRemove(key)) changes.push_back({&tableById(id), key, true});
+      if (!described.count(id)) {
+         removeInKeyOrder(tableById(id), *table, table->entryKeys(), changes);
       }
    }
    return changes;

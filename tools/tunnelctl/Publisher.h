@@ -29,7 +29,8 @@ class Publisher {
    // nothing: when a mount fails (e.g. another process is that table's writer) nothing is written,
    // the tables taken for it are let go, and what the mount threw is thrown. A table whose damaged
    // files the mount re-formatted is named on stderr with the reason. Returns the changes
-   // made, table by table in identifier order.
+   // made: per table, in the order applied (the described tables in identifier order, then those
+   // the description no longer fills), its writes in file order, then its removals in key order.
    std::vector<PublishChange> apply(const Description& d);
 
    const std::map<TunnelTableIdentifier, Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase>>& tables()
