@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <string_view>
 
 namespace Testing {
 
@@ -15,6 +16,14 @@ TempRoot::TempRoot() {
    std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
                                     ? std::filesystem::path("/dev/shm")
                                     : std::filesystem::temp_directory_path();
+   // Made while another test root is the store root - in a death test's child, which runs the
+   // test again and dies without cleaning up - it goes inside that root, so removing the outer
+   // root removes what the child left.
+   if (const char* outer = std::getenv("TUNNEL_SHMEM_ROOT");
+       outer && std::string_view(outer).find("/tunnel-test-") != std::string_view::npos &&
+       std::filesystem::is_directory(outer)) {
+      base = outer;
+   }
    std::string tmpl = (base / "tunnel-test-XXXXXX").string();
    if (!::mkdtemp(tmpl.data())) {
       std::perror("mkdtemp");
