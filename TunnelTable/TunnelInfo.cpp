@@ -34,20 +34,6 @@ void parseInfo(Info& v, Vela::String::const_iterator begin, Vela::String::const_
 
 }  // namespace
 
-constexpr auto GreTunnelInfo::fields() {
-   return std::tuple{Codec::field<&GreTunnelInfo::srcAddr_>("srcAddr"),
-                     Codec::field<&GreTunnelInfo::dstAddr_>("dstAddr"),
-                     Codec::field<&GreTunnelInfo::tunnelIntfPort_>("tunnelIntfPort"),
-                     Codec::field<&GreTunnelInfo::okey_>("okey"),
-                     Codec::field<&GreTunnelInfo::ikey_>("ikey"),
-                     Codec::field<&GreTunnelInfo::mtu_>("mtu"),
-                     Codec::field<&GreTunnelInfo::underlayVrfId_>("underlayVrfId"),
-                     Codec::field<&GreTunnelInfo::ttl_>("ttl"),
-                     Codec::field<&GreTunnelInfo::tos_>("tos"),
-                     Codec::field<&GreTunnelInfo::pathMtuDiscovery_>("pathMtuDiscovery"),
-                     Codec::field<&GreTunnelInfo::dontFragment_>("dontFragment")};
-}
-
 GreTunnelInfo::GreTunnelInfo(Vela::String::const_iterator begin, Vela::String::const_iterator end) {
    parseInfo(*this, begin, end);
 }
@@ -70,20 +56,6 @@ Vela::String valueToStrep(const GreTunnelInfo& v) {
 
 std::ostream& operator<<(std::ostream& os, const GreTunnelInfo& v) {
    return os << valueToStrep(v);
-}
-
-constexpr auto IpsecGreTunnelInfo::fields() {
-   return std::tuple{Codec::field<&IpsecGreTunnelInfo::srcAddr_>("srcAddr"),
-                     Codec::field<&IpsecGreTunnelInfo::dstAddr_>("dstAddr"),
-                     Codec::field<&IpsecGreTunnelInfo::tunnelIntfPort_>("tunnelIntfPort"),
-                     Codec::field<&IpsecGreTunnelInfo::okey_>("okey"),
-                     Codec::field<&IpsecGreTunnelInfo::ikey_>("ikey"),
-                     Codec::field<&IpsecGreTunnelInfo::mtu_>("mtu"),
-                     Codec::field<&IpsecGreTunnelInfo::underlayVrfId_>("underlayVrfId"),
-                     Codec::field<&IpsecGreTunnelInfo::spiIn_>("spiIn"),
-                     Codec::field<&IpsecGreTunnelInfo::spiOut_>("spiOut"),
-                     Codec::field<&IpsecGreTunnelInfo::ttl_>("ttl"),
-                     Codec::field<&IpsecGreTunnelInfo::tos_>("tos")};
 }
 
 IpsecGreTunnelInfo::IpsecGreTunnelInfo(Vela::String::const_iterator begin,
@@ -111,18 +83,6 @@ std::ostream& operator<<(std::ostream& os, const IpsecGreTunnelInfo& v) {
    return os << valueToStrep(v);
 }
 
-constexpr auto IpsecVtiTunnelInfo::fields() {
-   return std::tuple{Codec::field<&IpsecVtiTunnelInfo::srcAddr_>("srcAddr"),
-                     Codec::field<&IpsecVtiTunnelInfo::dstAddr_>("dstAddr"),
-                     Codec::field<&IpsecVtiTunnelInfo::tunnelIntfPort_>("tunnelIntfPort"),
-                     Codec::field<&IpsecVtiTunnelInfo::mtu_>("mtu"),
-                     Codec::field<&IpsecVtiTunnelInfo::underlayVrfId_>("underlayVrfId"),
-                     Codec::field<&IpsecVtiTunnelInfo::spiIn_>("spiIn"),
-                     Codec::field<&IpsecVtiTunnelInfo::spiOut_>("spiOut"),
-                     Codec::field<&IpsecVtiTunnelInfo::ttl_>("ttl"),
-                     Codec::field<&IpsecVtiTunnelInfo::tos_>("tos")};
-}
-
 IpsecVtiTunnelInfo::IpsecVtiTunnelInfo(Vela::String::const_iterator begin,
                                        Vela::String::const_iterator end) {
    parseInfo(*this, begin, end);
@@ -146,15 +106,6 @@ Vela::String valueToStrep(const IpsecVtiTunnelInfo& v) {
 
 std::ostream& operator<<(std::ostream& os, const IpsecVtiTunnelInfo& v) {
    return os << valueToStrep(v);
-}
-
-constexpr auto VxlanTunnelInfo::fields() {
-   return std::tuple{Codec::field<&VxlanTunnelInfo::srcAddr_>("srcAddr"),
-                     Codec::field<&VxlanTunnelInfo::dstAddr_>("dstAddr"),
-                     Codec::field<&VxlanTunnelInfo::underlayVrfId_>("underlayVrfId"),
-                     Codec::field<&VxlanTunnelInfo::udpPort_>("udpPort"),
-                     Codec::field<&VxlanTunnelInfo::ttl_>("ttl"),
-                     Codec::field<&VxlanTunnelInfo::tos_>("tos")};
 }
 
 VxlanTunnelInfo::VxlanTunnelInfo(Vela::String::const_iterator begin,

@@ -36,6 +36,7 @@
 #include <ostream>
 #include <tuple>
 
+#include "TunnelTable/EntryCodec.h"
 #include "Vela/String.h"
 #include "Wirekit/IpGenAddr.h"
 
@@ -196,6 +197,59 @@ class VxlanTunnelInfo {
 };
 
 #undef TUNNEL_INFO_ACCESSOR
+
+// Each info's fields, in text and byte order (the codec of EntryCodec.h derives the rest).
+constexpr auto GreTunnelInfo::fields() {
+   return std::tuple{
+       TunnelTable::Codec::field<&GreTunnelInfo::srcAddr_>("srcAddr"),
+       TunnelTable::Codec::field<&GreTunnelInfo::dstAddr_>("dstAddr"),
+       TunnelTable::Codec::field<&GreTunnelInfo::tunnelIntfPort_>("tunnelIntfPort"),
+       TunnelTable::Codec::field<&GreTunnelInfo::okey_>("okey"),
+       TunnelTable::Codec::field<&GreTunnelInfo::ikey_>("ikey"),
+       TunnelTable::Codec::field<&GreTunnelInfo::mtu_>("mtu"),
+       TunnelTable::Codec::field<&GreTunnelInfo::underlayVrfId_>("underlayVrfId"),
+       TunnelTable::Codec::field<&GreTunnelInfo::ttl_>("ttl"),
+       TunnelTable::Codec::field<&GreTunnelInfo::tos_>("tos"),
+       TunnelTable::Codec::field<&GreTunnelInfo::pathMtuDiscovery_>("pathMtuDiscovery"),
+       TunnelTable::Codec::field<&GreTunnelInfo::dontFragment_>("dontFragment")};
+}
+
+constexpr auto IpsecGreTunnelInfo::fields() {
+   return std::tuple{
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::srcAddr_>("srcAddr"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::dstAddr_>("dstAddr"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::tunnelIntfPort_>("tunnelIntfPort"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::okey_>("okey"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::ikey_>("ikey"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::mtu_>("mtu"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::underlayVrfId_>("underlayVrfId"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::spiIn_>("spiIn"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::spiOut_>("spiOut"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::ttl_>("ttl"),
+       TunnelTable::Codec::field<&IpsecGreTunnelInfo::tos_>("tos")};
+}
+
+constexpr auto IpsecVtiTunnelInfo::fields() {
+   return std::tuple{
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::srcAddr_>("srcAddr"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::dstAddr_>("dstAddr"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::tunnelIntfPort_>("tunnelIntfPort"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::mtu_>("mtu"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::underlayVrfId_>("underlayVrfId"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::spiIn_>("spiIn"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::spiOut_>("spiOut"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::ttl_>("ttl"),
+       TunnelTable::Codec::field<&IpsecVtiTunnelInfo::tos_>("tos")};
+}
+
+constexpr auto VxlanTunnelInfo::fields() {
+   return std::tuple{TunnelTable::Codec::field<&VxlanTunnelInfo::srcAddr_>("srcAddr"),
+                     TunnelTable::Codec::field<&VxlanTunnelInfo::dstAddr_>("dstAddr"),
+                     TunnelTable::Codec::field<&VxlanTunnelInfo::underlayVrfId_>("underlayVrfId"),
+                     TunnelTable::Codec::field<&VxlanTunnelInfo::udpPort_>("udpPort"),
+                     TunnelTable::Codec::field<&VxlanTunnelInfo::ttl_>("ttl"),
+                     TunnelTable::Codec::field<&VxlanTunnelInfo::tos_>("tos")};
+}
 
 Vela::String valueToStrep(const GreTunnelInfo& v);
 Vela::String valueToStrep(const IpsecGreTunnelInfo& v);

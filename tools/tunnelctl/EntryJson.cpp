@@ -115,52 +115,12 @@ Json toJson(const TT::MplsCosVia& v) {
            {"cosLabels", std::move(cos)}};
 }
 
-// The interface tunnels' parameters, field by field in their text form's order.
-Json toJson(const Tunnel::GreTunnelInfo& v) {
-   return {{"srcAddr", toJson(v.srcAddr())},
-           {"dstAddr", toJson(v.dstAddr())},
-           {"tunnelIntfPort", v.tunnelIntfPort()},
-           {"okey", v.okey()},
-           {"ikey", v.ikey()},
-           {"mtu", v.mtu()},
-           {"underlayVrfId", v.underlayVrfId()},
-           {"ttl", v.ttl()},
-           {"tos", v.tos()},
-           {"pathMtuDiscovery", v.pathMtuDiscovery()},
-           {"dontFragment", v.dontFragment()}};
+// A value class that lists its fields (the interface tunnels' parameters): an object of them.
+template <typename V>
+requires requires {
+   V::fields();
 }
-Json toJson(const Tunnel::IpsecGreTunnelInfo& v) {
-   return {{"srcAddr", toJson(v.srcAddr())},
-           {"dstAddr", toJson(v.dstAddr())},
-           {"tunnelIntfPort", v.tunnelIntfPort()},
-           {"okey", v.okey()},
-           {"ikey", v.ikey()},
-           {"mtu", v.mtu()},
-           {"underlayVrfId", v.underlayVrfId()},
-           {"spiIn", v.spiIn()},
-           {"spiOut", v.spiOut()},
-           {"ttl", v.ttl()},
-           {"tos", v.tos()}};
-}
-Json toJson(const Tunnel::IpsecVtiTunnelInfo& v) {
-   return {{"srcAddr", toJson(v.srcAddr())},
-           {"dstAddr", toJson(v.dstAddr())},
-           {"tunnelIntfPort", v.tunnelIntfPort()},
-           {"mtu", v.mtu()},
-           {"underlayVrfId", v.underlayVrfId()},
-           {"spiIn", v.spiIn()},
-           {"spiOut", v.spiOut()},
-           {"ttl", v.ttl()},
-           {"tos", v.tos()}};
-}
-Json toJson(const Tunnel::VxlanTunnelInfo& v) {
-   return {{"srcAddr", toJson(v.srcAddr())},
-           {"dstAddr", toJson(v.dstAddr())},
-           {"underlayVrfId", v.underlayVrfId()},
-           {"udpPort", v.udpPort()},
-           {"ttl", v.ttl()},
-           {"tos", v.tos()}};
-}
+Json toJson(const V& v);
 
 // A collection: its live places in index order. The name's characters are one string, escaped
 // as printableName does.
@@ -175,7 +135,7 @@ Json toJson(const Vela::FixedArray<T, Index, Capacity>& a) {
    }
 }
 
-// Every field of a value class that lists its fields.
+// Every field of a value class that lists its fields, under the names of its text form.
 template <typename V>
 Json fieldsJson(const V& v) {
    Json out = Json::object();
@@ -183,6 +143,14 @@ Json fieldsJson(const V& v) {
        [&](auto... d) { ((out[std::string(d.name)] = toJson(v.*decltype(d)::member)), ...); },
        V::fields());
    return out;
+}
+
+template <typename V>
+requires requires {
+   V::fields();
+}
+Json toJson(const V& v) {
+   return fieldsJson(v);
 }
 
 template <typename Entry>
@@ -205,17 +173,18 @@ EntryReader readerOf(const Table& table) {
    };
 }
 
+// The reader of `table` when it is a Table, else none.
+template <typename Table>
+EntryReader readerIf(const TT::TunnelTableBase& table) {
+   if (const auto* t = dynamic_cast<const Table*>(&table)) return readerOf(*t);
+   return nullptr;
+}
+
 // The reader of the first class of the list that `table` is.
 template <typename... Tables>
 EntryReader readerFrom(const TT::TunnelTableBase& table, TT::TableList<Tables...>) {
    EntryReader found;
-   (void)((
-              found = [&]() -> EntryReader {
-                 if (auto* t = dynamic_cast<const Tables*>(&table)) return readerOf(*t);
-                 return nullptr;
-              }(),
-              bool(found)) ||
-          ...);
+   ((found = found ? std::move(found) : readerIf<Tables>(table)), ...);
    return found;
 }
 

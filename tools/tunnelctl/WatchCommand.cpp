@@ -128,15 +128,17 @@ class Watch : public Vela::Entity::Notifiee {
    void onAttribute(Vela::AttributeId attr, const void* key) override {
       if (attr != Vela::attrEntry || !key) return;
       lastNotification_ = std::chrono::steady_clock::now();
-      noticeWriter(false);  // a notification may be the first sign of a new writer
+      // A notification may be the first sign of a new writer (during a resync poll() looks).
+      if (!resyncing_) noticeWriter(false);
       const auto& id = *static_cast<const TT::TunnelId*>(key);
       std::optional<EntryView> e = read_(id);
       const bool matches = e && o_.filter.matches(*e);
       const auto it = shown_.find(id.value());
       if (!matches && it == shown_.end()) return;  // outside what this watch shows
-      if (matches && it != shown_.end() && it->second == hashOf(*e)) return;  // unchanged
+      const size_t hash = matches ? hashOf(*e) : 0;
+      if (matches && it != shown_.end() && it->second == hash) return;  // unchanged
       if (matches) {
-         shown_[id.value()] = hashOf(*e);
+         shown_[id.value()] = hash;
       } else {
          shown_.erase(it);
       }
