@@ -1,0 +1,200 @@
+// The redistribution configuration: its values' text and byte forms, the config's and entries'
+// notifications, and the config published by one process and read, with per-key notifications, by
+// another.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <map>
+
+#include "Loom/EventLoop.h"
+#include "TunnelRedist/TunnelRedistConfig.h"
+#include "Vault/MountService.h"
+#include "testing/Expect.h"
+#include "testing/TempRoot.h"
+
+namespace Tunnel::TunnelRedist {
+namespace {
+
+using Wirekit::IpGenAddr;
+using Wirekit::IpGenPrefix;
+
+IpGenPrefix tep(uint32_t n) {
+   return IpGenPrefix(IpGenAddr::ipv4(0x0A000000u + n), 32);
+}
+TunnelId ldp(uint64_t index) {
+   return TunnelId(TunnelId::convertToTunnelValue(TunnelTable::TunnelType::ldpTunnel, index));
+}
+
+// Counts notifications per (attribute, key text).
+struct Recorder : Vela::Entity::Notifiee {
+   void onAttribute(Vela::AttributeId attr, const void* key) override {
+      if (attr == Vela::attrEntry) {
+         ++heard[static_cast<const IpGenPrefix*>(key)->stringValue()];
+      } else if (attr == attrMemberTunnelInfo) {
+         ++heard[std::to_string(static_cast<const TunnelId*>(key)->value())];
+      }
+   }
+   std::map<std::string, int> heard;
+};
+
+TEST(TunnelRedistValues, TextFormsReadBackAndCompareEveryField) {
+   const TunnelInfo info(ldp(7), 30);
+   const Vela::String infoText = info.stringValue();
+   EXPECT_EQ(infoText,
+             "Value('Tunnel::TunnelRedist::TunnelInfo', ** {'tunnelId': "
+             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': " +
+                 std::to_string(ldp(7).value()) + "}), 'igpMetric': 30})");
+   EXPECT_EQ(TunnelInfo(infoText.begin(), infoText.end()), info);
+   EXPECT_EQ(Testing::streamed(info), infoText);
+   EXPECT_NE(info, TunnelInfo(ldp(7), 31));
+   EXPECT_NE(info, TunnelInfo(ldp(8), 30));
+
+   const TunnelIdToEndPoint t2e(ldp(7), tep(1));
+   const Vela::String t2eText = t2e.stringValue();
+   EXPECT_EQ(t2eText,
+             "Value('Tunnel::TunnelRedist::TunnelIdToEndPoint', ** {'tunnelId': "
+             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': " +
+                 std::to_string(ldp(7).value()) + "}), 'tep': '10.0.0.1/32'})");
+   EXPECT_EQ(TunnelIdToEndPoint(t2eText.begin(), t2eText.end()), t2e);
+   EXPECT_NE(t2e, TunnelIdToEndPoint(ldp(7), tep(2)));
+
+   const Vela::String bad = "Value('Tunnel::TunnelRedist::TunnelInfo', ** {'igpMetric': 1})";
+   EXPECT_NE(Testing::errorText([&] { TunnelInfo(bad.begin(), bad.end()); }).find("tunnelId"),
+             std::string::npos);
+}
+
+TEST(TunnelRedistValues, MemberRecordsRoundTripAndRefuseDamagedBytes) {
+   const TunnelRedistMember m{tep(3), TunnelInfo(ldp(9), 0xA1B2C3D4)};
+   uint8_t bytes[TunnelRedistMember::kSerializedLen];
+   m.serialize(bytes);
+   EXPECT_EQ(bytes[32], 0xD4);  // the metric, little-endian, after the 32-byte key
+   EXPECT_EQ(bytes[35], 0xA1);
+   TunnelRedistMember back;
+   back.deserialize(bytes, sizeof(bytes));
+   EXPECT_EQ(back, m);
+   EXPECT_EQ(TunnelRedistMember::deserializeLen(bytes, 35), 0u);
+   EXPECT_EQ(TunnelRedistMember::deserializeLen(bytes, 40), 36u);
+
+   struct Damage {
+      const char* what;
+      size_t offset;
+      uint8_t value;
+      uint32_t length;
+   };
+   for (const Damage& d :
+        {Damage{"short", 0, 0, 35}, Damage{"long", 0, 0, 37}, Damage{"prefix family", 0, 9, 36},
+         Damage{"prefix length", 17, 99, 36}, Damage{"tunnel type", 31, 0xff, 36}}) {
+      SCOPED_TRACE(d.what);
+      uint8_t damaged[40] = {};
+      m.serialize(damaged);
+      if (d.length == 36) damaged[d.offset] = d.value;
+      TunnelRedistMember out;
+      EXPECT_THROW(out.deserialize(damaged, d.length), Vela::Exception);
+   }
+}
+
+TEST(TunnelRedistConfig, EntriesAndMembersNotifyOnlyOnChange) {
+   auto config = TunnelRedistConfigIs("bgpLu");
+   Recorder configHeard, entryHeard;
+   config->notifieeAdd(&configHeard);
+
+   auto e = config->entryIs(tep(1));
+   EXPECT_EQ(config->entryIs(tep(1)), e);  // the same entry, announced once
+   e->notifieeAdd(&entryHeard);
+   e->memberTunnelInfoIs(TunnelInfo(ldp(1), 10));
+   e->memberTunnelInfoIs(TunnelInfo(ldp(1), 10));  // unchanged: silent
+   e->memberTunnelInfoIs(TunnelInfo(ldp(1), 20));  // new metric replaces, count stays
+   e->memberTunnelInfoIs(TunnelInfo(ldp(2), 5));
+   EXPECT_EQ(e->memberTunnelInfoSize(), 2u);
+   EXPECT_EQ(e->memberTunnelInfo(ldp(1))->igpMetric(), 20u);
+   EXPECT_EQ(e->memberTunnelInfoDel(ldp(1)), TunnelInfo(ldp(1), 20));
+   EXPECT_EQ(e->memberTunnelInfoDel(ldp(1)), TunnelInfo());  // absent: silent
+   EXPECT_EQ(config->entryDel(tep(9)), nullptr);
+   EXPECT_EQ(config->entryDel(tep(1)), e);
+   config->entryIs(tep(2));
+   config->entryIs(tep(3));
+   config->entryDelAll();
+   EXPECT_EQ(config->entrySize(), 0u);
+
+   EXPECT_EQ(entryHeard.heard, (std::map<std::string, int>{{std::to_string(ldp(1).value()), 3},
+                                                           {std::to_string(ldp(2).value()), 1}}));
+   EXPECT_EQ(configHeard.heard, (std::map<std::string, int>{
+                                    {"10.0.0.1/32", 2}, {"10.0.0.2/32", 2}, {"10.0.0.3/32", 2}}));
+   e->notifieeDel(&entryHeard);
+}
+
+// The wanted content of a config: prefix -> tunnel index -> metric.
+using Content = std::map<std::string, std::map<uint64_t, uint32_t>>;
+Content contentOf(const TunnelRedistConfig& config) {
+   Content c;
+   for (const auto& [prefix, entry] : config.entries()) {
+      auto& members = c[prefix.stringValue()];
+      for (const auto& [id, info] : entry->memberTunnelInfos()) {
+         members[id.tunnelIndex()] = info.igpMetric();
+      }
+   }
+   return c;
+}
+
+TEST(TunnelRedistConfig, AReaderInAnotherProcessFollowsTheWriterKeyByKey) {
+   Testing::TempRoot root;
+   int ready[2], go[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   ASSERT_EQ(::pipe(go), 0);
+   // The writer: a first content, then (on the parent's word) a member moves and an entry goes.
+   const pid_t writer = Testing::forkChild([&] {
+      Loom::EventLoop loop;
+      auto service = Vela::makePtr<Vault::MountService>();
+      auto config = mountTunnelRedistConfig(*service, "ldp", true, loop);
+      auto a = config->entryIs(tep(1));
+      a->memberTunnelInfoIs(TunnelInfo(ldp(1), 10));
+      a->memberTunnelInfoIs(TunnelInfo(ldp(2), 20));
+      config->entryIs(tep(2))->memberTunnelInfoIs(TunnelInfo(ldp(3), 30));
+      loop.runOnce(std::chrono::milliseconds(0));
+      char c = 1;
+      if (::write(ready[1], &c, 1) != 1 || ::read(go[0], &c, 1) != 1) return 3;
+      a->memberTunnelInfoIs(TunnelInfo(ldp(2), 21));
+      a->memberTunnelInfoDel(ldp(1));
+      config->entryDel(tep(2));
+      config->entryIs(tep(4))->memberTunnelInfoIs(TunnelInfo(ldp(4), 40));
+      for (int i = 0; i < 100; ++i) loop.runOnce(std::chrono::milliseconds(10));
+      return 0;
+   });
+   char c;
+   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   auto copy = mountTunnelRedistConfig(*service, "ldp", false, loop);
+   Recorder heard;
+   copy->notifieeAdd(&heard);
+   const auto until = [&](const Content& want) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (contentOf(*copy) != want && std::chrono::steady_clock::now() < deadline) {
+         loop.runOnce(std::chrono::milliseconds(10));
+      }
+      return contentOf(*copy);
+   };
+   EXPECT_EQ(until({{"10.0.0.1/32", {{1, 10}, {2, 20}}}, {"10.0.0.2/32", {{3, 30}}}}),
+             (Content{{"10.0.0.1/32", {{1, 10}, {2, 20}}}, {"10.0.0.2/32", {{3, 30}}}}));
+   EXPECT_TRUE(copy->synchronized());
+   Recorder entryHeard;
+   copy->entry(tep(1))->notifieeAdd(&entryHeard);
+   ASSERT_EQ(::write(go[1], &c, 1), 1);
+   const Content after{{"10.0.0.1/32", {{2, 21}}}, {"10.0.0.4/32", {{4, 40}}}};
+   EXPECT_EQ(until(after), after);
+   // The copy told its observers as the writer's were told: 10.0.0.2 gone, 10.0.0.4 made; the
+   // surviving entry's observers heard each of its two members once.
+   EXPECT_EQ(heard.heard, (std::map<std::string, int>{{"10.0.0.2/32", 1}, {"10.0.0.4/32", 1}}));
+   EXPECT_EQ(entryHeard.heard, (std::map<std::string, int>{{std::to_string(ldp(1).value()), 1},
+                                                           {std::to_string(ldp(2).value()), 1}}));
+   EXPECT_DEATH(copy->entryIs(tep(5)),
+                "entryIs on Tunnel::TunnelRedist::TunnelRedistConfig ldp, a reader's copy");
+   copy->entry(tep(1))->notifieeDel(&entryHeard);
+   copy->notifieeDel(&heard);
+   ::kill(writer, SIGTERM);
+   Testing::waitChild(writer);
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelRedist
