@@ -27,6 +27,7 @@ class Agent {
 
    Loom::EventLoop& loop() { return loop_; }
    const Tunnel::TunnelTable::TunnelTableMounter& mounter() const { return mounter_; }
+   Vault::MountService& service() { return *service_; }
 
    // Runs the loop until `done()` holds or `timeout` has passed; returns done().
    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);

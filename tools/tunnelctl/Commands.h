@@ -57,6 +57,12 @@ int runRibCandidates(std::ostream& out, bool colored,
 // Runs the tunnel RIB builder until SIGINT/SIGTERM, or `seconds` (0: no limit).
 int runRibBuilder(std::ostream& out, double seconds);
 
+// The redistribution configurations ("ldp", "bgpLu", or both for an empty name) as a reader in
+// this process sees them: per endpoint its tunnels and metrics, or JSON.
+int runRedist(std::ostream& out, const std::string& name, bool json);
+// Runs the redistribution agent until SIGINT/SIGTERM, or `seconds` (0: no limit).
+int runRedistributor(std::ostream& out, double seconds);
+
 // Shared by the commands.
 // "<root>/tunnel/table/<name>/entry" when its slot table exists, else throws TableMissing.
 std::string existingTableDirectory(const TableEntry& table);

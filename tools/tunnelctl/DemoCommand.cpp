@@ -6,7 +6,10 @@
 //      synchronization and quiescence on a pipe;
 //   3. once both readers hold every tunnel, the writer applies the update description (SIGUSR1)
 //      and the readers report the keys it changed;
-//   4. the readers are stopped (SIGTERM) and report the entries they hold; the writer is stopped.
+//   4. the redistributor (started with the RIB builder, before the writer) has followed the LDP
+//      and BGP-LU changes: the demo reads both redistribution configurations, as a third process,
+//      before and after the update and prints what changed; then the RIBs the builder made;
+//   5. the readers are stopped (SIGTERM) and report the entries they hold; the others are stopped.
 // The demo fails (exit 1) unless both readers end up holding exactly the update's entries.
 //
 // Unless TUNNEL_SHMEM_ROOT is set, the demo runs under a fresh temporary store root (removed at the
@@ -17,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -29,11 +33,13 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "Agent.h"
 #include "Commands.h"
 #include "Description.h"
 #include "Publisher.h"
+#include "RedistAgent.h"
 #include "Region/StoreRoot.h"
 #include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
@@ -146,6 +152,55 @@ int builderMain(int fd) {
        std::chrono::hours(1));
    emit(fd, "end");
    return 0;
+}
+
+// ---- the redistribution agent ----
+
+// Runs the redistribution agent; reports "handled <table> <index>" for each key its machines have
+// handled, until SIGTERM.
+int redistributorMain(int fd) {
+   Agent agent;
+   bool stop = false;
+   agent.signalsIs({SIGTERM, SIGINT}, [&](int) { stop = true; });
+   RedistAgent redist(agent, [fd](const std::string& table, uint64_t index) {
+      emit(fd, "handled " + table + " " + std::to_string(index));
+   });
+   agent.runUntil([&] { return stop; }, std::chrono::hours(1));
+   emit(fd, "end");
+   return 0;
+}
+
+// The redistribution configurations as this process reads them: (config, endpoint, tunnel) ->
+// igpMetric.
+using RedistView = std::map<std::tuple<std::string, std::string, std::string>, uint32_t>;
+std::optional<RedistView> readRedist() {
+   Agent agent;
+   std::vector<Vela::Ptr<Tunnel::TunnelRedist::TunnelRedistConfig>> copies;
+   for (const char* name : {kLdpRedistConfig, kBgpLuRedistConfig}) {
+      copies.push_back(Tunnel::TunnelRedist::mountTunnelRedistConfig(agent.service(), name, false,
+                                                                     agent.loop()));
+   }
+   const bool synced = agent.runUntil(
+       [&] {
+          for (const auto& c : copies) {
+             if (!c->synchronized()) return false;
+          }
+          return true;
+       },
+       std::chrono::seconds(10));
+   if (!synced) return std::nullopt;
+   RedistView view;
+   for (const auto& c : copies) {
+      for (const auto& [prefix, entry] : c->entries()) {
+         for (const auto& [id, info] : entry->memberTunnelInfos()) {
+            const std::string tunnel =
+                std::string(Tunnel::TunnelTable::tunnelTypeName(id.tunnelType())) + " index " +
+                std::to_string(id.tunnelIndex());
+            view[{c->name(), prefix.stringValue(), tunnel}] = info.igpMetric();
+         }
+      }
+   }
+   return view;
 }
 
 // ---- the writer process ----
@@ -339,7 +394,7 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
        << "): " << first.routers.size() << " routers, " << first.tunnels.size() << " tunnels in "
        << first.tables().size() << " tables\n";
 
-   Child r1{"reader 1"}, r2{"reader 2"}, w{"writer"}, b{"rib builder"};
+   Child r1{"reader 1"}, r2{"reader 2"}, w{"writer"}, b{"rib builder"}, rd{"redistributor"};
    Children children;
    children.all = {&r1, &r2};
    auto fail = [&](const std::string& what) {
@@ -365,6 +420,8 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    // 2. The RIB builder mounts the same tables, then the writer publishes.
    spawn(b, [&](int fd) { return builderMain(fd); });
    children.all.push_back(&b);
+   spawn(rd, [&](int fd) { return redistributorMain(fd); });
+   children.all.push_back(&rd);
    spawn(w, [&](int fd) { return writerMain(fd, first, update); });
    children.all.push_back(&w);
    const auto expectFirst = expectedEntries(first);
@@ -395,9 +452,33 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
       }
    }
 
+   // The redistributor has filed every LDP and BGP-LU tunnel: the configurations before the update.
+   const auto redistHandled = [&](size_t from,
+                                  const std::set<std::pair<std::string, uint64_t>>& keys) {
+      std::set<std::pair<std::string, uint64_t>> handled;
+      for (size_t i = from; i < rd.lines.size(); ++i) {
+         std::istringstream in(rd.lines[i]);
+         std::string word, table;
+         uint64_t index = 0;
+         if (in >> word >> table >> index && word == "handled") handled.insert({table, index});
+      }
+      return std::includes(handled.begin(), handled.end(), keys.begin(), keys.end());
+   };
+   std::set<std::pair<std::string, uint64_t>> redistKeys;
+   for (const auto& t : first.tunnels) {
+      if (t.table->mountName == "ldp" || t.table->mountName == "bgpLu") {
+         redistKeys.insert({t.table->mountName, t.id.tunnelIndex()});
+      }
+   }
+   if (!children.waitFor([&] { return redistHandled(0, redistKeys); }, std::chrono::seconds(30))) {
+      return fail("the redistributor did not file every LDP and BGP-LU tunnel within 30 s");
+   }
+   const std::optional<RedistView> redistBefore = readRedist();
+   if (!redistBefore) return fail("the redistribution configurations could not be read");
+
    // 3. The update.
    const size_t before1 = r1.lines.size(), before2 = r2.lines.size(), beforeW = w.lines.size(),
-                beforeB = b.lines.size();
+                beforeB = b.lines.size(), beforeRd = rd.lines.size();
    ::kill(w.pid, SIGUSR1);
    const auto updated = [&] {
       for (size_t i = beforeW; i < w.lines.size(); ++i) {
@@ -454,6 +535,35 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
       out << "; quiesced again\n";
    }
 
+   // The redistribution configurations follow the LDP and BGP-LU changes of the update.
+   std::set<std::pair<std::string, uint64_t>> redistChanged;
+   for (const auto& k : changed) {
+      if (k.first == "ldp" || k.first == "bgpLu") redistChanged.insert(k);
+   }
+   if (!children.waitFor([&] { return redistHandled(beforeRd, redistChanged); },
+                         std::chrono::seconds(30))) {
+      return fail("the redistributor did not follow the update within 30 s");
+   }
+   const std::optional<RedistView> redistAfter = readRedist();
+   if (!redistAfter) return fail("the redistribution configurations could not be read");
+   out << "redistributor (pid " << rd.pid << ") followed the update; the configurations ("
+       << redistAfter->size() << " members) changed:\n";
+   const auto print = [&](const RedistView::key_type& key, const std::string& what) {
+      const auto& [config, tep, tunnel] = key;
+      out << "  " << config << " " << tep << ": " << tunnel << " igpMetric " << what << "\n";
+   };
+   for (const auto& [key, metric] : *redistBefore) {
+      const auto it = redistAfter->find(key);
+      if (it == redistAfter->end()) {
+         print(key, std::to_string(metric) + " removed");
+      } else if (it->second != metric) {
+         print(key, std::to_string(metric) + " -> " + std::to_string(it->second));
+      }
+   }
+   for (const auto& [key, metric] : *redistAfter) {
+      if (!redistBefore->count(key)) print(key, std::to_string(metric) + " added");
+   }
+
    // 4. The RIB the builder made of the update, as this (third) process reads it.
    // It says "settled" each time it has applied new changes and holds what the tables say.
    const auto settledSince = [&](size_t from) {
@@ -482,8 +592,9 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    }
    ::kill(w.pid, SIGTERM);
    ::kill(b.pid, SIGTERM);
+   ::kill(rd.pid, SIGTERM);
    int status = 0;
-   for (Child* c : {&r1, &r2, &w, &b}) {
+   for (Child* c : {&r1, &r2, &w, &b, &rd}) {
       if (Children::reap(*c) != 0) {
          status = 1;
          std::cerr << "tunnelctl demo: " << c->name << " did not exit cleanly\n";

@@ -106,6 +106,15 @@ int main(int argc, char** argv) {
        "rib-builder", "the tunnel RIB builder as an agent: protocol tables in, both RIBs out");
    ribBuilder->add_option("--seconds", seconds, "stop after S seconds");
 
+   std::string redistName;
+   auto* redist = app.add_subcommand(
+       "redist", "the redistribution configurations (a redistributor writes them)");
+   redist->add_option("NAME", redistName, "ldp or bgpLu (default: both)");
+   redist->add_flag("--json", json, "machine-readable output");
+   auto* redistributor = app.add_subcommand(
+       "redistributor", "the redistribution agent: LDP and BGP-LU tables in, configurations out");
+   redistributor->add_option("--seconds", seconds, "stop after S seconds");
+
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError& e) {
@@ -127,6 +136,8 @@ int main(int argc, char** argv) {
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
       if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json, candidates);
       if (*ribBuilder) return TunnelCtl::runRibBuilder(std::cout, seconds);
+      if (*redist) return TunnelCtl::runRedist(std::cout, redistName, json);
+      if (*redistributor) return TunnelCtl::runRedistributor(std::cout, seconds);
       if (*demo) return TunnelCtl::runDemo(std::cout, demoFile, demoUpdate);
    } catch (const TunnelCtl::UsageError& e) {
       std::cerr << "tunnelctl: " << e.what() << "\n";
