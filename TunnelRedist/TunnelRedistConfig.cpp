@@ -67,6 +67,18 @@ TunnelRedistConfig::~TunnelRedistConfig() {
    for (auto& [prefix, e] : entries_) e->config_ = nullptr;
 }
 
+void TunnelRedistConfig::handleParent(const Vela::Ptr<Vela::Entity>& parent) {
+   StoreEntity::handleParent(parent);
+   if (!members_.isWriter()) return;
+   for (const TunnelRedistMember& m : members_.records()) {
+      const auto e = entry(m.tep);
+      if (!e || e->memberTunnelInfo(m.info.tunnelId()) != m.info) members_.unpublish(m.key());
+   }
+   for (const auto& [prefix, e] : entries_) {
+      for (const auto& [id, info] : e->members_) members_.publish({prefix, info});
+   }
+}
+
 Vela::Ptr<TunnelRedistEntry> TunnelRedistConfig::entry(const Wirekit::IpGenPrefix& prefix) const {
    auto it = entries_.find(prefix);
    return it == entries_.end() ? nullptr : it->second;

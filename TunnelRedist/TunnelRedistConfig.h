@@ -82,6 +82,11 @@ class TunnelRedistConfig : public TunnelTable::StoreEntity {
    Vela::Ptr<TunnelRedistEntry> entryDel(const Wirekit::IpGenPrefix& prefix);
    void entryDelAll();
 
+   // Mounted as writer, also makes the store hold exactly this configuration: members an earlier
+   // writer left (its process is gone, and so is what it knew) are removed, the config's own
+   // written.
+   void handleParent(const Vela::Ptr<Vela::Entity>& parent) override;
+
    // The published members, for tools: the store's records in its order.
    std::vector<TunnelRedistMember> publishedMembers() const { return members_.records(); }
 

@@ -136,6 +136,23 @@ Content contentOf(const TunnelRedistConfig& config) {
    return c;
 }
 
+TEST(TunnelRedistConfig, ANewWriterLeavesInTheStoreOnlyWhatItHolds) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   {
+      auto old = mountTunnelRedistConfig(*service, "ldp", true, loop);
+      old->entryIs(tep(1))->memberTunnelInfoIs(TunnelInfo(ldp(1), 10));
+      old->entryIs(tep(2))->memberTunnelInfoIs(TunnelInfo(ldp(2), 20));
+      service->unmount(tunnelRedistConfigPath("ldp"));
+   }
+   auto config = mountTunnelRedistConfig(*service, "ldp", true, loop);
+   config->entryIs(tep(1))->memberTunnelInfoIs(TunnelInfo(ldp(1), 11));
+   const auto published = config->publishedMembers();
+   ASSERT_EQ(published.size(), 1u);
+   EXPECT_EQ(published[0], (TunnelRedistMember{tep(1), TunnelInfo(ldp(1), 11)}));
+}
+
 TEST(TunnelRedistConfig, AReaderInAnotherProcessFollowsTheWriterKeyByKey) {
    Testing::TempRoot root;
    int ready[2], go[2];
