@@ -63,6 +63,10 @@ int runRedist(std::ostream& out, const std::string& name, bool json);
 // Runs the redistribution agent until SIGINT/SIGTERM, or `seconds` (0: no limit).
 int runRedistributor(std::ostream& out, double seconds);
 
+// The decapsulation and nexthop-group tunnel configurations as a reader in this process sees them.
+int runDecap(std::ostream& out, bool json);
+int runNexthopGroup(std::ostream& out, bool json);
+
 // Shared by the commands.
 // "<root>/tunnel/table/<name>/entry" when its slot table exists, else throws TableMissing.
 std::string existingTableDirectory(const TableEntry& table);

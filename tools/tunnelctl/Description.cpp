@@ -141,6 +141,19 @@ class Cursor {
          fail("bad IPv4/IPv6 address '" + s + "'");
       }
    }
+   // A prefix, or an address as its host prefix.
+   Wirekit::IpGenPrefix prefix() const {
+      const std::string s = string();
+      try {
+         Wirekit::IpGenPrefix p = s.find('/') == std::string::npos
+                                      ? Wirekit::IpGenPrefix::host(Wirekit::IpGenAddr(s))
+                                      : Wirekit::IpGenPrefix(s);
+         if (p.isNone()) throw Vela::ParseException("none");
+         return p;
+      } catch (const Vela::Exception&) {
+         fail("bad IPv4/IPv6 prefix '" + s + "'");
+      }
+   }
    Wirekit::IntfId interface() const {
       const std::string s = string();
       try {
@@ -847,6 +860,86 @@ void readRouters(const Cursor& c, Description& d) {
    }
 }
 
+// "decapGroups": [{"name", "tunnelType", "decapIps": [prefix...], "forwardingVrf"}]
+void readDecapGroups(const Cursor& c, Description& d) {
+   const json& a = c.array();
+   for (size_t i = 0; i < a.size(); ++i) {
+      Object o(c.at(i));
+      const Cursor nameKey = o.need("name");
+      const std::string name = nameKey.string();
+      for (const auto& g : d.decapGroups) {
+         if (g->name() == name) nameKey.fail("duplicate decap group '" + name + "'");
+      }
+      const Cursor typeKey = o.need("tunnelType");
+      Tunnel::Decap::DecapTunnelType type{};
+      try {
+         type = Tunnel::Decap::decapTunnelTypeFromString(typeKey.string());
+      } catch (const Vela::Exception& e) {
+         typeKey.fail(e.what());
+      }
+      std::vector<Wirekit::IpGenPrefix> ips;
+      if (auto ic = o.get("decapIps")) {
+         const json& ia = ic->array();
+         for (size_t k = 0; k < ia.size(); ++k) ips.push_back(ic->at(k).prefix());
+      }
+      Vela::String vrf = "default";
+      if (auto vc = o.get("forwardingVrf")) vrf = vc->string();
+      o.finish("in a decap group");
+      try {
+         d.decapGroups.push_back(
+             Tunnel::Decap::decapGroupFactory(name, type, std::move(ips), std::move(vrf)));
+      } catch (const Vela::Exception& e) {
+         c.at(i).fail(e.what());
+      }
+   }
+}
+
+// "decapPorts": [{"port", "payloadType"}]
+void readDecapPorts(const Cursor& c, Description& d) {
+   const json& a = c.array();
+   for (size_t i = 0; i < a.size(); ++i) {
+      Object o(c.at(i));
+      const Cursor portKey = o.need("port");
+      const auto port = uint16_t(portKey.unsignedNumber(65535));
+      for (const auto& [p, t] : d.decapPorts) {
+         if (p == port) portKey.fail("duplicate port " + std::to_string(port));
+      }
+      const Cursor typeKey = o.need("payloadType");
+      try {
+         d.decapPorts.emplace_back(port, Tunnel::Decap::payloadTypeFromString(typeKey.string()));
+      } catch (const Vela::Exception& e) {
+         typeKey.fail(e.what());
+      }
+      o.finish("in a decap port");
+   }
+}
+
+// "nexthopGroupTunnels": [{"endpoint", "nexthopGroup", "igpPref", "igpMetric"}]
+void readNexthopGroupTunnels(const Cursor& c, Description& d) {
+   const json& a = c.array();
+   for (size_t i = 0; i < a.size(); ++i) {
+      Object o(c.at(i));
+      const Cursor endpointKey = o.need("endpoint");
+      const Wirekit::IpGenPrefix endpoint = endpointKey.prefix();
+      for (const auto& e : d.nexthopGroupTunnels) {
+         if (e.endpoint() == endpoint) {
+            endpointKey.fail("duplicate nexthop-group tunnel endpoint " + endpoint.stringValue());
+         }
+      }
+      Tunnel::NexthopGroup::NexthopGroupTunnelConfigEntry e(endpoint);
+      const Cursor groupKey = o.need("nexthopGroup");
+      try {
+         e.nexthopGroupNameIs(groupKey.string());
+      } catch (const Vela::Exception& x) {
+         groupKey.fail(x.what());
+      }
+      if (auto pc = o.get("igpPref")) e.igpPrefIs(uint8_t(pc->unsignedNumber(255)));
+      if (auto mc = o.get("igpMetric")) e.igpMetricIs(mc->u32());
+      o.finish("in a nexthop-group tunnel");
+      d.nexthopGroupTunnels.push_back(std::move(e));
+   }
+}
+
 // The keys of the top-level object of a JSON text, in order. A plain scan of brackets and
 // strings: it only decides whether tunnels can be read while the file is parsed, and anything it
 // cannot follow is the parser's to report.
@@ -930,6 +1023,18 @@ Description parseDescription(const std::string& text, const std::string& file) {
    const Cursor tunnels = top.need("tunnels");
    const json& a = tunnels.array();
    for (size_t i = 0; i < a.size(); ++i) reader.read(tunnels.at(i));
+   if (auto c = top.get("decapGroups")) {
+      d.hasDecap = true;
+      readDecapGroups(*c, d);
+   }
+   if (auto c = top.get("decapPorts")) {
+      d.hasDecap = true;
+      readDecapPorts(*c, d);
+   }
+   if (auto c = top.get("nexthopGroupTunnels")) {
+      d.hasNexthopGroupTunnels = true;
+      readNexthopGroupTunnels(*c, d);
+   }
    top.finish();
    return d;
 }

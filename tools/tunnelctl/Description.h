@@ -17,6 +17,9 @@
 #include <string>
 #include <vector>
 
+#include "Decap/DecapGroupVaultTypes.h"
+#include "Decap/PayloadType.h"
+#include "NexthopGroup/NexthopGroupTunnelConfigEntry.h"
 #include "TableCatalog.h"
 #include "TunnelTable/TunnelId.h"
 #include "Vela/String.h"
@@ -79,6 +82,14 @@ struct Description {
    std::string localRouter;
    std::vector<Router> routers;
    std::vector<DescribedTunnel> tunnels;  // in file order
+   // The decapsulation configuration ("decapGroups", "decapPorts") and the nexthop-group tunnel
+   // configuration ("nexthopGroupTunnels"), each in file order; a configuration is published
+   // only when its keys are there.
+   bool hasDecap = false;
+   std::vector<Vela::Ptr<const Tunnel::Decap::DecapGroup>> decapGroups;
+   std::vector<std::pair<uint16_t, Tunnel::Decap::PayloadType>> decapPorts;
+   bool hasNexthopGroupTunnels = false;
+   std::vector<Tunnel::NexthopGroup::NexthopGroupTunnelConfigEntry> nexthopGroupTunnels;
 
    const Router* router(std::string_view name) const;
    // The tables the description fills, in identifier order.

@@ -275,6 +275,44 @@ TEST(Description, MistakesNameTheFileThePlaceAndWhatIsWrong) {
              "address and a length, as 10.0.0.1/31)");
 }
 
+TEST(Description, ConfigurationsAreReadAndTheirMistakesNamed) {
+   const auto with = [](const std::string& keys) { return R"({"tunnels": [], )" + keys + "}"; };
+   const Description d = parseDescription(
+       with(R"("decapGroups": [{"name": "g", "tunnelType": "udp", "decapIps": ["10.0.0.1"],
+            "forwardingVrf": "red"}], "decapPorts": [{"port": 4789, "payloadType": "ethernet"}],
+            "nexthopGroupTunnels": [{"endpoint": "10.9.0.0/16", "nexthopGroup": "n",
+            "igpPref": 2, "igpMetric": 30}])"),
+       "ok.json");
+   ASSERT_EQ(d.decapGroups.size(), 1u);
+   EXPECT_EQ(Tunnel::Decap::valueToStrep(*d.decapGroups[0]),
+             "Value('Tunnel::Decap::DecapGroup', ** {'name': 'g', 'tunnelType': udp, 'decapIps': "
+             "['10.0.0.1/32'], 'forwardingVrf': 'red'})");
+   EXPECT_EQ(d.decapPorts, (std::vector<std::pair<uint16_t, Tunnel::Decap::PayloadType>>{
+                               {4789, Tunnel::Decap::PayloadType::ethernet}}));
+   ASSERT_EQ(d.nexthopGroupTunnels.size(), 1u);
+   EXPECT_EQ(d.nexthopGroupTunnels[0].igpMetric(), 30u);
+   EXPECT_TRUE(d.hasDecap && d.hasNexthopGroupTunnels);
+
+   const std::pair<std::string, std::string> cases[] = {
+       {R"("decapGroups": [{"name": "g", "tunnelType": "vxlan"}])",
+        "bad.json: decapGroups[0].tunnelType: "},
+       {R"("decapGroups": [{"name": "g", "tunnelType": "gre"}, {"name": "g", "tunnelType": "gre"}])",
+        "bad.json: decapGroups[1].name: duplicate decap group 'g'"},
+       {R"("decapGroups": [{"name": "", "tunnelType": "gre"}])", "bad.json: decapGroups[0]: "},
+       {R"("decapPorts": [{"port": 65536, "payloadType": "mpls"}])",
+        "bad.json: decapPorts[0].port: expected a whole number from 0 to 65535, got 65536"},
+       {R"("decapPorts": [{"port": 1, "payloadType": "mpls"}, {"port": 1, "payloadType": "ipv4"}])",
+        "bad.json: decapPorts[1].port: duplicate port 1"},
+       {R"("nexthopGroupTunnels": [{"endpoint": "x", "nexthopGroup": "n"}])",
+        "bad.json: nexthopGroupTunnels[0].endpoint: bad IPv4/IPv6 prefix 'x'"},
+       {R"("nexthopGroupTunnels": [{"endpoint": "10.0.0.1", "nexthopGroup": "n", "pref": 1}])",
+        "bad.json: nexthopGroupTunnels[0].pref: unknown key in a nexthop-group tunnel"},
+   };
+   for (const auto& [keys, error] : cases) {
+      EXPECT_EQ(errorOf(with(keys)).rfind(error, 0), 0u) << errorOf(with(keys));
+   }
+}
+
 TEST(Description, NestingDeeperThanTheToolReadsIsRefusedWithoutCrashing) {
    // 100,000 levels: refused at level 64, before anything recursive sees the value.
    const std::string deep(100000, '[');

@@ -469,3 +469,76 @@ TEST_F(OperatorTest, DamagedFilesAreExplainedAtOnce) {
 }
 
 }  // namespace
+
+namespace ConfigViews {
+
+// An LDP and a BGP-LU tunnel, and both configurations; `ldpEndpoint` and `nhgMetric` change.
+std::string description(const std::string& ldpEndpoint, int nhgMetric) {
+   return R"({"tunnels": [
+      {"table": "ldp", "index": 1, "endpoint": ")" +
+          ldpEndpoint + R"(", "igpMetric": 7},
+      {"table": "bgpLu", "index": 2, "endpoint": "192.0.2.2/32"}],
+    "decapGroups": [{"name": "g1", "tunnelType": "gre", "decapIps": ["10.9.0.1"]}],
+    "decapPorts": [{"port": 4789, "payloadType": "ethernet"}],
+    "nexthopGroupTunnels": [{"endpoint": "198.51.100.1/32", "nexthopGroup": "nhg", "igpMetric": )" +
+          std::to_string(nhgMetric) + "}]}";
+}
+
+}  // namespace ConfigViews
+
+TEST_F(OperatorTest, ConfigurationsAreReadFromOtherProcessesAndFollowTheirSources) {
+   EXPECT_EQ(run({"decap"}).err,
+             "tunnelctl: the decap configuration is not published (publish a description with "
+             "it)\n");
+   EXPECT_EQ(run({"redist", "ospf"}).status, 2);
+   const std::string net = file("net.json", ConfigViews::description("10.1.0.0/16", 10));
+   Tool redistributor(root_.path(), {"redistributor"});
+   ASSERT_TRUE(redistributor.waitFor("redistributor: following ldp and bgpLu*"));
+   Tool pub(root_.path(), {"publish", net});
+   ASSERT_TRUE(pub.waitFor("ready: 2 tunnels*"));
+   EXPECT_NE(pub.out().find("decap: 1 groups, 1 ports, ready\nnexthop-group tunnels: 1\n"),
+             std::string::npos);
+
+   const auto redistOnce = [&](const std::string& want) {
+      Result r;
+      for (int i = 0; i < 100; ++i) {
+         r = run({"redist"});
+         if (r.out == want) break;
+         std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      }
+      return r.out;
+   };
+   const std::string first =
+       "TunnelRedistConfig ldp: 1 entries\n  10.1.0.0/16\n    ldpTunnel index 1 igpMetric 7\n"
+       "TunnelRedistConfig bgpLu: 1 entries\n  192.0.2.2/32\n    bgpLuTunnel index 2 igpMetric "
+       "0\n";
+   EXPECT_EQ(redistOnce(first), first);
+   EXPECT_EQ(run({"decap"}).out,
+             "Decap config tunnel/decap/config (ready): 1 decap groups, 1 ports\n"
+             "  group g1 gre vrf default: 10.9.0.1/32\n  port 4789 payload ethernet\n");
+   EXPECT_EQ(run({"nexthop-group"}).out,
+             "NexthopGroup config tunnel/nexthopGroup/config: 1 tunnels\n"
+             "  198.51.100.1/32 nexthop-group nhg igpPref 0 igpMetric 10\n");
+
+   // The LDP tunnel's endpoint moves and the nexthop-group tunnel's metric changes.
+   const size_t before = pub.out().size();
+   writeFile(net, ConfigViews::description("10.2.0.0/16", 11));
+   pub.signal(SIGHUP);
+   ASSERT_TRUE(pub.waitFor("reloaded *"));
+   EXPECT_EQ(pub.out().substr(before),
+             "ldp index 1: written\nnexthop-group tunnel "
+             "198.51.100.1/32: written\nreloaded " +
+                 net + ": 2 changes\n");
+   const std::string moved =
+       "TunnelRedistConfig ldp: 1 entries\n  10.2.0.0/16\n    ldpTunnel index 1 igpMetric 7\n"
+       "TunnelRedistConfig bgpLu: 1 entries\n  192.0.2.2/32\n    bgpLuTunnel index 2 igpMetric "
+       "0\n";
+   EXPECT_EQ(redistOnce(moved), moved);
+   const Result json = run({"nexthop-group", "--json"});
+   EXPECT_NE(json.out.find("\"igpMetric\": 11"), std::string::npos) << json.out;
+   EXPECT_EQ(run({"redist", "bgpLu", "--json"}).status, 0);
+   pub.signal(SIGTERM);
+   redistributor.signal(SIGTERM);
+   EXPECT_EQ(pub.finish(), 0);
+   EXPECT_EQ(redistributor.finish(), 0);
+}

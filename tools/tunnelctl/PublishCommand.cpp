@@ -47,7 +47,9 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
          try {
             const auto changes = publisher.apply(loadDescription(file));
             for (const auto& c : changes) out << changeText(c) << "\n";
-            out << "reloaded " << file << ": " << changes.size() << " changes" << std::endl;
+            for (const auto& c : publisher.configChanges()) out << c << "\n";
+            out << "reloaded " << file << ": " << changes.size() + publisher.configChanges().size()
+                << " changes" << std::endl;
          } catch (const std::exception& e) {
             // A bad edit, or a table another writer holds, leaves the published tables as they
             // were; the writer goes on.
@@ -59,6 +61,13 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
       const Description d = loadDescription(file);
       const auto changes = publisher.apply(d);
       summarize(out, d, changes);
+      if (d.hasDecap) {
+         out << "decap: " << d.decapGroups.size() << " groups, " << d.decapPorts.size()
+             << " ports, ready\n";
+      }
+      if (d.hasNexthopGroupTunnels) {
+         out << "nexthop-group tunnels: " << d.nexthopGroupTunnels.size() << "\n";
+      }
       out << "ready: " << d.tunnels.size() << " tunnels in " << d.tables().size()
           << " tables under " << Region::storeRoot() << std::endl;
    }

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "Agent.h"
+#include "Decap/DecapGroup.h"
 #include "Description.h"
+#include "NexthopGroup/NexthopGroupTunnelConfig.h"
 
 namespace TunnelCtl {
 
@@ -37,12 +39,22 @@ class Publisher {
        const {
       return tables_;
    }
+   // What the last apply changed in the decapsulation and nexthop-group configurations, one line
+   // each ("decap group dg1: written", "nexthop-group tunnel 10.9.0.1/32: removed"); a
+   // configuration the description has is mounted at its own path, made to hold exactly what is
+   // described (groups compared by content), and the decap configuration marked ready.
+   const std::vector<std::string>& configChanges() const { return configChanges_; }
 
   private:
    void mountAll(const Description& d);
+   void applyDecap(const Description& d);
+   void applyNexthopGroups(const Description& d);
 
    Agent& agent_;
    std::map<TunnelTableIdentifier, Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase>> tables_;
+   Vela::Ptr<Tunnel::Decap::Config> decap_;
+   Vela::Ptr<Tunnel::NexthopGroup::Config> nexthopGroups_;
+   std::vector<std::string> configChanges_;
 };
 
 // "ldp index 7: written" / "... removed".

@@ -115,6 +115,12 @@ int main(int argc, char** argv) {
        "redistributor", "the redistribution agent: LDP and BGP-LU tables in, configurations out");
    redistributor->add_option("--seconds", seconds, "stop after S seconds");
 
+   auto* decap = app.add_subcommand("decap", "the decapsulation configuration (publish writes it)");
+   decap->add_flag("--json", json, "machine-readable output");
+   auto* nexthopGroup = app.add_subcommand(
+       "nexthop-group", "the nexthop-group tunnel configuration (publish writes it)");
+   nexthopGroup->add_flag("--json", json, "machine-readable output");
+
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError& e) {
@@ -138,6 +144,8 @@ int main(int argc, char** argv) {
       if (*ribBuilder) return TunnelCtl::runRibBuilder(std::cout, seconds);
       if (*redist) return TunnelCtl::runRedist(std::cout, redistName, json);
       if (*redistributor) return TunnelCtl::runRedistributor(std::cout, seconds);
+      if (*decap) return TunnelCtl::runDecap(std::cout, json);
+      if (*nexthopGroup) return TunnelCtl::runNexthopGroup(std::cout, json);
       if (*demo) return TunnelCtl::runDemo(std::cout, demoFile, demoUpdate);
    } catch (const TunnelCtl::UsageError& e) {
       std::cerr << "tunnelctl: " << e.what() << "\n";

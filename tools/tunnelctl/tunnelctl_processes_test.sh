@@ -88,7 +88,8 @@ pids+=($wm)
 wait_for "$work/watch-mldp.out" '^mldpTunnel: synchronized, 4 entries$' 20
 cp "$src/examples/network-update.json" "$work/net.json"
 kill -HUP $pub
-wait_for "$work/publish.out" '^reloaded .*: 6 changes$' 20
+wait_for "$work/publish.out" '^reloaded .*: 7 changes$' 20
+grep -qx "nexthop-group tunnel 198.51.100.1/32: written" "$work/publish.out" || fail "reload rewrites the changed nexthop-group tunnel"
 wait $wl || fail "watch ldp exit status"
 wait $ws || fail "watch static exit status"
 wait $wm || fail "watch mldpTunnel exit status"
