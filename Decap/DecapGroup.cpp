@@ -175,25 +175,14 @@ void Config::readyFollow() {
 // ---- factories ----
 
 Vela::Ptr<Config> configFactory(const Vela::String& name) {
-   auto config = Vela::makePtr<Config>(name);
-   config->hasNotificationActiveIs(true);
-   return config;
+   return TunnelTable::makeStoreEntity<Config>(name);
 }
 
 Vela::Ptr<Config> ConfigIs(const Vela::String& name) {
    return configFactory(name);
 }
 
-namespace {
-
 // Registered when the library loads, so the mount service builds the type by its name.
-const bool registered = [] {
-   Vela::TypeRegistry::instance().typeIs(Config::kTypeName, [](const Vela::String& name) {
-      return Vela::Ptr<Vela::Entity>(configFactory(name));
-   });
-   return true;
-}();
-
-}  // namespace
+const bool registered = TunnelTable::registerStoreEntityType<Config>(configFactory);
 
 }  // namespace Tunnel::Decap

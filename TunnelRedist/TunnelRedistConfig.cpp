@@ -137,9 +137,7 @@ void TunnelRedistConfig::memberArrived(const TunnelRedistMemberKey& key) {
 }
 
 Vela::Ptr<TunnelRedistConfig> tunnelRedistConfigFactory(const Vela::String& name) {
-   auto config = Vela::makePtr<TunnelRedistConfig>(name);
-   config->hasNotificationActiveIs(true);
-   return config;
+   return TunnelTable::makeStoreEntity<TunnelRedistConfig>(name);
 }
 
 Vela::Ptr<TunnelRedistConfig> TunnelRedistConfigIs(const Vela::String& name) {
@@ -157,16 +155,8 @@ Vela::Ptr<TunnelRedistConfig> mountTunnelRedistConfig(Vault::MountService& servi
                                                             writer, loop, 1024);
 }
 
-namespace {
-
-// Registered when the library loads, so the mount service can build the config by type name.
-const bool registered = [] {
-   Vela::TypeRegistry::instance().typeIs(TunnelRedistConfig::kTypeName, [](const Vela::String& n) {
-      return Vela::Ptr<Vela::Entity>(tunnelRedistConfigFactory(n));
-   });
-   return true;
-}();
-
-}  // namespace
+// Registered when the library loads, so the mount service builds the type by its name.
+const bool registered =
+    TunnelTable::registerStoreEntityType<TunnelRedistConfig>(tunnelRedistConfigFactory);
 
 }  // namespace Tunnel::TunnelRedist

@@ -28,6 +28,7 @@
 #include "Vault/MountService.h"
 #include "Vault/Mountable.h"
 #include "Vela/Entity.h"
+#include "Vela/TypeRegistry.h"
 
 namespace Tunnel::TunnelTable {
 
@@ -191,6 +192,24 @@ class StoreEntity : public Vela::Entity, public Vault::Mountable {
   private:
    std::vector<StoreCollectionBase*> collections_;
 };
+
+// A new entity of type T with notifications on: what each configuration's factory returns.
+template <class T>
+Vela::Ptr<T> makeStoreEntity(const Vela::String& name) {
+   auto entity = Vela::makePtr<T>(name);
+   entity->hasNotificationActiveIs(true);
+   return entity;
+}
+
+// Registers `factory` under T::kTypeName, so the mount service builds T by its name; called once
+// when the library loads (`const bool registered = registerStoreEntityType<T>(tFactory);`).
+template <class T>
+bool registerStoreEntityType(Vela::Ptr<T> (*factory)(const Vela::String&)) {
+   Vela::TypeRegistry::instance().typeIs(T::kTypeName, [factory](const Vela::String& name) {
+      return Vela::Ptr<Vela::Entity>(factory(name));
+   });
+   return true;
+}
 
 // Mounts a StoreEntity type at `path` as writer (every collection sized `sizing` initial slots) or
 // as a key-shadowing reader, through the mount service, and gives it back as T. Throws as
