@@ -2,40 +2,11 @@
 
 #include "TunnelTable/TableRegistry.h"
 #include "Vela/Exception.h"
-#include "store/DockShadow.h"
 
 namespace Tunnel::TunnelTable {
 
-// A protocol table the builder reads: its reader, how to read what its entries offer, and the
-// notifiee that hears its per-key changes.
-struct TunnelRibBuilder::Source : Vela::Entity::Notifiee {
-   Source(TunnelRibBuilder& builder, uint32_t index, Vela::Ptr<TunnelTableBase> table,
-          RibContributionReader reader)
-       : builder(builder), index(index), table(std::move(table)), reader(std::move(reader)) {}
-
-   void onAttribute(Vela::AttributeId attr, const void* key) override {
-      if (attr == Vela::attrEntry && key) {
-         builder.keyChanged(index, *static_cast<const TunnelId*>(key));
-      }
-   }
-
-   // Ready: synchronized, or waiting for a writer that has not made the table yet (nothing to
-   // wait for: its keys arrive as changes when it does).
-   bool ready() const {
-      const auto state = Dock::ReaderState(table->storeMountStatus());
-      return state == Dock::ReaderState::kDetached || state == Dock::ReaderState::kSynchronized ||
-             state == Dock::ReaderState::kQuiesced;
-   }
-
-   TunnelRibBuilder& builder;
-   const uint32_t index;
-   Vela::Ptr<TunnelTableBase> table;
-   RibContributionReader reader;
-   bool wasReady = false;
-};
-
 TunnelRibBuilder::TunnelRibBuilder(const TunnelTableMounter& mounter)
-    : loop_(*mounter.eventLoop()) {
+    : watch_(*mounter.eventLoop(), [this](const auto& changes, bool r) { apply(changes, r); }) {
    rib_ = mounter.mountWriterOf<TunnelRib>();
    coloredRib_ = mounter.mountWriterOf<ColoredTunnelRib>();
    if (!rib_ || !coloredRib_) throw Vela::Exception("the tunnel RIBs are mounted as another type");
@@ -51,78 +22,27 @@ TunnelRibBuilder::TunnelRibBuilder(const TunnelTableMounter& mounter)
 TunnelRibBuilder::TunnelRibBuilder(const std::vector<Vela::Ptr<TunnelTableBase>>& sources,
                                    Vela::Ptr<TunnelRib> rib, Vela::Ptr<ColoredTunnelRib> coloredRib,
                                    Loom::EventLoop& loop)
-    : loop_(loop), rib_(std::move(rib)), coloredRib_(std::move(coloredRib)) {
+    : rib_(std::move(rib)),
+      coloredRib_(std::move(coloredRib)),
+      watch_(loop, [this](const auto& changes, bool r) { apply(changes, r); }) {
    attach(sources);
 }
 
-TunnelRibBuilder::~TunnelRibBuilder() {
-   *alive_ = false;
-   for (auto& s : sources_) {
-      s->table->notifieeDel(s.get());
-      if (const auto& control = s->table->entryControl()) control->reactorIs(nullptr);
-   }
-}
+TunnelRibBuilder::~TunnelRibBuilder() = default;
 
 void TunnelRibBuilder::attach(const std::vector<Vela::Ptr<TunnelTableBase>>& sources) {
    for (const auto& table : sources) {
       if (!table) continue;
       RibContributionReader reader = ribContributionReader(table->fwkTypeName());
       if (!reader) continue;
-      const auto index = uint32_t(sources_.size());
-      auto source = std::make_unique<Source>(*this, index, table, std::move(reader));
-      table->notifieeAdd(source.get());
-      // The reader's state reaches the builder through its collection control: a change of
-      // mount status is how a resynchronization shows.
-      if (const auto& control = table->entryControl()) {
-         std::weak_ptr<bool> alive = alive_;
-         control->reactorIs([this, alive](const VelaDock::CollectionControl&,
-                                          VelaDock::CollectionControl::Change) {
-            if (auto a = alive.lock(); a && *a) readerStateChanged();
-         });
-      }
-      sources_.push_back(std::move(source));
+      watch_.add(table);
+      readers_.push_back(std::move(reader));
    }
-   // What the readers already hold when the builder starts comes in as changes, key by key.
-   for (const auto& s : sources_) {
-      for (const TunnelId& key : s->table->entryKeys()) keyChanged(s->index, key);
-   }
-   readerStateChanged();
-}
-
-bool TunnelRibBuilder::readersReady() const {
-   for (const auto& s : sources_) {
-      if (!s->ready()) return false;
-   }
-   return true;
-}
-
-void TunnelRibBuilder::readerStateChanged() {
-   // A reader that leaves the ready state is resynchronizing: reconcile once all are back.
-   for (const auto& s : sources_) {
-      const bool ready = s->ready();
-      if (s->wasReady && !ready) reconcileNeeded_ = true;
-      s->wasReady = ready;
-   }
-   if (reconcileNeeded_ && readersReady()) scheduleApply();
+   watch_.start();
 }
 
 bool TunnelRibBuilder::settled() const {
-   return readersReady() && !reconcileNeeded_ && pending_.empty() && dirty_.empty() &&
-          !applyScheduled_;
-}
-
-void TunnelRibBuilder::keyChanged(uint32_t source, const TunnelId& key) {
-   pending_.insert(TunnelKey{source, key.value()});
-   scheduleApply();
-}
-
-void TunnelRibBuilder::scheduleApply() {
-   if (applyScheduled_) return;
-   applyScheduled_ = true;
-   std::weak_ptr<bool> alive = alive_;
-   loop_.post([this, alive] {
-      if (auto a = alive.lock(); a && *a) apply();
-   });
+   return watch_.settled() && dirty_.empty();
 }
 
 void TunnelRibBuilder::detach(const RibContribution& c, uint32_t source) {
@@ -142,14 +62,12 @@ void TunnelRibBuilder::join(const RibContribution& c, uint32_t source) {
    dirty_.insert(c.endpoint);
 }
 
-void TunnelRibBuilder::apply() {
-   applyScheduled_ = false;
+void TunnelRibBuilder::apply(const std::set<TableWatch::Change>& changes, bool reconcileNow) {
    // Tunnels first: every changed key re-read once, whatever number of notifications it had.
-   std::set<TunnelKey> pending;
-   pending.swap(pending_);
-   for (const TunnelKey& k : pending) {
-      const Source& s = *sources_[k.source];
-      std::optional<RibContribution> now = s.reader(*s.table, TunnelId(k.tunnelId));
+   for (const TableWatch::Change& change : changes) {
+      const TunnelKey k{change.source, change.tunnelId};
+      std::optional<RibContribution> now =
+          readers_[k.source](*watch_.table(k.source), change.key());
       auto it = tunnels_.find(k);
       if (it == tunnels_.end()) {
          if (!now) continue;
@@ -171,7 +89,7 @@ void TunnelRibBuilder::apply() {
    std::set<ColoredTunnelEndpoint> dirty;
    dirty.swap(dirty_);
    for (const ColoredTunnelEndpoint& endpoint : dirty) evaluate(endpoint);
-   if (reconcileNeeded_ && readersReady()) reconcile();
+   if (reconcileNow) reconcile();
    if (batchObserver_) batchObserver_();
 }
 
@@ -212,7 +130,6 @@ void TunnelRibBuilder::evaluate(const ColoredTunnelEndpoint& endpoint) {
 }
 
 void TunnelRibBuilder::reconcile() {
-   reconcileNeeded_ = false;
    ++counters_.reconciles;
    std::set<ColoredTunnelEndpoint> stale;
    for (const auto& key : rib_->entryKeys()) {

@@ -37,6 +37,7 @@
 #include "Loom/EventLoop.h"
 #include "TunnelRib/RibContribution.h"
 #include "TunnelRib/TunnelRib.h"
+#include "TunnelTable/TableWatch.h"
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTableBase.h"
 
@@ -72,7 +73,7 @@ class TunnelRibBuilder {
 
    const Vela::Ptr<TunnelRib>& tunnelRib() const noexcept { return rib_; }
    const Vela::Ptr<ColoredTunnelRib>& coloredTunnelRib() const noexcept { return coloredRib_; }
-   size_t sourceCount() const noexcept { return sources_.size(); }
+   size_t sourceCount() const noexcept { return watch_.size(); }
 
    // True when every reader is synchronized (or has no writer yet), the last reconcile has run and
    // no change waits to be applied: the RIBs then hold what the tables say.
@@ -92,7 +93,6 @@ class TunnelRibBuilder {
    void batchObserverIs(std::function<void()> observer) { batchObserver_ = std::move(observer); }
 
   private:
-   struct Source;
    // A tunnel of one source table: tables of one type may share tunnel ids (the interface tables).
    struct TunnelKey {
       uint32_t source;
@@ -110,32 +110,25 @@ class TunnelRibBuilder {
    using Classes = std::map<InternalTunnelCandidateId, Members>;
 
    void attach(const std::vector<Vela::Ptr<TunnelTableBase>>& sources);
-   void keyChanged(uint32_t source, const TunnelId& key);
-   void scheduleApply();
-   void apply();
+   void apply(const std::set<TableWatch::Change>& changes, bool reconcile);
    void evaluate(const ColoredTunnelEndpoint& endpoint);
    void reconcile();
-   bool readersReady() const;
-   void readerStateChanged();
    void detach(const RibContribution& c, uint32_t source);
    void join(const RibContribution& c, uint32_t source);
 
-   Loom::EventLoop& loop_;
    Vela::Ptr<TunnelRib> rib_;
    Vela::Ptr<ColoredTunnelRib> coloredRib_;
-   std::vector<std::unique_ptr<Source>> sources_;
+   // The sources' readers, by source index; the watch holds the tables.
+   std::vector<RibContributionReader> readers_;
+   TableWatch watch_;
 
    std::unordered_map<TunnelKey, RibContribution, TunnelKeyHash> tunnels_;
    std::map<ColoredTunnelEndpoint, Classes> endpoints_;
 
-   std::set<TunnelKey> pending_;
    std::set<ColoredTunnelEndpoint> dirty_;
-   bool applyScheduled_ = false;
-   bool reconcileNeeded_ = true;
    Counters counters_;
    std::function<void(const ColoredTunnelEndpoint&)> endpointObserver_;
    std::function<void()> batchObserver_;
-   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace Tunnel::TunnelTable

@@ -87,6 +87,10 @@ class StoreCollection final : public StoreCollectionBase {
    void onKeyIs(std::function<void(const Key&)> f) { onKey_ = std::move(f); }
    // Reader: called each time the reader reaches synchronization (attach, writer restart).
    void onSynchronizedIs(std::function<void()> f) { onSynchronized_ = std::move(f); }
+   // Writer or reader: called after the store's mount status or quiesced state, as recorded in
+   // the collection control, changed.
+   void onMountStatusIs(std::function<void()> f) { onMountStatus_ = std::move(f); }
+   void onQuiescedIs(std::function<void(bool)> f) { onQuiesced_ = std::move(f); }
 
    void controlIs(const Vela::Ptr<VelaDock::CollectionControl>& control) override {
       control_ = control;
@@ -100,15 +104,14 @@ class StoreCollection final : public StoreCollectionBase {
       table_->hasNotificationActiveIs(true);
       table_->notifieeAdd(&relay_);
       table_->entryControlIs(control_);
-      if (!control_->mode().isWriter()) {
-         control_->reactorIs([this](const VelaDock::CollectionControl&,
-                                    VelaDock::CollectionControl::Change change) {
-            if (change == VelaDock::CollectionControl::Change::mountStatus && synchronized() &&
-                onSynchronized_) {
-               onSynchronized_();
-            }
-         });
-      }
+      control_->reactorIs([this](const VelaDock::CollectionControl& control,
+                                 VelaDock::CollectionControl::Change change) {
+         using Change = VelaDock::CollectionControl::Change;
+         if (change == Change::quiesced && onQuiesced_) onQuiesced_(control.quiesced());
+         if (change != Change::mountStatus) return;
+         if (onMountStatus_) onMountStatus_();
+         if (isReader() && synchronized() && onSynchronized_) onSynchronized_();
+      });
       try {
          table_->handleParent(parent);
       } catch (...) {
@@ -132,6 +135,24 @@ class StoreCollection final : public StoreCollectionBase {
       return state == Dock::ReaderState::kSynchronized || state == Dock::ReaderState::kQuiesced;
    }
    uint32_t recordCount() const override { return table_ ? table_->entryCount() : 0; }
+
+   // The collection control the mount gave (null before controlIs, after controlRelease).
+   const Vela::Ptr<VelaDock::CollectionControl>& control() const noexcept { return control_; }
+   // Hands the control over and forgets it: the entity's last reference is going.
+   Vela::Ptr<VelaDock::CollectionControl> controlRelease() {
+      if (control_ && table_) control_->reactorIs(nullptr);  // open() installed it
+      return std::move(control_);
+   }
+
+   // Writer only (asserts otherwise): writes the record, replacing any under its key.
+   void write(const Record& record) { writerTable("write").entryIs(record); }
+   // Writer only: removes the record of `key` and returns it; nothing when absent.
+   std::optional<Record> erase(const Key& key) { return writerTable("erase").entryDelIf(key); }
+   // Writer only: opens the slot of `key` for a direct write, published by commit(record).
+   void directIs(const Key& key) { writerTable("directIs").entryDirectIs(key); }
+   void commit(const Record* record) { writerTable("commit").entryCommit(record); }
+   // Every key present, in the store's order.
+   std::vector<Key> keys() const { return table_ ? table_->entryKeys() : std::vector<Key>(); }
 
    // Writer: writes the record (readers are told its key); nothing when not the writer.
    void publish(const Record& record) {
@@ -158,12 +179,21 @@ class StoreCollection final : public StoreCollectionBase {
    const StoreTableBase* table() const noexcept { return table_.get(); }
 
   private:
+   RecordTable& writerTable(const char* op) {
+      if (!isWriter()) {
+         VELA_FAIL("{} on collection '{}', which is not the writer of its store", op, name());
+      }
+      return *table_;
+   }
+
    const TableType& type_;
    Vela::Ptr<VelaDock::CollectionControl> control_;
    Vela::Ptr<RecordTable> table_;
    Relay relay_{*this};
    std::function<void(const Key&)> onKey_;
    std::function<void()> onSynchronized_;
+   std::function<void()> onMountStatus_;
+   std::function<void(bool)> onQuiesced_;
 };
 
 class StoreEntity : public Vela::Entity, public Vault::Mountable {

@@ -117,10 +117,15 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
    // Removes the entry of `key` and returns it; for an absent key returns the default entry and
    // notifies nobody.
    Entry entryDel(const Key& key) {
+      std::optional<Entry> removed = entryDelIf(key);
+      return removed ? std::move(*removed) : emptyEntry();
+   }
+   // entryDel that tells an absent key from a removed default entry: nothing when absent.
+   std::optional<Entry> entryDelIf(const Key& key) {
       ++this->operationsStarted_;
       requireWriter("entryDel");
       Entry removed;
-      if (!map_->safeRemove(key, &removed)) return emptyEntry();
+      if (!map_->safeRemove(key, &removed)) return std::nullopt;
       this->entryNotify(key);
       ++this->operationsCompleted_;
       return removed;
@@ -188,11 +193,7 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
       if (std::optional<Entry> v = entryIf(key)) v->dumpState(out, indent);
       return out;
    }
-   bool entryRemove(const Key& key) override {
-      const uint64_t before = this->operationsCompleted_;
-      entryDel(key);
-      return this->operationsCompleted_ != before;
-   }
+   bool entryRemove(const Key& key) override { return entryDelIf(key).has_value(); }
 
    // The store itself (null before handleParent and after unmountIs).
    Map* store() const noexcept { return map_.get(); }

@@ -194,6 +194,10 @@ std::ostream& operator<<(std::ostream& os, const TunnelRibId& v);
 }  // namespace Tunnel::TunnelTable
 
 template <>
+struct std::hash<Tunnel::TunnelTable::EncapId> {
+   size_t operator()(const Tunnel::TunnelTable::EncapId& id) const noexcept { return id.hash(); }
+};
+template <>
 struct std::hash<Tunnel::TunnelTable::TunnelRibId> {
    size_t operator()(const Tunnel::TunnelTable::TunnelRibId& id) const noexcept {
       return id.hash();

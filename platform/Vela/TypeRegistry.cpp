@@ -46,4 +46,15 @@ std::vector<String> TypeRegistry::typeNames() const {
    return names;
 }
 
+void TypeRegistry::operationNamesIs(const String& typeName, std::vector<String> names) {
+   std::lock_guard lock(mutex_);
+   operations_[typeName] = std::move(names);
+}
+
+std::vector<String> TypeRegistry::operationNames(const String& typeName) const {
+   std::lock_guard lock(mutex_);
+   auto it = operations_.find(typeName);
+   return it == operations_.end() ? std::vector<String>() : it->second;
+}
+
 }  // namespace Vela

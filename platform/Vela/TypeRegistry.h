@@ -32,9 +32,15 @@ class TypeRegistry {
    Ptr<Entity> create(const String& typeName, const String& name) const;
    std::vector<String> typeNames() const;
 
+   // The names of the operations a type offers, as its clients call them ("entryIs", ...).
+   void operationNamesIs(const String& typeName, std::vector<String> names);
+   // Empty for a type that listed none.
+   std::vector<String> operationNames(const String& typeName) const;
+
   private:
    mutable std::mutex mutex_;
    std::map<String, EntityFactory, std::less<>> factories_;
+   std::map<String, std::vector<String>, std::less<>> operations_;
 };
 
 }  // namespace Vela

@@ -1,0 +1,207 @@
+// The TunnelFib entity: its collections in the store, notifications per attribute and key, no
+// cascading between entries and encapsulations, the process-local VXLAN map, a reader's copy in
+// another process, and the teardown order of the last reference.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "Loom/EventLoop.h"
+#include "Spoor/Trace.h"
+#include "TunnelFib/TunnelFib.h"
+#include "Vault/MountService.h"
+#include "Vela/TypeRegistry.h"
+#include "testing/TempRoot.h"
+
+namespace Tunnel::TunnelFib {
+namespace {
+
+using TunnelTable::EncapType;
+using TunnelTable::TunnelType;
+using TunnelTable::TunnelVia;
+using Wirekit::IntfId;
+using Wirekit::IpGenAddr;
+
+TunnelId ldp(uint64_t index) {
+   return TunnelId(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, index));
+}
+EncapId labels(uint32_t v) {
+   return EncapId(EncapType::labelStack, v);
+}
+TunnelFibEntry entryOf(uint64_t index, uint32_t encap) {
+   TunnelFibEntry e(ldp(index));
+   e.tunnelViaIs(0,
+                 TunnelVia(IpGenAddr::ipv4(0x0A000001), IntfId::parse("Ethernet1"), labels(encap)));
+   e.backupTunnelViaIs(0, TunnelVia(IpGenAddr::ipv4(0x0A000002), IntfId::parse("Ethernet2")));
+   return e;
+}
+GreTunnelInfo greInfo(uint32_t okey) {
+   GreTunnelInfo info;
+   info.srcAddrIs(IpGenAddr::ipv4(0x01010101));
+   info.dstAddrIs(IpGenAddr::ipv4(0x02020202));
+   info.okeyIs(okey);
+   return info;
+}
+
+// Counts notifications per (attribute, key value).
+struct Recorder : Vela::Entity::Notifiee {
+   void onAttribute(Vela::AttributeId attr, const void* key) override {
+      const uint64_t k = attr == attrFibEntry ? static_cast<const TunnelId*>(key)->value()
+                                              : static_cast<const EncapId*>(key)->rawValue();
+      ++heard[{attr.value, k}];
+   }
+   std::map<std::pair<uint32_t, uint64_t>, int> heard;
+};
+
+TEST(TunnelFib, WriterOperationsNotifyByAttributeAndNeverCascade) {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   auto fib = mountTunnelFib(*service, true, loop);
+   Recorder r;
+   fib->notifieeAdd(&r);
+
+   // The store files each collection under its name, in the order they were created.
+   EXPECT_EQ(fib->mountCollections(),
+             (std::vector<Vela::String>{"greEncap", "ipsecVtiEncap", "ipsecGreEncap",
+                                        "labelStackEncap", "entry"}));
+   for (const char* c : TunnelFib::kCollections) {
+      struct stat st;
+      EXPECT_EQ(::stat((root.path() + "/tunnel/fib/" + c).c_str(), &st), 0) << c;
+   }
+
+   const TunnelFibEntry absent = fib->entryDel(ldp(9));
+   EXPECT_FALSE(absent);
+   EXPECT_TRUE(absent.arePrimaryViasUsable());
+   EXPECT_EQ(fib->labelStackEncapDel(labels(9)), LabelStackEncap());
+
+   fib->labelStackEncapIs(
+       LabelStackEncap(labels(5), Wirekit::UnboundedMplsLabelOperation::push({100, 200})));
+   fib->entryIs(entryOf(1, 5));
+   fib->greEncapIs(GreEncap(EncapId(EncapType::gre, 1), greInfo(7)));
+   fib->ipsecGreEncapIs(IpsecGreEncap(EncapId(EncapType::ipsecGre, 1)));
+   fib->ipsecVtiEncapIs(IpsecVtiEncap(EncapId(EncapType::ipsecVti, 1)));
+   // Removing the encapsulation an entry names leaves the entry as it was.
+   EXPECT_EQ(fib->labelStackEncapDel(labels(5)).labelStack(),
+             Wirekit::UnboundedMplsLabelOperation::push({100, 200}));
+   EXPECT_EQ(fib->entry(ldp(1)), entryOf(1, 5));
+   EXPECT_FALSE(fib->labelStackEncapHas(labels(5)));
+
+   // VXLAN stays in this process: an equal value is silent, a changed one is told.
+   const VxlanEncap vx(EncapId(EncapType::vxlan, 3));
+   fib->vxlanEncapIs(vx);
+   fib->vxlanEncapIs(vx);
+   VxlanTunnelInfo other;
+   other.udpPortIs(8472);
+   fib->vxlanEncapIs(VxlanEncap(vx.encapId(), other));
+   EXPECT_EQ(fib->vxlanEncap(vx.encapId()).tunnelInfo().udpPort(), 8472);
+   EXPECT_EQ(fib->vxlanEncapDel(EncapId(EncapType::vxlan, 4)), VxlanEncap());
+   EXPECT_EQ(fib->vxlanEncapDel(vx.encapId()).encapId(), vx.encapId());
+
+   fib->entryIs(entryOf(2, 5));
+   fib->entryDelAll();
+   EXPECT_EQ(fib->entryCount(), 0u);
+
+   const auto key = [](Vela::AttributeId a, uint64_t k) { return std::make_pair(a.value, k); };
+   EXPECT_EQ(r.heard, (std::map<std::pair<uint32_t, uint64_t>, int>{
+                          {key(attrFibEntry, ldp(1).value()), 2},
+                          {key(attrFibEntry, ldp(2).value()), 2},
+                          {key(attrLabelStackEncap, labels(5).rawValue()), 2},
+                          {key(attrIpsecGreEncap, EncapId(EncapType::ipsecGre, 1).rawValue()), 1},
+                          {key(attrIpsecVtiEncap, EncapId(EncapType::ipsecVti, 1).rawValue()), 1},
+                          {key(attrGreEncap, EncapId(EncapType::gre, 1).rawValue()), 1},
+                          {key(attrVxlanEncap, vx.encapId().rawValue()), 3}}));
+   EXPECT_EQ(fib->entryNotifications(), 4u);
+   EXPECT_EQ(Vela::TypeRegistry::instance().operationNames(TunnelFib::kTypeName).front(),
+             "entryIs");
+   EXPECT_EQ(Vela::TypeRegistry::instance().operationNames(TunnelFib::kTypeName).size(), 15u);
+   fib->notifieeDel(&r);
+}
+
+TEST(TunnelFib, AReaderInAnotherProcessHearsEachCollectionKeyByKey) {
+   Testing::TempRoot root;
+   int ready[2], go[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   ASSERT_EQ(::pipe(go), 0);
+   const pid_t writer = Testing::forkChild([&] {
+      Loom::EventLoop loop;
+      auto service = Vela::makePtr<Vault::MountService>();
+      auto fib = mountTunnelFib(*service, true, loop);
+      fib->labelStackEncapIs(
+          LabelStackEncap(labels(1), Wirekit::UnboundedMplsLabelOperation::push({16})));
+      fib->greEncapIs(GreEncap(EncapId(EncapType::gre, 2), greInfo(9)));
+      for (uint64_t i = 1; i <= 3; ++i) fib->entryIs(entryOf(i, 1));
+      loop.runOnce(std::chrono::milliseconds(0));
+      char c = 1;
+      if (::write(ready[1], &c, 1) != 1 || ::read(go[0], &c, 1) != 1) return 3;
+      fib->entryDel(ldp(2));
+      fib->greEncapDel(EncapId(EncapType::gre, 2));
+      fib->entryIs(entryOf(3, 7));
+      for (int i = 0; i < 100; ++i) loop.runOnce(std::chrono::milliseconds(10));
+      return 0;
+   });
+   char c;
+   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+
+   Spoor::Capture capture(5);
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   auto copy = mountTunnelFib(*service, false, loop);
+   Recorder r;
+   copy->notifieeAdd(&r);
+   const auto until = [&](auto done) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (!done() && std::chrono::steady_clock::now() < deadline) {
+         loop.runOnce(std::chrono::milliseconds(10));
+      }
+      return done();
+   };
+   ASSERT_TRUE(until([&] { return copy->entryCount() == 3 && copy->synchronized(); }));
+   EXPECT_EQ(copy->entry(ldp(2)), entryOf(2, 1));
+   EXPECT_EQ(copy->greEncap(EncapId(EncapType::gre, 2)).tunnelInfo(), greInfo(9));
+   EXPECT_TRUE(capture.contains("mounted " + root.path() + "/tunnel/fib/entry mountStatus:"));
+   r.heard.clear();
+   ASSERT_EQ(::write(go[1], &c, 1), 1);
+   // Lookups read the store itself; the notifications follow when the reader has worked
+   // through the changes.
+   ASSERT_TRUE(until([&] { return r.heard.size() == 3; }));
+   EXPECT_EQ(copy->entry(ldp(3)), entryOf(3, 7));
+   EXPECT_FALSE(copy->greEncapHas(EncapId(EncapType::gre, 2)));
+   EXPECT_FALSE(copy->entryHas(ldp(2)));
+   EXPECT_EQ(r.heard, (std::map<std::pair<uint32_t, uint64_t>, int>{
+                          {{attrFibEntry.value, ldp(2).value()}, 1},
+                          {{attrFibEntry.value, ldp(3).value()}, 1},
+                          {{attrGreEncap.value, EncapId(EncapType::gre, 2).rawValue()}, 1}}));
+   EXPECT_DEATH(copy->entryIs(entryOf(4, 1)),
+                "write on collection 'entry', which is not the writer of its store");
+   copy->notifieeDel(&r);
+   ::kill(writer, SIGTERM);
+   Testing::waitChild(writer);
+}
+
+TEST(TunnelFib, TheLastReferenceHandsEachControlTheEntityInOrder) {
+   std::vector<Vela::String> released;
+   std::vector<Vela::Ptr<VelaDock::CollectionControl>> controls;
+   {
+      auto fib = tunnelFibFactory("fib");
+      for (const char* c : TunnelFib::kCollections) {
+         auto control = Vela::makePtr<VelaDock::CollectionControl>(VelaDock::writer(), "/none",
+                                                                   kTunnelFibPath, c, 0, nullptr);
+         control->reactorIs([&released](const VelaDock::CollectionControl& ctl,
+                                        VelaDock::CollectionControl::Change change) {
+            if (change == VelaDock::CollectionControl::Change::entityReleased) {
+               released.push_back(ctl.collectionName());
+            }
+         });
+         fib->controlIs(c, control);
+         controls.push_back(control);
+      }
+   }
+   EXPECT_EQ(released, (std::vector<Vela::String>{"entry", "greEncap", "ipsecVtiEncap",
+                                                  "ipsecGreEncap", "labelStackEncap"}));
+   for (const auto& control : controls) EXPECT_EQ(control->releasedEntityName(), "fib");
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelFib
