@@ -16,31 +16,14 @@ namespace {
 
 using TunnelTable::ByteFormatError;
 using TunnelTable::ByteReader;
+using TunnelTable::loadHost32;
+using TunnelTable::readHostCount;
+using TunnelTable::storeHost32;
 
 constexpr const char* kClassName = "TunnelFibEntry";
 constexpr uint32_t kViaLen = TunnelVia::kSerializedSize;
 static_assert(TunnelFibEntry::kMaxSerializedLen == 38424);
 static_assert(TunnelFibEntry::kDeserializedLen == 38424);
-
-uint32_t loadHost32(const uint8_t* p) noexcept {
-   uint32_t v;
-   std::memcpy(&v, p, 4);
-   return v;
-}
-void storeHost32(uint8_t* p, uint32_t v) noexcept {
-   std::memcpy(p, &v, 4);
-}
-
-// Reads a via count at the reader's position; a count above the capacity is the array library's
-// size error, dumping the bytes from the count on.
-uint32_t readCount(ByteReader& r) {
-   const size_t at = r.offset();
-   const uint32_t count = loadHost32(r.take(4));
-   if (count > kTunnelViaCapacity) {
-      throw Vela::ArraySizeError::make(kTunnelViaCapacity, count, r.data() + at, r.length() - at);
-   }
-   return count;
-}
 
 // Throws unless each of the n vias at `in` is a TunnelVia byte form as its writer produces it.
 void checkVias(const uint8_t* in, uint32_t n) {
@@ -129,9 +112,9 @@ void TunnelFibEntry::deserialize(const void* buffer, uint32_t length) {
    // Everything is read and checked before anything is stored.
    ByteReader r(buffer, length);
    const uint8_t* head = r.take(kHeadLen);
-   const uint32_t n1 = readCount(r);
+   const uint32_t n1 = readHostCount(r, kTunnelViaCapacity);
    const uint8_t* vias1 = r.take(size_t{n1} * kViaLen);
-   const uint32_t n2 = readCount(r);
+   const uint32_t n2 = readHostCount(r, kTunnelViaCapacity);
    const uint8_t* vias2 = r.take(size_t{n2} * kViaLen);
    TunnelTable::Codec::checkRecordEnd(r, kClassName);
 

@@ -1,6 +1,5 @@
 #include "TunnelRib/TunnelRibBuilder.h"
 
-#include "TunnelTable/TableRegistry.h"
 #include "Vela/Exception.h"
 
 namespace Tunnel::TunnelTable {
@@ -10,13 +9,8 @@ TunnelRibBuilder::TunnelRibBuilder(const TunnelTableMounter& mounter)
    rib_ = mounter.mountWriterOf<TunnelRib>();
    coloredRib_ = mounter.mountWriterOf<ColoredTunnelRib>();
    if (!rib_ || !coloredRib_) throw Vela::Exception("the tunnel RIBs are mounted as another type");
-   std::vector<Vela::Ptr<TunnelTableBase>> sources;
-   for (const TableRow& row : TableRegistry::rows()) {
-      if (!row.type->mounted() || !isValidTunnelTableIdentifier(row.type->tableId)) continue;
-      if (!ribContributionReader(row.type->typeName)) continue;
-      sources.push_back(mounter.mountKeyshadow(row.type->tableId));
-   }
-   attach(sources);
+   attach(mountProtocolReaders(
+       mounter, [](std::string_view type) { return bool(ribContributionReader(type)); }));
 }
 
 TunnelRibBuilder::TunnelRibBuilder(const std::vector<Vela::Ptr<TunnelTableBase>>& sources,

@@ -21,27 +21,6 @@ constexpr const char* kClassName = "TunnelRibEntry";
 constexpr size_t kScalarsAt = ColoredTunnelEndpoint::kSerializedSize;
 constexpr size_t kScalarsLen = TunnelRibEntry::kHeadLen - kScalarsAt;
 
-uint32_t loadHost32(const uint8_t* p) noexcept {
-   uint32_t v;
-   std::memcpy(&v, p, 4);
-   return v;
-}
-void storeHost32(uint8_t* p, uint32_t v) noexcept {
-   std::memcpy(p, &v, 4);
-}
-
-// Reads a collection count at the reader's position; a count above the capacity is the array
-// library's size error, dumping the bytes from the count on.
-uint32_t readCount(ByteReader& r) {
-   const size_t at = r.offset();
-   const uint32_t count = loadHost32(r.take(4));
-   if (count > kTunnelIdCollCapacity) {
-      throw Vela::ArraySizeError::make(kTunnelIdCollCapacity, count, r.data() + at,
-                                       r.length() - at);
-   }
-   return count;
-}
-
 }  // namespace
 
 TunnelRibEntry::TunnelRibEntry(Vela::String::const_iterator, Vela::String::const_iterator)
@@ -110,9 +89,9 @@ void TunnelRibEntry::deserialize(const void* buffer, uint32_t length) {
    // Everything is read and checked before anything is stored.
    ByteReader r(buffer, length);
    const uint8_t* head = r.take(kHeadLen);
-   const uint32_t n = readCount(r);
+   const uint32_t n = readHostCount(r, kTunnelIdCollCapacity);
    const uint8_t* ids = r.take(size_t{n} * sizeof(TunnelId));
-   const uint32_t m = readCount(r);
+   const uint32_t m = readHostCount(r, kTunnelIdCollCapacity);
    const uint8_t* bws = r.take(size_t{m} * sizeof(TunnelBandwidth));
    Codec::checkRecordEnd(r, kClassName);
 

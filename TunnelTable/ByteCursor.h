@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Vela/ArraySizeError.h"
 #include "Vela/Assert.h"
 #include "Vela/Exception.h"
 #include "Vela/FixedArray.h"
@@ -206,6 +207,28 @@ void readCollection(ByteReader& r, Vela::FixedArray<T, Index, Capacity>& array) 
    }
    array.delAll();
    for (uint32_t i = 0; i < count; ++i) array.is(Index(i), r.block<T>());
+}
+
+// Host byte order, for the records whose layout is the value's own in-memory image (the RIB and
+// FIB entries keep their counts so).
+inline uint32_t loadHost32(const uint8_t* p) noexcept {
+   uint32_t v;
+   std::memcpy(&v, p, 4);
+   return v;
+}
+inline void storeHost32(uint8_t* p, uint32_t v) noexcept {
+   std::memcpy(p, &v, 4);
+}
+
+// Reads a host-order collection count at the reader's position; a count above `capacity` is the
+// array library's size error, dumping the bytes from the count on.
+inline uint32_t readHostCount(ByteReader& r, uint32_t capacity) {
+   const size_t at = r.offset();
+   const uint32_t count = loadHost32(r.take(4));
+   if (count > capacity) {
+      throw Vela::ArraySizeError::make(capacity, count, r.data() + at, r.length() - at);
+   }
+   return count;
 }
 
 }  // namespace Tunnel::TunnelTable

@@ -1,6 +1,7 @@
 // TableWatch: per-key notifications and reader states of the followed tables, batched per turn.
 #include "TunnelTable/TableWatch.h"
 
+#include "TunnelTable/TableRegistry.h"
 #include "store/DockShadow.h"
 
 namespace Tunnel::TunnelTable {
@@ -107,6 +108,17 @@ void TableWatch::run() {
    const bool reconcile = reconcileNeeded_ && ready();
    if (reconcile) reconcileNeeded_ = false;
    apply_(changes, reconcile);
+}
+
+std::vector<Vela::Ptr<TunnelTableBase>> mountProtocolReaders(
+    const TunnelTableMounter& mounter, const std::function<bool(std::string_view)>& wanted) {
+   std::vector<Vela::Ptr<TunnelTableBase>> sources;
+   for (const TableRow& row : TableRegistry::rows()) {
+      if (!row.type->mounted() || !isValidTunnelTableIdentifier(row.type->tableId)) continue;
+      if (!wanted(row.type->typeName)) continue;
+      sources.push_back(mounter.mountKeyshadow(row.type->tableId));
+   }
+   return sources;
 }
 
 }  // namespace Tunnel::TunnelTable

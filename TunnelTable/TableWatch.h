@@ -23,6 +23,7 @@
 
 #include "Loom/EventLoop.h"
 #include "TunnelTable/TunnelId.h"
+#include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTableBase.h"
 
 namespace Tunnel::TunnelTable {
@@ -72,5 +73,10 @@ class TableWatch {
    bool reconcileNeeded_ = true;
    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
+
+// Mounts, as key-shadowing readers through `mounter`, every protocol table of the registry whose
+// type name `wanted` accepts: the sources of a builder.
+std::vector<Vela::Ptr<TunnelTableBase>> mountProtocolReaders(
+    const TunnelTableMounter& mounter, const std::function<bool(std::string_view)>& wanted);
 
 }  // namespace Tunnel::TunnelTable

@@ -98,3 +98,17 @@ template <>
 struct std::hash<Tunnel::TunnelTable::TunnelId> {
    size_t operator()(const Tunnel::TunnelTable::TunnelId& id) const noexcept { return id.hash(); }
 };
+
+namespace Tunnel::TunnelTable {
+
+// A hasher for large in-process sets and maps of tunnels (the resolver's): a multiply and a shift
+// mix all 64 bits at a fraction of the one-at-a-time hash's cost. Never for anything shared
+// between processes, which hash with hash().
+struct TunnelIdMixHash {
+   size_t operator()(const TunnelId& id) const noexcept {
+      const uint64_t h = id.value() * 0x9E3779B97F4A7C15ull;
+      return size_t(h ^ (h >> 29));
+   }
+};
+
+}  // namespace Tunnel::TunnelTable

@@ -83,19 +83,10 @@ int fillTables(uint32_t perTable) {
    return 0;
 }
 
-bool synchronized(const TT::StoreTableBase& t) {
-   const auto s = Dock::ReaderState(t.storeMountStatus());
-   return s == Dock::ReaderState::kSynchronized || s == Dock::ReaderState::kQuiesced;
-}
-
 void BuilderConvergence(benchmark::State& state) {
    const std::string root = Bench::freshRoot("rib-bench");
    const auto perTable = uint32_t(state.range(0));
-   const pid_t writer = ::fork();
-   if (writer == 0) ::_exit(fillTables(perTable));
-   int status = 0;
-   ::waitpid(writer, &status, 0);
-   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) std::abort();
+   Bench::runWriterProcess([&] { return fillTables(perTable); });
 
    double floorMs = 0, builderMs = 0;
    uint32_t endpoints = 0;
@@ -108,7 +99,7 @@ void BuilderConvergence(benchmark::State& state) {
          for (auto id : kTables) readers.push_back(m.mounter.mountKeyshadow(id));
          const auto all = [&] {
             return std::all_of(readers.begin(), readers.end(),
-                               [](const auto& t) { return synchronized(*t); });
+                               [](const auto& t) { return Bench::synchronized(*t); });
          };
          while (!all()) m.loop.runOnce(std::chrono::milliseconds(1));
          floorMs = double(Bench::nowNs() - start) / 1e6;

@@ -1,0 +1,463 @@
+// The FIB builder and the re-resolving client, with the protocol tables written by other
+// processes: shared encapsulations written before their first user and removed after their last,
+// each entry kind's form, refusals; and random churn of RSVP, LDP and BGP labelled-unicast tunnels
+// riding on each other (loops made and broken, inner labels changed, stacks too deep), checked
+// step by step against a brute-force model, with the tables' writer killed and replaced midway.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+
+#include "Loom/EventLoop.h"
+#include "TunnelFib/TunnelFibBuilder.h"
+#include "TunnelFib/TunnelResolutionClient.h"
+#include "TunnelTable/TunnelMount.h"
+#include "TunnelTable/TunnelTables.h"
+#include "Vault/MountService.h"
+#include "Wirekit/Errors.h"
+#include "testing/TempRoot.h"
+
+namespace Tunnel::TunnelFib {
+namespace {
+
+using namespace TunnelTable;
+using Wirekit::IntfId;
+using Wirekit::IpGenAddr;
+using Wirekit::MplsLabelOperation;
+using Wirekit::UnboundedMplsLabelOperation;
+
+TunnelId tid(TunnelType type, uint64_t index) {
+   return TunnelId(TunnelId::convertToTunnelValue(type, index));
+}
+IntfId ethernet(uint32_t n) {
+   return IntfId::parse("Ethernet" + std::to_string(n));
+}
+IntfId riding(const TunnelId& inner) {
+   return Wirekit::DynamicTunnelIntfId::tunnelIdToIntfId(inner.value());
+}
+UnboundedMplsLabelOperation pushOf(std::vector<uint32_t> labels) {
+   return UnboundedMplsLabelOperation::push(std::span<const uint32_t>(labels));
+}
+
+// Checks, on every notification of the FIB, that an entry's encapsulations exist when it is
+// written and that no entry names an encapsulation when it is removed.
+struct OrderChecker : Vela::Entity::Notifiee {
+   explicit OrderChecker(TunnelFib& fib) : fib(fib) {}
+   void onAttribute(Vela::AttributeId attr, const void* key) override {
+      if (attr == attrFibEntry) {
+         const TunnelFibEntry e = fib.entry(*static_cast<const TunnelId*>(key));
+         for (const auto* vias : {&e.tunnelVia(), &e.backupTunnelVia()}) {
+            for (const TunnelVia& v : *vias) {
+               if (v.encapId().encapType() == EncapType::labelStack &&
+                   !fib.labelStackEncapHas(v.encapId())) {
+                  faults.push_back("entry written before its encapsulation");
+               }
+            }
+         }
+      } else if (attr == attrLabelStackEncap) {
+         const EncapId id = *static_cast<const EncapId*>(key);
+         if (fib.labelStackEncapHas(id)) return;
+         for (const TunnelId& k : fib.entryKeys()) {
+            const TunnelFibEntry e = fib.entry(k);
+            for (const TunnelVia& v : e.tunnelVia()) {
+               if (v.encapId() == id) faults.push_back("encapsulation removed while named");
+            }
+         }
+      }
+   }
+   TunnelFib& fib;
+   std::vector<std::string> faults;
+};
+
+// Runs `loop` until `done` or 15 s; returns done().
+bool runUntil(Loom::EventLoop& loop, const std::function<bool()>& done) {
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+   while (!done() && std::chrono::steady_clock::now() < deadline) {
+      loop.runOnce(std::chrono::milliseconds(5));
+   }
+   return done();
+}
+
+// A tables writer in a child process: `steps` run one by one, each when the parent says go, the
+// child answering on `done` after each.
+struct ChildWriter {
+   using Step = std::function<void(const TunnelTableMounter&)>;
+   pid_t start(const std::vector<Step>& steps) {
+      if (::pipe(done) != 0 || ::pipe(go) != 0) return -1;
+      return pid = Testing::forkChild([this, steps] {
+                Loom::EventLoop loop;
+                auto service = Vela::makePtr<Vault::MountService>();
+                TunnelTableMounter mounter(service, loop);
+                char c = 0;
+                for (const Step& step : steps) {
+                   step(mounter);
+                   loop.runOnce(std::chrono::milliseconds(0));
+                   if (::write(done[1], &c, 1) != 1 || ::read(go[0], &c, 1) != 1) return 3;
+                }
+                for (;;) loop.runOnce(std::chrono::milliseconds(50));
+             });
+   }
+   bool stepDone() {
+      char c;
+      return ::read(done[0], &c, 1) == 1;
+   }
+   void next() {
+      char c = 0;
+      ASSERT_EQ(::write(go[1], &c, 1), 1);
+   }
+   void kill() {
+      ::kill(pid, SIGKILL);
+      Testing::waitChild(pid);
+      for (int fd : {done[0], done[1], go[0], go[1]}) ::close(fd);
+   }
+   int done[2], go[2];
+   pid_t pid = -1;
+};
+
+template <class Table>
+Vela::Ptr<Table> writerOf(const TunnelTableMounter& m, TunnelTableIdentifier id) {
+   return Vela::dynamicPtrCast<Table>(m.mountWriter(id));
+}
+
+TEST(TunnelFibBuilder, EncapsulationsAreSharedCountedAndWrittenAroundTheirEntries) {
+   Testing::TempRoot root;
+   const TunnelId ldp1 = tid(TunnelType::ldpTunnel, 1), ldp2 = tid(TunnelType::ldpTunnel, 2);
+   const TunnelId frr = tid(TunnelType::rsvpFrrTunnel, 1),
+                  gre = tid(TunnelType::staticInterfaceTunnel, 1);
+   const TunnelId lu = tid(TunnelType::bgpLuTunnel, 1), deep = tid(TunnelType::bgpLuTunnel, 2);
+   GreTunnelInfo greInfo;
+   greInfo.dstAddrIs(IpGenAddr::ipv4(0x0B000001));
+   const auto ldpEntry = [](const TunnelId& id, uint32_t label) {
+      LdpTunnelTableEntry e(id);
+      e.viaIs(0,
+              MplsVia(IpGenAddr::ipv4(0x0A000001), ethernet(1), MplsLabelOperation::push({label})));
+      return e;
+   };
+   ChildWriter child;
+   child.start(
+       {[&](const TunnelTableMounter& m) {
+           auto ldp = writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable);
+           ldp->entryIs(ldpEntry(ldp1, 100));
+           ldp->entryIs(ldpEntry(ldp2, 100));
+           RsvpFrrTunnelTableEntry f(frr);
+           f.viaIs(
+               MplsVia(IpGenAddr::ipv4(0x0A000002), ethernet(2), MplsLabelOperation::push({7})));
+           f.backupViaIs(MplsVia(IpGenAddr::ipv4(0x0A000003), ethernet(3)));
+           f.seqNoIs(TunnelEntrySequenceNumber(9));
+           writerOf<RsvpFrrTunnelTable>(m, TunnelTableIdentifier::rsvpFrrTunnelTable)->entryIs(f);
+           GreIntfTunnelTableEntry g(gre);
+           g.viaIs(0, Via(IpGenAddr::ipv4(0x0A000004), ethernet(4)));
+           g.viaIs(1, Via(IpGenAddr::ipv4(0x0A000005), ethernet(5)));
+           g.tunnelInfoIs(greInfo);
+           writerOf<GreIntfTunnelTable>(m, TunnelTableIdentifier::greIntfTunnelTable)->entryIs(g);
+           auto bgp = writerOf<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable);
+           BgpLuTunnelTableEntry b(lu);
+           b.viaIs(0, Via::tunnelIdVia(ldp1));
+           b.labelsIs(pushOf({300}));
+           bgp->entryIs(b);
+           BgpLuTunnelTableEntry d(deep);
+           d.viaIs(0, Via::tunnelIdVia(ldp1));
+           d.labelsIs(pushOf(std::vector<uint32_t>(1100, 16)));
+           bgp->entryIs(d);
+        },
+        [&](const TunnelTableMounter& m) {
+           auto ldp = writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable);
+           ldp->entryIs(ldpEntry(ldp2, 101));
+           ldp->entryDel(ldp1);
+        }});
+   ASSERT_TRUE(child.stepDone());
+
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   TunnelTableMounter mounter(service, loop);
+   TunnelFibBuilder builder(mounter);
+   TunnelFib& fib = *builder.tunnelFib();
+   OrderChecker order(fib);
+   fib.notifieeAdd(&order);
+   ASSERT_TRUE(runUntil(loop, [&] { return builder.settled() && fib.entryCount() == 5; }));
+
+   // Equal stacks share one encapsulation; its references are the vias naming it.
+   const EncapId shared = fib.entry(ldp1).tunnelVia(0).encapId();
+   EXPECT_EQ(shared.encapType(), EncapType::labelStack);
+   EXPECT_EQ(fib.entry(ldp2).tunnelVia(0).encapId(), shared);
+   EXPECT_EQ(builder.encapReferences(shared), 2u);
+   EXPECT_EQ(fib.labelStackEncap(shared).labelStack(), pushOf({100}));
+   const TunnelFibEntry f = fib.entry(frr);
+   EXPECT_FALSE(f.arePrimaryViasUsable());
+   EXPECT_EQ(f.seqNo(), TunnelEntrySequenceNumber(9));
+   EXPECT_EQ(f.backupTunnelVia().count(), 1u);
+   EXPECT_EQ(f.backupTunnelVia(0).encapId(), EncapId());  // no labels, no encapsulation
+   const TunnelFibEntry g = fib.entry(gre);
+   ASSERT_EQ(g.tunnelVia().count(), 2u);
+   EXPECT_EQ(g.tunnelVia(0).encapId(), g.tunnelVia(1).encapId());
+   EXPECT_EQ(fib.greEncap(g.tunnelVia(0).encapId()).tunnelInfo(), greInfo);
+   // The BGP labelled-unicast tunnel stays tunnel over tunnel; the deep one is refused.
+   const TunnelVia luVia = fib.entry(lu).tunnelVia(0);
+   EXPECT_EQ(luVia.intfId(), riding(ldp1));
+   EXPECT_EQ(fib.labelStackEncap(luVia.encapId()).labelStack(), pushOf({300}));
+   EXPECT_FALSE(fib.entryHas(deep));
+   ASSERT_EQ(builder.refused().count(deep), 1u);
+   EXPECT_EQ(
+       builder.refused().at(deep),
+       "a label stack of 1100 labels, deeper than the 1024 a label stack encapsulation holds");
+
+   child.next();
+   ASSERT_TRUE(child.stepDone());
+   ASSERT_TRUE(runUntil(loop, [&] { return builder.settled() && !fib.entryHas(ldp1); }));
+   EXPECT_FALSE(fib.labelStackEncapHas(shared));  // its last user went
+   EXPECT_EQ(fib.labelStackEncap(fib.entry(ldp2).tunnelVia(0).encapId()).labelStack(),
+             pushOf({101}));
+   EXPECT_EQ(fib.labelStackEncapCount(), 3u);  // 101, the FRR's 7 and BGP-LU's 300
+   EXPECT_EQ(order.faults, std::vector<std::string>());
+   fib.notifieeDel(&order);
+   child.kill();
+}
+
+// ---- churn against a model ----
+
+constexpr int kRsvp = 4, kLdp = 8, kBgp = 6;
+
+// What one tunnel is: the tunnel (or none) its single via rides on, and the labels it pushes.
+struct Spec {
+   TunnelId inner;  // default: a final via
+   uint32_t link = 0;
+   std::vector<uint32_t> labels;
+   friend bool operator==(const Spec&, const Spec&) = default;
+};
+using Model = std::map<TunnelId, Spec>;
+
+// One change: a tunnel written with `spec`, or removed.
+struct Op {
+   TunnelId id;
+   std::optional<Spec> spec;
+};
+
+std::vector<std::vector<Op>> churn(uint32_t seed, int steps) {
+   std::mt19937 rng(seed);
+   std::vector<std::vector<Op>> out(steps);
+   for (auto& step : out) {
+      for (int i = 0; i < 4; ++i) {
+         const int kind = int(rng() % 3);
+         Op op;
+         Spec s;
+         if (kind == 0) {
+            op.id = tid(TunnelType::rsvpFrrTunnel, 1 + rng() % kRsvp);
+            s.link = 1 + rng() % 4;
+            s.labels = {1000 + uint32_t(rng() % 8)};
+         } else if (kind == 1) {
+            op.id = tid(TunnelType::ldpTunnel, 1 + rng() % kLdp);
+            if (rng() % 5 != 0) s.inner = tid(TunnelType::rsvpFrrTunnel, 1 + rng() % kRsvp);
+            s.link = 1 + rng() % 4;
+            s.labels = {2000 + uint32_t(rng() % 8)};
+         } else {
+            op.id = tid(TunnelType::bgpLuTunnel, 1 + rng() % kBgp);
+            s.inner = rng() % 10 < 5 ? tid(TunnelType::ldpTunnel, 1 + rng() % kLdp)
+                                     : tid(TunnelType::bgpLuTunnel, 1 + rng() % kBgp);
+            // Now and then a stack that overflows once joined with the ones below.
+            s.labels.assign(rng() % 20 == 0 ? 10 : 1 + rng() % 2, 3000 + uint32_t(rng() % 8));
+         }
+         if (rng() % 6 != 0) op.spec = s;
+         step.push_back(op);
+      }
+   }
+   return out;
+}
+
+void applyTo(Model& model, const std::vector<Op>& step) {
+   for (const Op& op : step) {
+      if (op.spec) {
+         model[op.id] = *op.spec;
+      } else {
+         model.erase(op.id);
+      }
+   }
+}
+
+// Writes `op` into its table.
+void write(const TunnelTableMounter& m, const Op& op) {
+   const TunnelType type = op.id.tunnelType();
+   if (type == TunnelType::rsvpFrrTunnel) {
+      auto t = writerOf<RsvpFrrTunnelTable>(m, TunnelTableIdentifier::rsvpFrrTunnelTable);
+      if (!op.spec) {
+         t->entryDel(op.id);
+         return;
+      }
+      RsvpFrrTunnelTableEntry e(op.id);
+      e.viaIs(MplsVia(IpGenAddr::ipv4(0x0A000000 + op.spec->link), ethernet(op.spec->link),
+                      MplsLabelOperation::push(op.spec->labels)));
+      e.isPrimaryViaUsableIs(true);
+      t->entryIs(e);
+   } else if (type == TunnelType::ldpTunnel) {
+      auto t = writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable);
+      if (!op.spec) {
+         t->entryDel(op.id);
+         return;
+      }
+      LdpTunnelTableEntry e(op.id);
+      const bool final = op.spec->inner == TunnelId();
+      e.viaIs(0, MplsVia(final ? IpGenAddr::ipv4(0x0A000000 + op.spec->link) : IpGenAddr(),
+                         final ? ethernet(op.spec->link) : riding(op.spec->inner),
+                         MplsLabelOperation::push(op.spec->labels)));
+      t->entryIs(e);
+   } else {
+      auto t = writerOf<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable);
+      if (!op.spec) {
+         t->entryDel(op.id);
+         return;
+      }
+      BgpLuTunnelTableEntry e(op.id);
+      e.viaIs(0, Via::tunnelIdVia(op.spec->inner));
+      e.labelsIs(pushOf(op.spec->labels));
+      t->entryIs(e);
+   }
+}
+
+// The brute-force resolution of one tunnel: its final vias, nothing (no entry, a loop, an inner
+// tunnel with nothing), or an error (its own joined stack is too deep).
+struct Resolution {
+   enum Kind { nothing, vias, error } kind = nothing;
+   std::set<MplsVia> set;
+};
+Resolution resolve(const Model& model, const TunnelId& t, std::vector<TunnelId>& path) {
+   auto it = model.find(t);
+   if (it == model.end() || std::find(path.begin(), path.end(), t) != path.end()) return {};
+   const Spec& s = it->second;
+   const MplsLabelOperation own = MplsLabelOperation::push(s.labels);
+   Resolution out;
+   if (s.inner == TunnelId()) {
+      out.kind = Resolution::vias;
+      out.set.insert(MplsVia(IpGenAddr::ipv4(0x0A000000 + s.link), ethernet(s.link), own));
+      return out;
+   }
+   path.push_back(t);
+   const Resolution inner = resolve(model, s.inner, path);
+   path.pop_back();
+   if (inner.kind != Resolution::vias) return {};
+   try {
+      for (const MplsVia& w : inner.set) {
+         out.set.insert(MplsVia(w.nextHop(), w.intfId(), own.smush(w.labels())));
+      }
+      out.kind = Resolution::vias;
+   } catch (const Wirekit::LabelStackOverflow&) {
+      out = {Resolution::error, {}};
+   }
+   return out;
+}
+
+// Whether following the tunnel's inner tunnels comes back to one already met.
+bool reachesLoop(const Model& model, TunnelId t) {
+   std::set<TunnelId> seen;
+   for (;;) {
+      auto it = model.find(t);
+      if (it == model.end() || it->second.inner == TunnelId()) return false;
+      if (!seen.insert(t).second) return true;
+      t = it->second.inner;
+   }
+}
+
+// The first difference between the FIB and client and what the model says, or "".
+std::string mismatch(const Model& model, const TunnelFib& fib,
+                     const TunnelResolutionClient& client) {
+   if (fib.entryCount() != model.size()) return "entry count " + std::to_string(fib.entryCount());
+   std::set<UnboundedMplsLabelOperation> stacks;
+   for (const auto& [id, spec] : model) {
+      const std::string name = valueToStrep(id);
+      const std::optional<TunnelFibEntry> e = fib.entryIf(id);
+      if (!e || e->tunnelVia().count() != 1) return name + ": no entry or not one via";
+      const TunnelVia& v = e->tunnelVia(0);
+      const UnboundedMplsLabelOperation labels = fib.labelStackEncap(v.encapId()).labelStack();
+      if (labels != pushOf(spec.labels)) return name + ": labels " + valueToStrep(labels);
+      if (spec.inner != TunnelId() && v.intfId() != riding(spec.inner)) return name + ": inner";
+      stacks.insert(labels);
+      std::vector<TunnelId> path;
+      const Resolution want = resolve(model, id, path);
+      const auto got = client.result(id);
+      const bool failed = client.error(id).has_value();
+      if (failed != (want.kind == Resolution::error)) return name + ": error differs";
+      if (bool(got) != (want.kind == Resolution::vias)) return name + ": result presence";
+      if (got && std::set<MplsVia>(got->viaInfo().begin(), got->viaInfo().end()) != want.set)
+         return name + ": resolved vias differ";
+   }
+   if (fib.labelStackEncapCount() != stacks.size()) return "orphan or missing label stacks";
+   return "";
+}
+
+TEST(TunnelFibBuilder, ChurnOfTablesInAnotherProcessResolvesAsTheModelSays) {
+   Testing::TempRoot root;
+   constexpr int kSteps = 40, kKillAfter = 19;
+   const auto steps = churn(20261125, kSteps);
+   const auto asSteps = [&](int from, int to, const Model* restart) {
+      std::vector<ChildWriter::Step> out;
+      if (restart) {
+         // A new writer clears what the killed one left and writes the state it had reached.
+         out.push_back([restart](const TunnelTableMounter& m) {
+            writerOf<RsvpFrrTunnelTable>(m, TunnelTableIdentifier::rsvpFrrTunnelTable)
+                ->entryDelAll();
+            writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable)->entryDelAll();
+            writerOf<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable)->entryDelAll();
+            for (const auto& [id, spec] : *restart) write(m, Op{id, spec});
+         });
+      }
+      for (int i = from; i < to; ++i) {
+         out.push_back([&steps, i](const TunnelTableMounter& m) {
+            for (const Op& op : steps[size_t(i)]) write(m, op);
+         });
+      }
+      return out;
+   };
+   ChildWriter child;
+   child.start(asSteps(0, kKillAfter, nullptr));
+
+   Loom::EventLoop loop;
+   auto service = Vela::makePtr<Vault::MountService>();
+   TunnelTableMounter mounter(service, loop);
+   TunnelFibBuilder builder(mounter);
+   TunnelResolutionClient client(builder.tunnelFib(), loop);
+   OrderChecker order(*builder.tunnelFib());
+   builder.tunnelFib()->notifieeAdd(&order);
+
+   Model model;
+   std::set<TunnelId> looped;  // tunnels seen on or above a loop
+   bool sawError = false, sawLoopBroken = false;
+   for (int i = 0; i < kSteps; ++i) {
+      SCOPED_TRACE("step " + std::to_string(i));
+      if (i == kKillAfter) {
+         child.kill();
+         child.start(asSteps(kKillAfter, kSteps, &model));
+         ASSERT_TRUE(child.stepDone());  // the restart's own step
+         child.next();
+      }
+      ASSERT_TRUE(child.stepDone());
+      applyTo(model, steps[size_t(i)]);
+      std::string last;
+      runUntil(loop, [&] {
+         if (!builder.settled() || client.pending()) return false;
+         last = mismatch(model, *builder.tunnelFib(), client);
+         return last.empty();
+      });
+      ASSERT_EQ(last, "");
+      for (const auto& [id, spec] : model) {
+         sawError = sawError || client.error(id).has_value();
+         if (reachesLoop(model, id)) {
+            looped.insert(id);
+         } else if (looped.count(id) && client.result(id)) {
+            sawLoopBroken = true;
+         }
+      }
+      if (i + 1 < kSteps) child.next();
+   }
+   EXPECT_TRUE(sawError);
+   EXPECT_FALSE(looped.empty());
+   EXPECT_TRUE(sawLoopBroken);
+   EXPECT_EQ(order.faults, std::vector<std::string>());
+   builder.tunnelFib()->notifieeDel(&order);
+   child.kill();
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelFib

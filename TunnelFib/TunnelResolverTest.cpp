@@ -1,0 +1,309 @@
+// The resolver's edge cases with their results, rendered sets and exact level-0 traces, over a FIB
+// mounted as writer in a fresh store root; its failures; its collections.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <random>
+
+#include "Loom/EventLoop.h"
+#include "Spoor/Trace.h"
+#include "TunnelFib/TunnelResolver.h"
+#include "Vault/MountService.h"
+#include "Wirekit/Errors.h"
+#include "testing/TempRoot.h"
+
+namespace Tunnel::TunnelFib {
+namespace {
+
+using TunnelTable::TunnelType;
+using Labels = std::vector<uint32_t>;
+
+TunnelId idOf(TunnelType type, uint64_t index) {
+   return TunnelId(TunnelId::convertToTunnelValue(type, index));
+}
+const TunnelId R1 = idOf(TunnelType::rsvpLerTunnel, 1), L1 = idOf(TunnelType::ldpTunnel, 1),
+               L2 = idOf(TunnelType::ldpTunnel, 2), B1 = idOf(TunnelType::bgpLuTunnel, 1);
+EncapId encap(uint32_t n) {
+   return EncapId(TunnelTable::EncapType::labelStack, n);
+}
+// A final via to 10.0.0.<hop> on Ethernet<intf>; a via riding on a tunnel (or an id value).
+TunnelVia F(uint32_t hop, uint32_t intf, uint32_t e) {
+   return TunnelVia(Wirekit::IpGenAddr::ipv4(0x0A000000u + hop),
+                    Wirekit::IntfId::ordinary(Wirekit::IntfKind::ethernet, intf), encap(e));
+}
+TunnelVia V(uint64_t inner, uint32_t e) {
+   return TunnelVia({}, Wirekit::DynamicTunnelIntfId::tunnelIdToIntfId(inner), encap(e));
+}
+TunnelVia V(const TunnelId& inner, uint32_t e) {
+   return V(inner.value(), e);
+}
+
+struct Entry {
+   TunnelId id;
+   std::vector<TunnelVia> vias, backup = {};
+};
+const Labels kSix{1, 2, 3, 4, 5, 6};
+
+// A FIB mounted as writer; every case finds the same label stacks in it.
+struct Fib {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vault::MountService service;
+   Vela::Ptr<TunnelFib> fib = mountTunnelFib(service, true, loop, 64);
+   Fib() {
+      const std::map<uint32_t, Labels> stacks{{1, {16}}, {2, {200}}, {3, {3000}},        {4, {17}},
+                                              {6, kSix}, {7, {7}},   {12, Labels(12, 5)}};
+      for (const auto& [n, labels] : stacks) {
+         fib->labelStackEncapIs(
+             LabelStackEncap(encap(n), Wirekit::UnboundedMplsLabelOperation::push(labels)));
+      }
+   }
+   // The FIB holds exactly these entries.
+   void is(const std::vector<Entry>& entries) {
+      fib->entryDelAll();
+      for (const Entry& e : entries) {
+         TunnelFibEntry entry(e.id);
+         for (size_t i = 0; i < e.vias.size(); ++i) entry.tunnelViaIs(TunnelViaIndex(i), e.vias[i]);
+         for (size_t i = 0; i < e.backup.size(); ++i) {
+            entry.backupTunnelViaIs(TunnelViaIndex(i), e.backup[i]);
+         }
+         fib->entryIs(entry);
+      }
+   }
+};
+
+// "<tunnel>: <intf> <next hop> <labels>, ... | <tunnel>: ..." by ascending tunnel.
+std::string resultsOf(const TunnelResolver& r) {
+   std::string s;
+   for (const auto& e : r.consolidatedEntries()) {
+      s += (s.empty() ? "" : " | ") + e->tunnelId().typeCliStr() + " " +
+           std::to_string(e->tunnelId().tunnelIndex()) + ":";
+      for (const MplsVia& v : e->viaInfo()) {
+         s += " " + v.intfId().name() + " " + v.nextHop().stringValue() + " " +
+              v.labels().stringValue() + ",";
+      }
+   }
+   return s;
+}
+
+const std::string kSig = TunnelResolver::kUpdateFlattenedInfoSignature + std::string(" ");
+std::string cur(const std::string& type, int index) {
+   return kSig + "Current tunnel Info, type: " + type + " tunnel Index: " + std::to_string(index) +
+          "\n";
+}
+std::string fin(const std::string& type, int index, int intf, int hop) {
+   return kSig + "Final nexthop and interface found for  tunnel type: " + type +
+          " index:" + std::to_string(index) + "\nIntf: Ethernet" + std::to_string(intf) +
+          " Nexthop: 10.0.0." + std::to_string(hop) + "\n";
+}
+const std::string kNone = kSig + "No further tunnel entry found in tunnel fib\n";
+const std::string kCycle = kSig + "Cycle Detected for this tunnel\n";
+
+TEST(TunnelResolver, EdgeCasesWithResultsRenderedSetsAndExactTraces) {
+   EXPECT_EQ(cur("LDP", 1) + kCycle,
+             "void Tunnel::TunnelFib::TunnelResolver::updateFlattenedInfo(const "
+             "Tunnel::TunnelTable::TunnelId&) Current tunnel Info, type: LDP tunnel Index: 1\n"
+             "void Tunnel::TunnelFib::TunnelResolver::updateFlattenedInfo(const "
+             "Tunnel::TunnelTable::TunnelId&) Cycle Detected for this tunnel\n");
+   const auto calls = [](std::vector<TunnelId> ids) {
+      return [ids](TunnelResolver& r) {
+         for (const TunnelId& id : ids) r.updateFlattenedInfo(id);
+      };
+   };
+   struct Case {
+      const char* what;
+      std::vector<Entry> entries;
+      std::function<void(TunnelResolver&)> act;
+      std::string results, traces;
+      std::vector<TunnelId> rendered;
+   };
+   const std::vector<Case> cases{
+       {"one MplsVia per distinct (next hop, interface, label operation); stack 9 absent",
+        {{L1, {F(1, 1, 1), F(1, 1, 1), F(1, 1, 4), F(2, 1, 1), F(1, 2, 9)}}},
+        calls({L1}),
+        "LDP 1: Ethernet1 10.0.0.1 push 16, Ethernet1 10.0.0.1 push 17, Ethernet2 10.0.0.1 , "
+        "Ethernet1 10.0.0.2 push 16,",
+        cur("LDP", 1) + fin("LDP", 1, 1, 1) + fin("LDP", 1, 1, 1) + fin("LDP", 1, 1, 1) +
+            fin("LDP", 1, 1, 2) + fin("LDP", 1, 2, 1),
+        {L1}},
+       {"label stacks joined outer-to-inner down a three-level chain",
+        {{B1, {V(L1, 3)}}, {L1, {V(R1, 2)}}, {R1, {F(1, 1, 1)}}},
+        calls({B1}),
+        "BGP LU 1: Ethernet1 10.0.0.1 push 16 200 3000, | LDP 1: Ethernet1 10.0.0.1 push 16 200, "
+        "| RSVP LER 1: Ethernet1 10.0.0.1 push 16,",
+        cur("BGP LU", 1) + cur("LDP", 1) + cur("RSVP LER", 1) + fin("RSVP LER", 1, 1, 1),
+        {B1, L1, R1}},
+       {"a via riding on an unresolvable tunnel stops the walk: L1's final via after it is not "
+        "looked at, L2's before it is kept",
+        {{L1, {V(R1, 0), F(1, 1, 0)}}, {L2, {F(1, 1, 0), V(R1, 0), F(2, 1, 0)}}},
+        calls({L1, L2}),
+        "LDP 2: Ethernet1 10.0.0.1 ,",
+        cur("LDP", 1) + cur("RSVP LER", 1) + kNone + cur("LDP", 2) + fin("LDP", 2, 1, 1) +
+            cur("RSVP LER", 1) + kNone,
+        {L1, L2}},
+       {"A -> B -> A: the cycle traced once, no results",
+        {{L1, {V(L2, 0)}}, {L2, {V(L1, 0)}}},
+        calls({L1}),
+        "",
+        cur("LDP", 1) + cur("LDP", 2) + cur("LDP", 1) + kCycle,
+        {L1, L2}},
+       {"a cycle behind a final via: B takes A's first via, A both",
+        {{L1, {F(1, 1, 1), V(L2, 2)}}, {L2, {V(L1, 3)}}},
+        calls({L1}),
+        "LDP 1: Ethernet1 10.0.0.1 push 16, Ethernet1 10.0.0.1 push 16 3000 200, | LDP 2: "
+        "Ethernet1 10.0.0.1 push 16 3000,",
+        cur("LDP", 1) + fin("LDP", 1, 1, 1) + cur("LDP", 2),
+        {L1, L2}},
+       {"a via riding on its own tunnel joins the tunnel's earlier result",
+        {{L1, {F(1, 1, 1), V(L1, 2)}}},
+        calls({L1}),
+        "LDP 1: Ethernet1 10.0.0.1 push 16, Ethernet1 10.0.0.1 push 16 200,",
+        cur("LDP", 1) + fin("LDP", 1, 1, 1),
+        {L1}},
+       {"backup vias are ignored (no result, yet rendered); no entry: not rendered",
+        {{L1, {}, {F(1, 1, 0)}}},
+        calls({L1, L2}),
+        "",
+        cur("LDP", 1) + cur("LDP", 2) + kNone,
+        {L1}},
+       {"a second call does nothing; after consolidatedEntryDel alone a call reports the cycle "
+        "and records nothing",
+        {{L1, {F(1, 1, 0)}}},
+        [](TunnelResolver& r) {
+           r.updateFlattenedInfo(L1);
+           r.updateFlattenedInfo(L1);
+           EXPECT_EQ(resultsOf(r), "LDP 1: Ethernet1 10.0.0.1 ,");
+           EXPECT_TRUE(r.consolidatedEntryDel(L1));
+           r.updateFlattenedInfo(L1);
+        },
+        "",
+        cur("LDP", 1) + fin("LDP", 1, 1, 1) + cur("LDP", 1) + kCycle + cur("LDP", 1) + kCycle,
+        {L1}},
+       {"an inner result left empty by a client: the rider's result is removed again",
+        {{L1, {V(R1, 0)}}, {R1, {F(1, 1, 0)}}},
+        [](TunnelResolver& r) {
+           r.consolidatedEntryIs(R1);
+           r.updateFlattenedInfo(L1);
+        },
+        "RSVP LER 1:",
+        cur("LDP", 1),
+        {L1}},
+   };
+   Fib f;
+   for (const Case& c : cases) {
+      SCOPED_TRACE(c.what);
+      f.is(c.entries);
+      auto resolver = TunnelResolverIs(f.fib);
+      Spoor::Capture capture(0);
+      c.act(*resolver);
+      std::string traces;
+      for (const Spoor::Record& r : capture.records()) {
+         if (r.module == "TunnelFib" && r.level == 0) traces += r.text + "\n";
+      }
+      EXPECT_EQ(traces, c.traces);
+      EXPECT_EQ(resultsOf(*resolver), c.results);
+      EXPECT_EQ(resolver->renderedTunnelIds(), c.rendered);
+      EXPECT_TRUE(resolver->interruptedTunnelId().empty());
+   }
+}
+
+TEST(TunnelResolver, FailuresPassOutAndNameTheInterruptedCalls) {
+   const std::string kOverflow = "label stack of 12 labels exceeds the capacity of 11";
+   struct Case {
+      const char* what;
+      std::vector<Entry> entries;  // the first is called
+      std::string message;
+      std::vector<TunnelId> interrupted;
+      std::string results;  // what the interrupted calls had recorded stays
+   };
+   const std::vector<Case> cases{
+       {"an inner id above 0x1ffffffffffff: the TunnelId range error",
+        {{B1, {F(1, 1, 0), V(TunnelId::maxValue + 1, 0)}}},
+        "Tunnel::TunnelTable::TunnelId::value < Tunnel::TunnelTable::TunnelId::minValue or > "
+        "Tunnel::TunnelTable::TunnelId::maxValue not allowed",
+        {B1},
+        "BGP LU 1: Ethernet1 10.0.0.1 ,"},
+       {"a joined stack of 12 labels, thrown after a via that fitted",
+        {{B1, {V(L1, 6)}}, {L1, {F(1, 1, 7), F(2, 1, 6)}}},
+        kOverflow,
+        {B1},
+        "BGP LU 1: Ethernet1 10.0.0.1 push 7 1 2 3 4 5 6, | LDP 1: Ethernet1 10.0.0.1 push 7, "
+        "Ethernet1 10.0.0.2 push 1 2 3 4 5 6,"},
+       {"a stack of 12 labels, thrown inside a cycle entered from L1",
+        {{L1, {V(L2, 0)}}, {L2, {F(1, 1, 12), V(L1, 0)}}},
+        kOverflow,
+        {L2, L1},
+        ""},
+   };
+   Fib f;
+   for (const Case& c : cases) {
+      SCOPED_TRACE(c.what);
+      f.is(c.entries);
+      auto resolver = TunnelResolverIs(f.fib);
+      try {
+         resolver->updateFlattenedInfo(c.entries.front().id);
+         ADD_FAILURE() << "no exception";
+      } catch (const Wirekit::LabelStackOverflow& e) {
+         EXPECT_EQ(e.what(), c.message);
+      } catch (const Vela::RangeException& e) {
+         EXPECT_EQ(e.what(), c.message);
+      }
+      EXPECT_EQ(resolver->interruptedTunnelId(), c.interrupted);
+      EXPECT_EQ(resultsOf(*resolver), c.results);
+   }
+}
+
+TEST(TunnelResolver, CollectionsFollowTheSuffixConventions) {
+   Fib f;
+   auto r = TunnelResolverIs(f.fib);
+   EXPECT_EQ(r->tunnelFib(), f.fib);
+   for (const TunnelId& t : {L2, L1, L1}) r->renderedTunnelIdIs(t);
+   EXPECT_EQ(r->renderedTunnelIds(), (std::vector<TunnelId>{L1, L2}));
+   EXPECT_EQ(r->renderedTunnelIdDel(L1), L1);
+   EXPECT_EQ(r->renderedTunnelIdDel(L1), TunnelId());
+
+   auto e = r->consolidatedEntryIs(L1);
+   EXPECT_EQ(r->consolidatedEntryIs(L1), e);
+   const MplsVia a(Wirekit::IpGenAddr::ipv4(1), {}), b(Wirekit::IpGenAddr::ipv4(2), {});
+   EXPECT_TRUE(e->viaInfoIs(b) && e->viaInfoIs(a) && !e->viaInfoIs(b));
+   EXPECT_EQ(e->viaInfo(), (std::vector<MplsVia>{a, b}));  // ascending
+   EXPECT_EQ(e->viaInfoDel(a), a);
+   EXPECT_EQ(e->viaInfoDel(a), MplsVia());
+   e->viaInfoDelAll();
+   EXPECT_EQ(e->viaInfoSize(), 0u);
+
+   r->consolidatedEntryIs(L2);
+   EXPECT_EQ(r->consolidatedEntryDel(L1), e);
+   EXPECT_FALSE(r->consolidatedEntryDel(L1) || r->consolidatedEntry(L1));
+   r->consolidatedEntryDelAll();
+   EXPECT_EQ(r->consolidatedEntrySize(), 0u);
+   EXPECT_TRUE(r->renderedTunnelIdHas(L2));  // the two collections are apart
+   r->renderedTunnelIdDelAll();
+   EXPECT_EQ(r->renderedTunnelIdSize(), 0u);
+   EXPECT_EQ(e->tunnelId(), L1);  // a result a caller keeps outlives its removal
+}
+
+TEST(TunnelResolver, IdMapAgreesWithAnOrderedMapUnderRandomChurn) {
+   IdMap<TunnelId, int> map;
+   std::map<TunnelId, int> model;
+   std::mt19937 rng(7);
+   for (int i = 0; i < 50000; ++i) {
+      // At most 7 records: the array stays at 16 slots, so runs often wrap around its end.
+      const TunnelId t = idOf(TunnelType::ldpTunnel, rng() % 1000);
+      if (model.size() < 7 && rng() % 2) {
+         *map.insert(t).first = model[t] = i;
+      } else {
+         const TunnelId victim = rng() % 4 && !model.empty() ? model.begin()->first : t;
+         EXPECT_EQ(map.erase(victim), model.erase(victim) == 1);
+      }
+      ASSERT_EQ(map.size(), model.size());
+      for (const auto& [k, v] : model) ASSERT_TRUE(map.find(k) && *map.find(k) == v) << i;
+   }
+   std::map<TunnelId, int> seen;
+   map.forEach([&](const TunnelId& t, int v) { seen[t] = v; });
+   EXPECT_EQ(seen, model);
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelFib
