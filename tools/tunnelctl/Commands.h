@@ -57,6 +57,21 @@ int runRibCandidates(std::ostream& out, bool colored,
 // Runs the tunnel RIB builder until SIGINT/SIGTERM, or `seconds` (0: no limit).
 int runRibBuilder(std::ostream& out, double seconds);
 
+// Runs the tunnel FIB builder until SIGINT/SIGTERM, or `seconds` (0: no limit); says when it has
+// settled and which tunnels it refused.
+// Runs the re-resolving client over the FIB until SIGINT/SIGTERM, or `seconds` (0: no limit),
+// printing what each change re-resolved and every failure.
+int runResolver(std::ostream& out, double seconds);
+int runFibBuilder(std::ostream& out, double seconds);
+// The tunnel FIB as a reader in this process sees it: one row per entry, or one tunnel's detail
+// (`tunnel` as parseTunnel reads it, FibView.h), or JSON.
+int runFib(std::ostream& out, const std::string& tunnel, bool json);
+// The FIB's encapsulations of one kind (labelStack, gre, ipsecGre, ipsecVti; "" for all) with
+// their content; vxlan only says why there are none to see.
+int runEncap(std::ostream& out, const std::string& kind, bool json);
+// The chain from `tunnel` down to its final next hops, and the resolver's flattened result.
+int runResolve(std::ostream& out, const std::string& tunnel, bool json);
+
 // The redistribution configurations ("ldp", "bgpLu", or both for an empty name) as a reader in
 // this process sees them: per endpoint its tunnels and metrics, or JSON.
 int runRedist(std::ostream& out, const std::string& name, bool json);

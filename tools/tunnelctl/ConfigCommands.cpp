@@ -1,8 +1,6 @@
 // The configuration views: `decap` and `nexthop-group` show the decapsulation and nexthop-group
 // tunnel configurations (a `publish` of a description with them writes them) as a reader in this
 // process sees them.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <iostream>
 
@@ -11,7 +9,7 @@
 #include "Decap/DecapGroup.h"
 #include "EntryJson.h"
 #include "NexthopGroup/NexthopGroupTunnelConfig.h"
-#include "Region/StoreRoot.h"
+#include "StoreEntityReader.h"
 #include "StrictJson.h"
 
 namespace TunnelCtl {
@@ -20,24 +18,11 @@ namespace TT = Tunnel::TunnelTable;
 
 namespace {
 
-// Mounts the configuration at `path` as a reader's copy and waits until it has synchronized;
-// null (with the reason on stderr) when it is not published or does not synchronize.
+// The configuration at `path` as a reader's copy (StoreEntityReader.h).
 template <class Config>
 Vela::Ptr<Config> readConfig(Agent& agent, const char* path, const char* what) {
-   const std::string slots =
-       Region::storeRoot() + "/" + path + "/" + Config::kCollections[0] + "/slots";
-   struct stat st;
-   if (::stat(slots.c_str(), &st) != 0) {
-      std::cerr << "tunnelctl: the " << what
-                << " configuration is not published (publish a description with it)\n";
-      return nullptr;
-   }
-   auto copy = TT::mountStoreEntity<Config>(agent.service(), path, false, agent.loop());
-   if (!agent.runUntil([&] { return copy->synchronized(); }, std::chrono::seconds(10))) {
-      std::cerr << "tunnelctl: the " << what << " configuration did not synchronize\n";
-      return nullptr;
-   }
-   return copy;
+   return readStoreEntity<Config>(agent, path, std::string("the ") + what + " configuration",
+                                  "publish a description with it");
 }
 
 }  // namespace

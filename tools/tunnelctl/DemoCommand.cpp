@@ -9,7 +9,9 @@
 //   4. the redistributor (started with the RIB builder, before the writer) has followed the LDP
 //      and BGP-LU changes: the demo reads both redistribution configurations, as a third process,
 //      before and after the update and prints what changed; then the RIBs the builder made;
-//   5. the readers are stopped (SIGTERM) and report the entries they hold; the others are stopped.
+//   5. the FIB builder (started beside the RIB builder) has settled: the demo resolves a BGP
+//      labelled-unicast tunnel that rides on an LDP tunnel, as `tunnelctl resolve` shows it;
+//   6. the readers are stopped (SIGTERM) and report the entries they hold; the others are stopped.
 // The demo fails (exit 1) unless both readers end up holding exactly the update's entries.
 //
 // Unless TUNNEL_SHMEM_ROOT is set, the demo runs under a fresh temporary store root (removed at the
@@ -38,9 +40,11 @@
 #include "Agent.h"
 #include "Commands.h"
 #include "Description.h"
+#include "FibView.h"
 #include "Publisher.h"
 #include "RedistAgent.h"
 #include "Region/StoreRoot.h"
+#include "TunnelFib/TunnelFibBuilder.h"
 #include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
 
@@ -152,6 +156,51 @@ int builderMain(int fd) {
        std::chrono::hours(1));
    emit(fd, "end");
    return 0;
+}
+
+// ---- the FIB builder process ----
+
+// Runs the tunnel FIB builder; reports "settled <entries> <refused>" each time it settles on new
+// changes, until SIGTERM.
+int fibBuilderMain(int fd) {
+   Agent agent;
+   bool stop = false;
+   agent.signalsIs({SIGTERM, SIGINT}, [&](int) { stop = true; });
+   Tunnel::TunnelFib::TunnelFibBuilder builder(agent.mounter());
+   std::optional<uint64_t> reportedChanges;
+   agent.runUntil(
+       [&] {
+          const uint64_t changes = builder.counters().tunnelChanges;
+          if (builder.settled() && reportedChanges != changes) {
+             reportedChanges = changes;
+             emit(fd, "settled " + std::to_string(builder.tunnelFib()->entryCount()) + " " +
+                          std::to_string(builder.refused().size()));
+          }
+          return stop;
+       },
+       std::chrono::hours(1));
+   emit(fd, "end");
+   return 0;
+}
+
+// The first BGP-LU tunnel of the FIB, by id, with a primary via riding on an LDP tunnel; nothing
+// when there is none (or the FIB cannot be read: said on stderr).
+std::optional<TT::TunnelId> bgpLuOverLdp() {
+   Agent agent;
+   const auto fib = readTunnelFib(agent);
+   if (!fib) return std::nullopt;
+   std::vector<TT::TunnelId> keys = fib->entryKeys();
+   std::sort(keys.begin(), keys.end());
+   for (const TT::TunnelId& key : keys) {
+      if (key.tunnelType() != TT::TunnelType::bgpLuTunnel) continue;
+      const auto entry = fib->entryIf(key);
+      if (!entry) continue;
+      for (const auto& via : entry->tunnelVia()) {
+         const auto inner = innerTunnel(via.intfId());
+         if (inner && inner->tunnelType() == TT::TunnelType::ldpTunnel) return key;
+      }
+   }
+   return std::nullopt;
 }
 
 // ---- the redistribution agent ----
@@ -394,7 +443,8 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
        << "): " << first.routers.size() << " routers, " << first.tunnels.size() << " tunnels in "
        << first.tables().size() << " tables\n";
 
-   Child r1{"reader 1"}, r2{"reader 2"}, w{"writer"}, b{"rib builder"}, rd{"redistributor"};
+   Child r1{"reader 1"}, r2{"reader 2"}, w{"writer"}, b{"rib builder"}, rd{"redistributor"},
+       fb{"fib builder"};
    Children children;
    children.all = {&r1, &r2};
    auto fail = [&](const std::string& what) {
@@ -417,9 +467,11 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    out << "reader 1 (pid " << r1.pid << ") and reader 2 (pid " << r2.pid << ") mounted "
        << tables.size() << " tables as key-shadowing readers, before any writer\n";
 
-   // 2. The RIB builder mounts the same tables, then the writer publishes.
+   // 2. The RIB and FIB builders mount the same tables, then the writer publishes.
    spawn(b, [&](int fd) { return builderMain(fd); });
    children.all.push_back(&b);
+   spawn(fb, [&](int fd) { return fibBuilderMain(fd); });
+   children.all.push_back(&fb);
    spawn(rd, [&](int fd) { return redistributorMain(fd); });
    children.all.push_back(&rd);
    spawn(w, [&](int fd) { return writerMain(fd, first, update); });
@@ -478,7 +530,7 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
 
    // 3. The update.
    const size_t before1 = r1.lines.size(), before2 = r2.lines.size(), beforeW = w.lines.size(),
-                beforeB = b.lines.size(), beforeRd = rd.lines.size();
+                beforeB = b.lines.size(), beforeRd = rd.lines.size(), beforeFb = fb.lines.size();
    ::kill(w.pid, SIGUSR1);
    const auto updated = [&] {
       for (size_t i = beforeW; i < w.lines.size(); ++i) {
@@ -583,7 +635,35 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    if (runRib(out, false, "", false, true) != 0)
       return fail("the candidate tree could not be read");
 
-   // 5. Readers report what they hold, then everyone stops.
+   // 5. The FIB the FIB builder made of the update: a BGP-LU tunnel over an LDP tunnel, resolved.
+   const auto fibSettledSince = [&](size_t from) {
+      for (size_t i = from; i < fb.lines.size(); ++i) {
+         if (fb.lines[i].rfind("settled ", 0) == 0) return true;
+      }
+      return false;
+   };
+   if (!children.waitFor([&] { return fibSettledSince(beforeFb); }, std::chrono::seconds(30))) {
+      return fail("the FIB builder did not settle on the update within 30 s");
+   }
+   {
+      std::istringstream in(fb.lines.back());
+      std::string word;
+      size_t entries = 0, refused = 0;
+      in >> word >> entries >> refused;
+      out << "fib builder (pid " << fb.pid << ") settled: " << entries << " FIB entries, "
+          << refused << " refused";
+   }
+   if (const auto tunnel = bgpLuOverLdp()) {
+      out << "; a BGP-LU tunnel riding on an LDP tunnel, as `tunnelctl resolve "
+          << tunnelName(*tunnel) << "` shows it:\n";
+      if (runResolve(out, tunnelName(*tunnel), false) != 0) {
+         return fail("the tunnel could not be resolved");
+      }
+   } else {
+      out << "; no BGP-LU tunnel of the FIB rides on an LDP tunnel\n";
+   }
+
+   // 6. Readers report what they hold, then everyone stops.
    ::kill(r1.pid, SIGTERM);
    ::kill(r2.pid, SIGTERM);
    if (!children.waitFor([&] { return ReaderView(r1).ended && ReaderView(r2).ended; },
@@ -593,8 +673,9 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
    ::kill(w.pid, SIGTERM);
    ::kill(b.pid, SIGTERM);
    ::kill(rd.pid, SIGTERM);
+   ::kill(fb.pid, SIGTERM);
    int status = 0;
-   for (Child* c : {&r1, &r2, &w, &b, &rd}) {
+   for (Child* c : {&r1, &r2, &w, &b, &rd, &fb}) {
       if (Children::reap(*c) != 0) {
          status = 1;
          std::cerr << "tunnelctl demo: " << c->name << " did not exit cleanly\n";

@@ -190,6 +190,25 @@ EntryReader readerFrom(const TT::TunnelTableBase& table, TT::TableList<Tables...
 
 }  // namespace
 
+Json labelOperationJson(const Wirekit::MplsLabelOperation& op) {
+   return toJson(op);
+}
+Json labelOperationJson(const Wirekit::UnboundedMplsLabelOperation& op) {
+   return toJson(op);
+}
+Json tunnelInfoJson(const Tunnel::GreTunnelInfo& info) {
+   return fieldsJson(info);
+}
+Json tunnelInfoJson(const Tunnel::IpsecGreTunnelInfo& info) {
+   return fieldsJson(info);
+}
+Json tunnelInfoJson(const Tunnel::IpsecVtiTunnelInfo& info) {
+   return fieldsJson(info);
+}
+Json tunnelInfoJson(const Tunnel::VxlanTunnelInfo& info) {
+   return fieldsJson(info);
+}
+
 EntryReader entryReaderFor(const TT::TunnelTableBase& table) {
    if (auto r = readerFrom(table, TT::TunnelTables{})) return r;
    if (auto r = readerFrom(table, TT::MldpTables{})) return r;

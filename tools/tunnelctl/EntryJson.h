@@ -13,8 +13,11 @@
 #include <optional>
 
 #include "TunnelTable/TunnelId.h"
+#include "TunnelTable/TunnelInfo.h"
 #include "TunnelTable/TunnelTableBase.h"
 #include "Vela/String.h"
+#include "Wirekit/MplsLabelOperation.h"
+#include "Wirekit/UnboundedMplsLabelOperation.h"
 
 namespace TunnelCtl {
 
@@ -41,5 +44,15 @@ std::string printableName(std::string_view bytes);
 
 // {"value", "type", "typeCode", "index"}.
 Json tunnelIdJson(const Tunnel::TunnelTable::TunnelId& id);
+
+// A label operation as entries give it: {"operation", "pops", "labels"}.
+Json labelOperationJson(const Wirekit::MplsLabelOperation& op);
+Json labelOperationJson(const Wirekit::UnboundedMplsLabelOperation& op);
+
+// An interface tunnel's parameters, every field a field under its text form's name.
+Json tunnelInfoJson(const Tunnel::GreTunnelInfo& info);
+Json tunnelInfoJson(const Tunnel::IpsecGreTunnelInfo& info);
+Json tunnelInfoJson(const Tunnel::IpsecVtiTunnelInfo& info);
+Json tunnelInfoJson(const Tunnel::VxlanTunnelInfo& info);
 
 }  // namespace TunnelCtl

@@ -1,6 +1,7 @@
 // tunnelctl driven as an operator drives it: the binary, run as separate processes under a store
 // root of the test's own, its exact output, messages and exit statuses. Writers are `publish`
-// processes; readers are `show` and `watch` processes.
+// processes; readers are `show` and `watch` processes; a `fib-builder` process writes the FIB that
+// `fib`, `encap` and `resolve` read.
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
@@ -541,4 +542,91 @@ TEST_F(OperatorTest, ConfigurationsAreReadFromOtherProcessesAndFollowTheirSource
    redistributor.signal(SIGTERM);
    EXPECT_EQ(pub.finish(), 0);
    EXPECT_EQ(redistributor.finish(), 0);
+}
+
+TEST_F(OperatorTest, FibBuilderFillsTheFibThatFibEncapAndResolveRead) {
+   // The example network, plus two BGP-LU tunnels riding on each other and one whose labels and
+   // LDP 21's make too deep a stack.
+   auto net = nlohmann::ordered_json::parse(
+       readFile(std::string(TUNNEL_SOURCE_DIR) + "/examples/network.json"));
+   const auto bgpLu = [](int index, const char* table, int inner) {
+      return nlohmann::ordered_json{{"table", "bgpLu"},
+                                    {"index", index},
+                                    {"vias", {{{"tunnel", {{"table", table}, {"index", inner}}}}}}};
+   };
+   net["tunnels"].push_back(bgpLu(901, "bgpLu", 902));
+   net["tunnels"].push_back(bgpLu(902, "bgpLu", 901));
+   net["tunnels"].push_back(bgpLu(903, "ldp", 21));
+   net["tunnels"].back()["labels"] = "push 1 2 3 4 5 6 7 8 9 10 11";
+   Tool pub(root_.path(), {"publish", file("net.json", net.dump())});
+   ASSERT_TRUE(pub.waitFor("ready: 99 tunnels*"));
+   Tool builder(root_.path(), {"fib-builder"});
+   ASSERT_TRUE(
+       builder.waitFor("fib-builder: settled: 95 entries; encapsulations: * labelStack, 2 "
+                       "gre, 1 ipsecGre, 1 ipsecVti, 6 vxlan (this process only); 0 "
+                       "refused"));
+
+   // BGP-LU 300 rides on LDP 21; which label stack encapsulation each names is the builder's.
+   const auto doc = nlohmann::json::parse(run({"resolve", "bgpLu:300", "--json"}).out);
+   const auto& outer = doc["chain"]["vias"][0];
+   const auto& inner = outer["inner"]["vias"][0];
+   EXPECT_EQ(outer["tunnelId"]["type"], "ldpTunnel");
+   EXPECT_EQ(outer["inner"]["tunnelId"]["index"], 21);
+   EXPECT_EQ(doc["flattened"], nlohmann::json::parse(R"([{"nextHop": "10.0.1.1",
+       "intfId": "Ethernet1", "labels": {"operation": "push", "pops": 0,
+       "labels": [24021, 100200]}}])"));
+   EXPECT_EQ(doc["reason"], nullptr);
+   const std::string outerEncap = "MPLS " + outer["encapId"]["value"].dump();
+   const std::string innerEncap = "MPLS " + inner["encapId"]["value"].dump();
+
+   EXPECT_EQ(run({"resolve", "bgpLuTunnel:300"}).out,
+             "bgpLuTunnel:300\n  via 0.0.0.0 ldpTunnel:21 " + outerEncap +
+                 " push 100200\n    ldpTunnel:21\n      via 10.0.1.1 Ethernet1 " + innerEncap +
+                 " push 24021\nflattened: 1 final via\n  10.0.1.1 Ethernet1 push 24021 100200\n");
+   EXPECT_EQ(run({"resolve", "bgpLu:901"}).out,
+             "bgpLuTunnel:901\n  via 0.0.0.0 bgpLuTunnel:902 -\n    bgpLuTunnel:902\n"
+             "      via 0.0.0.0 bgpLuTunnel:901 -\n        cycle back to bgpLuTunnel:901\n"
+             "flattened: none: bgpLuTunnel:901 -> bgpLuTunnel:902 -> bgpLuTunnel:901: a cycle\n");
+   EXPECT_TRUE(
+       run({"resolve", "bgpLu:903"})
+           .out.ends_with("\nflattened: none: label stack too deep: label stack of 12 "
+                          "labels exceeds the capacity of 11 (resolving bgpLuTunnel:903)\n"));
+   EXPECT_EQ(run({"fib", "bgpLu:300"}).out,
+             "bgpLuTunnel:300 (tunnel id 35184372089132)\n  arePrimaryViasUsable yes, "
+             "burnPrimaryVias no, resetFailoverState 0, seqNo 0\n  primary 0: 0.0.0.0 "
+             "ldpTunnel:21 " +
+                 outerEncap + " push 100200\n");
+   const std::string rows = run({"fib"}).out;
+   EXPECT_TRUE(
+       rows.starts_with("tunnel/fib: 95 entries\nTUNNEL                    USABLE  "
+                        "PRIMARY  BACKUP  VIAS\nbgpLuPushTunnel:400 "))
+       << rows;
+   EXPECT_NE(rows.find("\nbgpLuTunnel:300           yes     1        0       0.0.0.0 "
+                       "ldpTunnel:21 " +
+                       outerEncap + "\n"),
+             std::string::npos)
+       << rows;
+   EXPECT_EQ(run({"encap", "gre"}).out,
+             "tunnel/fib: 2 gre encapsulations\nENCAP  CONTENT\nGRE 1  srcAddr 10.255.0.7 dstAddr "
+             "10.255.0.23 tunnelIntfPort 10 okey 1010 ikey 1010 mtu 1476 underlayVrfId 0 ttl 64 "
+             "tos 0 pathMtuDiscovery true dontFragment false\nGRE 2  srcAddr 10.255.0.7 dstAddr "
+             "10.255.0.24 tunnelIntfPort 11 okey 0 ikey 0 mtu 1476 underlayVrfId 0 ttl 64 tos 0 "
+             "pathMtuDiscovery false dontFragment true\n");
+   EXPECT_EQ(run({"encap", "vxlan"}).out,
+             "vxlan: VXLAN encapsulations are kept only in the FIB builder's own process; no other "
+             "process can read them\n");
+   const Result missing = run({"resolve", "ldp:999"});
+   EXPECT_EQ(missing.status, 1);
+   EXPECT_EQ(missing.err, "tunnelctl: the tunnel FIB has no entry for ldpTunnel:999\n");
+   // The re-resolving agent: a full pass at start, the too-deep tunnel named with its reason.
+   Tool resolver(root_.path(), {"resolver"});
+   EXPECT_TRUE(resolver.waitFor(
+       "resolver: re-resolved 95 tunnels: 87 with final vias, 1 failed, 7 with none"));
+   EXPECT_TRUE(resolver.waitFor("resolver: bgpLuTunnel:903: *label stack*"));
+   resolver.signal(SIGTERM);
+   EXPECT_EQ(resolver.finish(), 0);
+   builder.signal(SIGTERM);
+   pub.signal(SIGTERM);
+   EXPECT_EQ(builder.finish(), 0);
+   EXPECT_EQ(pub.finish(), 0);
 }

@@ -1,6 +1,8 @@
 // tunnelctl: how a person sees the tunnel tables of a store root ($TUNNEL_SHMEM_ROOT or
 // /var/shmem): list them, show and watch one as a reader sees it, check its files, publish a
-// network description as a writer agent, and run the writer-and-readers demo.
+// network description as a writer agent, run the RIB and FIB builders and the redistributor as
+// agents, show what they write (RIBs, FIB, encapsulations, resolution, configurations), and run
+// the writer-and-readers demo.
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <fstream>
@@ -106,6 +108,29 @@ int main(int argc, char** argv) {
        "rib-builder", "the tunnel RIB builder as an agent: protocol tables in, both RIBs out");
    ribBuilder->add_option("--seconds", seconds, "stop after S seconds");
 
+   auto* fibBuilder = app.add_subcommand(
+       "fib-builder", "the tunnel FIB builder as an agent: protocol tables in, the FIB out");
+   fibBuilder->add_option("--seconds", seconds, "stop after S seconds");
+   auto* resolver = app.add_subcommand(
+       "resolver",
+       "the re-resolving client as an agent: the FIB in, flattened tunnels kept current");
+   resolver->add_option("--seconds", seconds, "stop after S seconds");
+   std::string tunnel;
+   auto* fib =
+       app.add_subcommand("fib", "the tunnel FIB as a reader sees it (fib-builder writes it)");
+   fib->add_option("TUNNEL", tunnel, "one tunnel: TABLE:INDEX (ldp:7), TYPE:INDEX or its id value");
+   fib->add_flag("--json", json, "machine-readable output");
+   std::string encapKind;
+   auto* encap = app.add_subcommand("encap", "the tunnel FIB's encapsulations");
+   encap->add_option("KIND", encapKind,
+                     "labelStack, gre, ipsecGre, ipsecVti or vxlan (default: all)");
+   encap->add_flag("--json", json, "machine-readable output");
+   auto* resolve = app.add_subcommand(
+       "resolve", "a tunnel's chain down to its final next hops, and the flattened result");
+   resolve->add_option("TUNNEL", tunnel, "TABLE:INDEX (bgpLu:300), TYPE:INDEX or its id value")
+       ->required();
+   resolve->add_flag("--json", json, "machine-readable output");
+
    std::string redistName;
    auto* redist = app.add_subcommand(
        "redist", "the redistribution configurations (a redistributor writes them)");
@@ -142,6 +167,11 @@ int main(int argc, char** argv) {
       if (*publish) return TunnelCtl::runPublish(std::cout, file, once);
       if (*rib) return TunnelCtl::runRib(std::cout, colored, endpoint, json, candidates);
       if (*ribBuilder) return TunnelCtl::runRibBuilder(std::cout, seconds);
+      if (*fibBuilder) return TunnelCtl::runFibBuilder(std::cout, seconds);
+      if (*resolver) return TunnelCtl::runResolver(std::cout, seconds);
+      if (*fib) return TunnelCtl::runFib(std::cout, tunnel, json);
+      if (*encap) return TunnelCtl::runEncap(std::cout, encapKind, json);
+      if (*resolve) return TunnelCtl::runResolve(std::cout, tunnel, json);
       if (*redist) return TunnelCtl::runRedist(std::cout, redistName, json);
       if (*redistributor) return TunnelCtl::runRedistributor(std::cout, seconds);
       if (*decap) return TunnelCtl::runDecap(std::cout, json);
