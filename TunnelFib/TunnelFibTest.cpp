@@ -175,9 +175,31 @@ TEST(TunnelFib, AReaderInAnotherProcessHearsEachCollectionKeyByKey) {
                           {{attrGreEncap.value, EncapId(EncapType::gre, 2).rawValue()}, 1}}));
    EXPECT_DEATH(copy->entryIs(entryOf(4, 1)),
                 "write on collection 'entry', which is not the writer of its store");
-   copy->notifieeDel(&r);
-   ::kill(writer, SIGTERM);
+
+   // The writer killed; a new one takes the files over and changes them: the copy follows.
+   ::kill(writer, SIGKILL);
    Testing::waitChild(writer);
+   const pid_t next = Testing::forkChild([&] {
+      Loom::EventLoop loop;
+      auto service = Vela::makePtr<Vault::MountService>();
+      auto fib = mountTunnelFib(*service, true, loop);
+      fib->entryDel(ldp(1));
+      fib->entryIs(entryOf(5, 1));
+      for (int i = 0; i < 100; ++i) loop.runOnce(std::chrono::milliseconds(10));
+      return 0;
+   });
+   // Keys may be told again when the copy takes up the new writer; the changed ones are told.
+   const auto told = [&](uint64_t index) {
+      return r.heard.count({attrFibEntry.value, ldp(index).value()});
+   };
+   EXPECT_TRUE(until([&] {
+      return copy->entryHas(ldp(5)) && !copy->entryHas(ldp(1)) && told(5) && told(1) &&
+             copy->labelStackEncapHas(labels(1));
+   }));
+   EXPECT_EQ(copy->entry(ldp(3)), entryOf(3, 7));
+   copy->notifieeDel(&r);
+   ::kill(next, SIGTERM);
+   Testing::waitChild(next);
 }
 
 TEST(TunnelFib, TheLastReferenceHandsEachControlTheEntityInOrder) {

@@ -254,36 +254,6 @@ TEST(TunnelResolver, FailuresPassOutAndNameTheInterruptedCalls) {
    }
 }
 
-TEST(TunnelResolver, CollectionsFollowTheSuffixConventions) {
-   Fib f;
-   auto r = TunnelResolverIs(f.fib);
-   EXPECT_EQ(r->tunnelFib(), f.fib);
-   for (const TunnelId& t : {L2, L1, L1}) r->renderedTunnelIdIs(t);
-   EXPECT_EQ(r->renderedTunnelIds(), (std::vector<TunnelId>{L1, L2}));
-   EXPECT_EQ(r->renderedTunnelIdDel(L1), L1);
-   EXPECT_EQ(r->renderedTunnelIdDel(L1), TunnelId());
-
-   auto e = r->consolidatedEntryIs(L1);
-   EXPECT_EQ(r->consolidatedEntryIs(L1), e);
-   const MplsVia a(Wirekit::IpGenAddr::ipv4(1), {}), b(Wirekit::IpGenAddr::ipv4(2), {});
-   EXPECT_TRUE(e->viaInfoIs(b) && e->viaInfoIs(a) && !e->viaInfoIs(b));
-   EXPECT_EQ(e->viaInfo(), (std::vector<MplsVia>{a, b}));  // ascending
-   EXPECT_EQ(e->viaInfoDel(a), a);
-   EXPECT_EQ(e->viaInfoDel(a), MplsVia());
-   e->viaInfoDelAll();
-   EXPECT_EQ(e->viaInfoSize(), 0u);
-
-   r->consolidatedEntryIs(L2);
-   EXPECT_EQ(r->consolidatedEntryDel(L1), e);
-   EXPECT_FALSE(r->consolidatedEntryDel(L1) || r->consolidatedEntry(L1));
-   r->consolidatedEntryDelAll();
-   EXPECT_EQ(r->consolidatedEntrySize(), 0u);
-   EXPECT_TRUE(r->renderedTunnelIdHas(L2));  // the two collections are apart
-   r->renderedTunnelIdDelAll();
-   EXPECT_EQ(r->renderedTunnelIdSize(), 0u);
-   EXPECT_EQ(e->tunnelId(), L1);  // a result a caller keeps outlives its removal
-}
-
 TEST(TunnelResolver, IdMapAgreesWithAnOrderedMapUnderRandomChurn) {
    IdMap<TunnelId, int> map;
    std::map<TunnelId, int> model;
