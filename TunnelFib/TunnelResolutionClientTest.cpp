@@ -5,6 +5,7 @@
 
 #include "TunnelFib/TunnelResolutionClient.h"
 #include "Vault/MountService.h"
+#include "testing/FibVias.h"
 #include "testing/TempRoot.h"
 
 namespace Tunnel::TunnelFib {
@@ -19,15 +20,14 @@ TunnelId idOf(TunnelType type, uint64_t index) {
    return TunnelId(TunnelId::convertToTunnelValue(type, index));
 }
 EncapId encap(uint32_t n) {
-   return EncapId(TunnelTable::EncapType::labelStack, n);
+   return Testing::labelStackId(n);
 }
 // A final via to 10.0.0.<hop> on Ethernet<intf>; a via riding on the tunnel of an id value.
 TunnelVia F(uint32_t hop, uint32_t intf, uint32_t e) {
-   return TunnelVia(Wirekit::IpGenAddr::ipv4(0x0A000000u + hop),
-                    Wirekit::IntfId::ordinary(Wirekit::IntfKind::ethernet, intf), encap(e));
+   return Testing::finalVia(hop, intf, e);
 }
 TunnelVia V(uint64_t inner, uint32_t e) {
-   return TunnelVia({}, DynamicTunnelIntfId::tunnelIdToIntfId(inner), encap(e));
+   return Testing::ridingVia(inner, e);
 }
 TunnelFibEntry entryOf(const TunnelId& id, const std::vector<TunnelVia>& vias,
                        const std::vector<TunnelVia>& backup = {}) {

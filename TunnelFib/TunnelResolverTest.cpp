@@ -11,6 +11,7 @@
 #include "TunnelFib/TunnelResolver.h"
 #include "Vault/MountService.h"
 #include "Wirekit/Errors.h"
+#include "testing/FibVias.h"
 #include "testing/TempRoot.h"
 
 namespace Tunnel::TunnelFib {
@@ -25,15 +26,14 @@ TunnelId idOf(TunnelType type, uint64_t index) {
 const TunnelId R1 = idOf(TunnelType::rsvpLerTunnel, 1), L1 = idOf(TunnelType::ldpTunnel, 1),
                L2 = idOf(TunnelType::ldpTunnel, 2), B1 = idOf(TunnelType::bgpLuTunnel, 1);
 EncapId encap(uint32_t n) {
-   return EncapId(TunnelTable::EncapType::labelStack, n);
+   return Testing::labelStackId(n);
 }
 // A final via to 10.0.0.<hop> on Ethernet<intf>; a via riding on a tunnel (or an id value).
 TunnelVia F(uint32_t hop, uint32_t intf, uint32_t e) {
-   return TunnelVia(Wirekit::IpGenAddr::ipv4(0x0A000000u + hop),
-                    Wirekit::IntfId::ordinary(Wirekit::IntfKind::ethernet, intf), encap(e));
+   return Testing::finalVia(hop, intf, e);
 }
 TunnelVia V(uint64_t inner, uint32_t e) {
-   return TunnelVia({}, Wirekit::DynamicTunnelIntfId::tunnelIdToIntfId(inner), encap(e));
+   return Testing::ridingVia(inner, e);
 }
 TunnelVia V(const TunnelId& inner, uint32_t e) {
    return V(inner.value(), e);

@@ -618,13 +618,14 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
 
    // 4. The RIB the builder made of the update, as this (third) process reads it.
    // It says "settled" each time it has applied new changes and holds what the tables say.
-   const auto settledSince = [&](size_t from) {
-      for (size_t i = from; i < b.lines.size(); ++i) {
-         if (b.lines[i].rfind("settled ", 0) == 0) return true;
+   // Whether an agent said "settled" in a line from `from` on.
+   const auto settledSince = [](const auto& agent, size_t from) {
+      for (size_t i = from; i < agent.lines.size(); ++i) {
+         if (agent.lines[i].rfind("settled ", 0) == 0) return true;
       }
       return false;
    };
-   if (!children.waitFor([&] { return settledSince(beforeB); }, std::chrono::seconds(30))) {
+   if (!children.waitFor([&] { return settledSince(b, beforeB); }, std::chrono::seconds(30))) {
       return fail("the RIB builder did not settle on the update within 30 s");
    }
    out << "rib builder (pid " << b.pid << ") " << b.lines.back() << "; the tunnel RIB:\n";
@@ -636,13 +637,7 @@ int runDemo(std::ostream& out, const std::string& file, const std::string& updat
       return fail("the candidate tree could not be read");
 
    // 5. The FIB the FIB builder made of the update: a BGP-LU tunnel over an LDP tunnel, resolved.
-   const auto fibSettledSince = [&](size_t from) {
-      for (size_t i = from; i < fb.lines.size(); ++i) {
-         if (fb.lines[i].rfind("settled ", 0) == 0) return true;
-      }
-      return false;
-   };
-   if (!children.waitFor([&] { return fibSettledSince(beforeFb); }, std::chrono::seconds(30))) {
+   if (!children.waitFor([&] { return settledSince(fb, beforeFb); }, std::chrono::seconds(30))) {
       return fail("the FIB builder did not settle on the update within 30 s");
    }
    {
