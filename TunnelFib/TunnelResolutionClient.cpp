@@ -166,7 +166,11 @@ void TunnelResolutionClient::reindex(const TunnelId& tunnelId) {
    std::vector<Link> links;
    links.reserve(fresh.keys.size());
    size_t o = 0;
-   for (const auto& [encap, key] : fresh.keys) {
+   for (const auto& freshKey : fresh.keys) {
+      // Named copies, not structured bindings: a lambda may not capture those before C++20
+      // compilers caught up (clang 14 refuses).
+      const bool encap = freshKey.first;
+      const uint64_t key = freshKey.second;
       const auto before = [&](const Link& l) {
          return std::pair(l.encap, l.key) < std::pair(encap, key);
       };
