@@ -35,7 +35,7 @@
 #include "Vela/Exception.h"
 #include "store/DockConfig.h"
 #include "store/DockMap.h"
-#include "store/IterHint.h"
+#include "store/reader/IterHint.h"
 
 namespace Tunnel::TunnelTable {
 

@@ -2,7 +2,7 @@
 #include "TunnelTable/TableWatch.h"
 
 #include "TunnelTable/TableRegistry.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace Tunnel::TunnelTable {
 

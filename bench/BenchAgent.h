@@ -11,7 +11,7 @@
 #include "Loom/EventLoop.h"
 #include "TunnelTable/TunnelMount.h"
 #include "Vault/MountService.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace Bench {
 

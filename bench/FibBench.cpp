@@ -32,7 +32,7 @@
 #include "TunnelFib/TunnelResolutionClient.h"
 #include "TunnelFib/TunnelResolver.h"
 #include "TunnelTable/TunnelTables.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace {
 

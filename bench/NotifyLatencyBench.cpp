@@ -32,8 +32,8 @@
 
 #include "BenchSupport.h"
 #include "Loom/EventLoop.h"
-#include "store/DockShadow.h"
-#include "store/DockWriter.h"
+#include "store/reader/DockShadow.h"
+#include "store/writer/DockWriter.h"
 
 namespace {
 

@@ -35,7 +35,7 @@
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vault/MountService.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace {
 

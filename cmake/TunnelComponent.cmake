@@ -1,6 +1,7 @@
 # tunnel_component(NAME DIR [DEPS component...])
-#   An OBJECT library NAME of DIR/*.cpp (without *Test.cpp). DEPS lists every component NAME needs,
-#   transitively: a component's test executable links exactly these objects.
+#   An OBJECT library NAME of DIR/**/*.cpp (without *Test.cpp; a folder may hold sub-folders by
+#   idea). DEPS lists every component NAME needs, transitively: a component's test executable links
+#   exactly these objects.
 # tunnel_register_tests()
 #   One GoogleTest executable NAME_tests per component that has *Test.cpp files; each test case is a
 #   CTest test, so death tests and forking tests run isolated and in parallel.
@@ -11,7 +12,7 @@ set_property(GLOBAL PROPERTY TUNNEL_COMPONENTS "")
 
 function(tunnel_component name dir)
   cmake_parse_arguments(C "" "" "DEPS" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${dir}/*.cpp)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${dir}/*.cpp)
   set(lib_sources "")
   set(test_sources "")
   foreach(s IN LISTS sources)

@@ -6,8 +6,8 @@
 
 #include "Loom/CorruptionException.h"
 #include "Region/MappedFile.h"
-#include "store/Offset.h"
-#include "store/SlotTable.h"
+#include "store/format/Offset.h"
+#include "store/format/SlotTable.h"
 
 namespace Dock {
 

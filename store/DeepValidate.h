@@ -16,8 +16,8 @@
 #include <cstdint>
 #include <string>
 
-#include "store/Layout.h"
-#include "store/WriterAllocator.h"
+#include "store/format/Layout.h"
+#include "store/slab/WriterAllocator.h"
 
 namespace Dock {
 

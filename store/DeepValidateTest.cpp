@@ -11,9 +11,9 @@
 #include "Region/MappedFile.h"
 #include "Region/StoreRoot.h"
 #include "store/DeepValidate.h"
-#include "store/DynamicSlotAllocator.h"
-#include "store/SlabTestValue.h"
-#include "store/SlotTable.h"
+#include "store/slab/DynamicSlotAllocator.h"
+#include "store/slab/SlabTestValue.h"
+#include "store/format/SlotTable.h"
 #include "testing/Expect.h"
 #include "testing/TempRoot.h"
 

@@ -23,10 +23,10 @@
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
 #include "store/DockConfig.h"
-#include "store/DockShadow.h"
-#include "store/DockWriter.h"
-#include "store/IterHint.h"
-#include "store/ShadowStore.h"
+#include "store/reader/DockShadow.h"
+#include "store/writer/DockWriter.h"
+#include "store/reader/IterHint.h"
+#include "store/reader/ShadowStore.h"
 
 namespace Dock {
 

@@ -9,7 +9,7 @@
 
 #include "Loom/EventLoop.h"
 #include "store/DockConfig.h"
-#include "store/Layout.h"
+#include "store/format/Layout.h"
 #include "store/WriterTestValue.h"
 
 namespace DockTest {

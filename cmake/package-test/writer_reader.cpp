@@ -8,7 +8,7 @@
 #include "Loom/EventLoop.h"
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTables.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 using namespace Tunnel::TunnelTable;
 

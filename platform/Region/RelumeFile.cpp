@@ -11,29 +11,16 @@
 #include "Region/Error.h"
 #include "Vela/Assert.h"
 #include "Vela/Hash.h"
-#include "store/Layout.h"
 
 namespace Region {
 
-namespace {
-
-// The record as bytes: magic, relume, check, little-endian (the host order, see Layout.h).
-struct RelumeBytes {
-   uint64_t magic;
-   uint32_t relume;
-   uint32_t check;
-};
-static_assert(sizeof(RelumeBytes) == sizeof(Dock::RelumeRecord));
-
-}  // namespace
-
 uint32_t RelumeFile::read(const std::string& dir) {
-   int fd = ::open((dir + "/" + Dock::kRelumeFile).c_str(), O_RDONLY | O_CLOEXEC);
+   int fd = ::open((dir + "/" + kRelumeFile).c_str(), O_RDONLY | O_CLOEXEC);
    if (fd < 0) return 0;
-   RelumeBytes r{};
+   RelumeRecord r{};
    ssize_t n = ::pread(fd, &r, sizeof r, 0);
    ::close(fd);
-   if (n != ssize_t(sizeof r) || r.magic != Dock::kRelumeMagic ||
+   if (n != ssize_t(sizeof r) || r.magic != kRelumeMagic ||
        r.check != Vela::oneAtATimeOf(r.relume)) {
       return 0;
    }
@@ -42,9 +29,9 @@ uint32_t RelumeFile::read(const std::string& dir) {
 
 void RelumeFile::write(const std::string& dir, uint32_t relume) {
    VELA_ASSERT(relume != 0 && "relume 0 means none");
-   const std::string path = dir + "/" + Dock::kRelumeFile;
+   const std::string path = dir + "/" + kRelumeFile;
    const std::string tmp = path + ".tmp." + std::to_string(::getpid());
-   RelumeBytes r{Dock::kRelumeMagic, relume, Vela::oneAtATimeOf(relume)};
+   RelumeRecord r{kRelumeMagic, relume, Vela::oneAtATimeOf(relume)};
    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
    if (fd < 0) throw Error::fromErrno("cannot create", tmp, errno);
    bool ok = ::pwrite(fd, &r, sizeof r, 0) == ssize_t(sizeof r);

@@ -8,7 +8,6 @@
 #include "Region/MappedFile.h"
 #include "Region/RelumeFile.h"
 #include "Region/VersionAnchor.h"
-#include "store/Layout.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -23,7 +22,7 @@ TEST(RelumeFile, WriteReadAndRejectDamage) {
 
    const std::string path = root.path() + "/relume";
    // Every single-byte change of the record is refused.
-   for (off_t at = 0; at < off_t(sizeof(Dock::RelumeRecord)); ++at) {
+   for (off_t at = 0; at < off_t(sizeof(Region::RelumeRecord)); ++at) {
       Region::RelumeFile::write(root.path(), 7);
       int fd = ::open(path.c_str(), O_RDWR);
       ASSERT_GE(fd, 0);

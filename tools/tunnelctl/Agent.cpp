@@ -11,7 +11,7 @@
 #include "Mldp/MldpTunnelTable.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vela/Exception.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace TunnelCtl {
 

@@ -22,9 +22,9 @@
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
 #include "store/DeepValidate.h"
-#include "store/Layout.h"
-#include "store/LinearSizeConfig.h"
-#include "store/SlotTable.h"
+#include "store/format/Layout.h"
+#include "store/slab/LinearSizeConfig.h"
+#include "store/format/SlotTable.h"
 
 namespace TunnelCtl {
 

@@ -20,9 +20,9 @@
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
-#include "store/Layout.h"
-#include "store/SlotTable.h"
-#include "store/WakeDirectory.h"
+#include "store/format/Layout.h"
+#include "store/format/SlotTable.h"
+#include "store/herald/WakeDirectory.h"
 
 namespace TunnelCtl {
 

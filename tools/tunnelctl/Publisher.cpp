@@ -6,7 +6,7 @@
 
 #include "Commands.h"
 #include "TunnelTable/StoreEntity.h"
-#include "store/DockWriter.h"
+#include "store/writer/DockWriter.h"
 
 namespace TunnelCtl {
 

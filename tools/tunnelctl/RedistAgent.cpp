@@ -1,6 +1,6 @@
 #include "RedistAgent.h"
 
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace TunnelCtl {
 

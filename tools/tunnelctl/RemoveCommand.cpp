@@ -13,7 +13,7 @@
 
 #include "Commands.h"
 #include "Region/OwnerFile.h"
-#include "store/Layout.h"
+#include "store/format/Layout.h"
 
 namespace TunnelCtl {
 

@@ -14,7 +14,7 @@
 #include "StrictJson.h"
 #include "TunnelRib/CliTunnelRibExport.h"
 #include "TunnelRib/TunnelRibBuilder.h"
-#include "store/DockShadow.h"
+#include "store/reader/DockShadow.h"
 
 namespace TunnelCtl {
 

@@ -39,7 +39,7 @@
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
-#include "store/Layout.h"
+#include "store/format/Layout.h"
 
 namespace TunnelCtl {
 

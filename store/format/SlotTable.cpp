@@ -1,0 +1,158 @@
+#include "store/format/SlotTable.h"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "Region/MappedFile.h"
+#include "Spoor/Trace.h"
+#include "Vela/Exception.h"
+
+namespace Dock::SlotTable {
+
+namespace {
+
+Spoor::Handle& trace() {
+   return Spoor::handle("Dock");
+}
+
+constexpr uint32_t kFnvBasis = 0x811c9dc5u;
+constexpr uint32_t kFnvPrime = 0x01000193u;
+
+uint32_t fnv(uint32_t h, const void* data, size_t len) {
+   const auto* p = static_cast<const uint8_t*>(data);
+   for (size_t i = 0; i < len; ++i) {
+      h ^= p[i];
+      h *= kFnvPrime;
+   }
+   return h;
+}
+
+// The magic is the publication word of a freshly formatted header (see format).
+uint64_t loadMagic(const Header& h) {
+   return std::atomic_ref<uint64_t>(const_cast<uint64_t&>(h.magic)).load(std::memory_order_acquire);
+}
+
+}  // namespace
+
+std::string platformName(uint32_t platform) {
+   if (platform == kPlatform) return "linux-little-endian-64";
+   return fmt::format("unknown-platform-{}", platform);
+}
+
+void format(Header* h, const std::string& valueType, uint32_t valueSize, uint32_t maxSlots,
+            uint16_t constFlags, uint32_t relume, uint32_t hashSeed, uint32_t numSlots) {
+   if (valueType.size() > kValueTypeSize - 1) {
+      throw Vela::Exception(
+          fmt::format("value typename {} exceeds {} characters", valueType, kValueTypeSize));
+   }
+   // Unpublish first: a reader that opens the file while it is re-formatted sees a bad magic.
+   std::atomic_ref<uint64_t>(h->magic).store(0, std::memory_order_relaxed);
+   h->version = kSlotVersion;
+   h->relume = relume;
+   h->platform = kPlatform;
+   std::memset(h->valueType, 0, kValueTypeSize);
+   std::memcpy(h->valueType, valueType.data(), valueType.size());
+   h->valueSize = valueSize;
+   h->slotSize = kSlotSize;
+   h->maxSlots = maxSlots;
+   h->constFlags = constFlags;
+   h->runtimeFlags.store(0, std::memory_order_relaxed);
+   h->occupiedSlots.store(0, std::memory_order_relaxed);
+   h->freeSlots.store(kNone, std::memory_order_relaxed);
+   h->mostSlots.store(numSlots, std::memory_order_relaxed);
+   h->hashSeed = hashSeed;
+   h->sizeWord.store(makeSizeWord(0, numSlots), std::memory_order_relaxed);
+   h->lookaside.savedWord.store(0, std::memory_order_relaxed);
+   h->lookaside.slot.store(kNone, std::memory_order_relaxed);
+   h->lookaside.offset.store(0, std::memory_order_relaxed);
+   h->lookaside.length.store(0, std::memory_order_relaxed);
+   h->lookaside.directSlot.store(kNone, std::memory_order_relaxed);
+   h->hash = checksum(*h);
+   // Release: pairs with the acquire load of the magic in validateHeader; every field above is
+   // visible to a reader that sees the magic.
+   std::atomic_ref<uint64_t>(h->magic).store(kSlotMagic, std::memory_order_release);
+}
+
+uint32_t checksum(const Header& h) {
+   uint32_t x = kFnvBasis;
+   x = fnv(x, h.valueType, kValueTypeSize);
+   x = fnv(x, &h.valueSize, sizeof h.valueSize);
+   x = fnv(x, &h.slotSize, sizeof h.slotSize);
+   x = fnv(x, &h.maxSlots, sizeof h.maxSlots);
+   x = fnv(x, &h.constFlags, sizeof h.constFlags);
+   x = fnv(x, &h.hashSeed, sizeof h.hashSeed);
+   return x;
+}
+
+bool validateHeader(const Header& h, size_t fileSize, uint32_t wantedRelume, std::string& reason) {
+   auto fail = [&](std::string text) {
+      reason = std::move(text);
+      SPOOR_TRACE(trace(), 5, "slot table header validation failed: {}", reason);
+      return false;
+   };
+   const uint64_t magic = loadMagic(h);
+   if (magic != kSlotMagic) return fail(fmt::format("bad magic: {:x}", magic));
+   if (h.version != kSlotVersion) return fail(fmt::format("bad version: {}", h.version));
+   if (wantedRelume != 0 && h.relume != wantedRelume) {
+      return fail(fmt::format("bad relume:{} wanted:{}", h.relume, wantedRelume));
+   }
+   if (h.platform != kPlatform) {
+      return fail(fmt::format("bad platform specification: {} expecting: {}",
+                              platformName(h.platform), platformName(kPlatform)));
+   }
+   const uint32_t sum = checksum(h);
+   if (sum != h.hash) return fail(fmt::format("checksum fail: {:x} != {:x}", sum, h.hash));
+   const uint32_t occupied = h.occupiedSlots.load(std::memory_order_relaxed);
+   const uint32_t n = numSlots(h);
+   if (occupied > n) return fail(fmt::format("bad occupiedSlots: {} num slots: {}", occupied, n));
+   const uint32_t freeSlots = h.freeSlots.load(std::memory_order_relaxed);
+   if (freeSlots != kNone && freeSlots >= n) {
+      return fail(fmt::format("bad freeSlots: {} slots: {}", freeSlots, n));
+   }
+   const uint32_t most = h.mostSlots.load(std::memory_order_relaxed);
+   if (most < n) return fail(fmt::format("bad mostSlots:{} numSlots:{}", most, n));
+   if (fileSize < kSlotHeaderSize) {
+      return fail(fmt::format("bad header file size: {} wanted:{}", fileSize, kSlotHeaderSize));
+   }
+   if (fileSize >= Region::kLargestMapping) return fail(fmt::format("bad file size:{}", fileSize));
+   uint64_t wanted = 0;
+   try {
+      wanted = Region::checkedRegionSize(kSlotHeaderSize, n, kSlotSize);
+   } catch (const std::exception& e) {
+      return fail(fmt::format("bad numSlots: {} message: {}", n, e.what()));
+   }
+   if (fileSize < wanted) {
+      return fail(fmt::format("bad shmem size:{} wanted:{} for {} slots", fileSize, wanted, n));
+   }
+   return true;
+}
+
+std::string headerString(const Header& h) {
+   const std::string_view type(h.valueType, ::strnlen(h.valueType, kValueTypeSize));
+   return fmt::format(
+       "magic:{:#x} version:{} relume:{} platform:{} valueType:\"{}\" valueSize:{} slotSize:{} "
+       "maxSlots:{} constFlags:{:#x} runtimeFlags:{:#x} hash:{:#x} occupiedSlots:{} freeSlots:{} "
+       "mostSlots:{} hashSeed:{} numSlots:{}",
+       loadMagic(h), h.version, h.relume, h.platform, type, h.valueSize, h.slotSize, h.maxSlots,
+       h.constFlags, h.runtimeFlags.load(std::memory_order_relaxed), h.hash,
+       h.occupiedSlots.load(std::memory_order_relaxed), h.freeSlots.load(std::memory_order_relaxed),
+       h.mostSlots.load(std::memory_order_relaxed), h.hashSeed, numSlots(h));
+}
+
+void linkFreeSlots(Header* h, uint32_t from, uint32_t to) {
+   Slot* s = slots(h);
+   uint32_t head = h->freeSlots.load(std::memory_order_relaxed);
+   for (uint32_t i = to; i-- > from;) {
+      // Keep the write counter (bits 2..31): a reader's copy of the slot's previous life must not
+      // validate against a recycled flags word.
+      s[i].flags.store(s[i].flags.load(std::memory_order_relaxed) & ~(kOccupied | kLookaside),
+                       std::memory_order_relaxed);
+      s[i].next.store(head, std::memory_order_relaxed);
+      head = i;
+   }
+   h->freeSlots.store(head, std::memory_order_release);
+}
+
+}  // namespace Dock::SlotTable

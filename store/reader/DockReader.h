@@ -1,0 +1,186 @@
+// DockReader: the plain reader of a shared-memory table - no shadow, no callbacks. It searches the
+// writer's own hash chains (bucket file + slot `next` words, ReaderHashMap) and copies values out
+// under the slot's flags word (SlotCopy). Meant for occasional lookups and tools; a process that
+// follows a table's changes uses DockShadow.
+//
+// Attach steps, each with the text it reports on failure (lastStatus(), traced at level 3):
+//   the table directory exists                     "no shared memory region"
+//   the slot file holds at least a header          "cannot attach to shmem size:{}"
+//   map the bucket file                            "failed to attach to buckets"
+//   map the slot file                              "failed to attach to slots"
+//   read the writer's relume                       "failed to read relume file"
+//   validate the bucket header                     "failed to validate buckets"
+//   validate the slot table header                 "failed to validate slots"
+// and on success "success {} capacity:{} relumeId:{} mtime:{} delay:{} event:{}" (directory,
+// numSlots, relume, the slot file's modification time in seconds, seconds since then, and the
+// count of attaches this reader made).
+#pragma once
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Region/MappedFile.h"
+#include "Region/RelumeFile.h"
+#include "Spoor/Trace.h"
+#include "store/reader/BucketReader.h"
+#include "store/reader/IterHint.h"
+#include "store/slab/ReaderAllocator.h"
+#include "store/reader/ReaderHashMap.h"
+#include "store/reader/SlotCopy.h"
+#include "store/format/SlotTable.h"
+
+namespace Dock {
+
+template <class K, class V, class KeyOf>
+class DockReader {
+  public:
+   DockReader(std::string name, std::string dir)
+       : name_(std::move(name)), dir_(std::move(dir)), map_(name_, buckets_, slotAccess()) {}
+   DockReader(const DockReader&) = delete;
+   DockReader& operator=(const DockReader&) = delete;
+
+   bool attach() {
+      detach();
+      ++events_;
+      struct stat st {};
+      if (::stat(dir_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+         return fail("no shared memory region");
+      const std::string slotsPath = dir_ + "/" + kSlotsFile;
+      const bool exists = ::stat(slotsPath.c_str(), &st) == 0;
+      const size_t size = exists ? size_t(st.st_size) : 0;
+      if (size < kSlotHeaderSize) return fail(fmt::format("cannot attach to shmem size:{}", size));
+      std::string reason;
+      if (!buckets_.attach(dir_, reason)) return fail("failed to attach to buckets");
+      try {
+         slotsFile_ =
+             std::make_unique<Region::MappedFile>(Region::MappedFile::openReadOnly(slotsPath));
+      } catch (const Vela::Exception&) {
+         return fail("failed to attach to slots");
+      }
+      mapSlots();
+      relume_ = Region::RelumeFile::read(dir_);
+      if (relume_ == 0) return fail("failed to read relume file");
+      const auto copy = headerCopy();
+      if (!buckets_.validate(relume_, copy.header->hashSeed, reason)) {
+         SPOOR_TRACE(trace(), 3, "{} {}", name_, reason);
+         return fail("failed to validate buckets");
+      }
+      if (!SlotTable::validateHeader(*copy.header, slotsFile_->fileSize(), relume_, reason)) {
+         SPOOR_TRACE(trace(), 3, "{} {}", name_, reason);
+         return fail("failed to validate slots");
+      }
+      map_.hashSeedIs(copy.header->hashSeed);
+      allocator_ = std::make_unique<Tessel::ReaderAllocator>(dir_, relume_);
+      const auto now = std::chrono::system_clock::now().time_since_epoch();
+      const long mtime = long(st.st_mtim.tv_sec);
+      const long delay =
+          long(std::chrono::duration_cast<std::chrono::seconds>(now).count()) - mtime;
+      status_ = fmt::format("success {} capacity:{} relumeId:{} mtime:{} delay:{} event:{}", dir_,
+                            capacity(), relume_, mtime, delay, events_);
+      SPOOR_TRACE(trace(), 5, "{} {}", name_, status_);
+      return true;
+   }
+   void detach() {
+      allocator_.reset();
+      slotsFile_.reset();
+      buckets_.detach();
+      header_ = nullptr;
+      slots_ = nullptr;
+      mappedSlots_ = 0;
+   }
+   bool attached() const { return header_ != nullptr; }
+   const std::string& lastStatus() const { return status_; }
+
+   std::optional<V> lookup(const K& key) {
+      V value;
+      if (map_.find(key, value)) return value;
+      return std::nullopt;
+   }
+   // The value in `slot`, when it is occupied.
+   std::optional<V> getValue(uint32_t slot) {
+      SlotImage image;
+      V value;
+      if (copyValue(slot, image, value)) return value;
+      return std::nullopt;
+   }
+   bool first(IterHint& hint, V& value) { return map_.first(hint, value); }
+   bool next(IterHint& hint, V& value) { return map_.next(hint, value); }
+
+   uint32_t capacity() const { return header_ ? SlotTable::numSlots(*header_) : 0; }
+   uint32_t members() const {
+      return header_ ? header_->occupiedSlots.load(std::memory_order_acquire) : 0;
+   }
+   uint32_t buckets() const { return buckets_.numBuckets(); }
+   uint32_t relumeId() const { return relume_; }
+   const std::string& name() const { return name_; }
+
+  private:
+   static Spoor::Handle& trace() { return Spoor::handle("DockReader"); }
+
+   bool fail(const std::string& text) {
+      status_ = text;
+      SPOOR_TRACE(trace(), 3, "{} {}", name_, text);
+      detach();
+      return false;
+   }
+   SafeHeader<SlotTableHeader> headerCopy() const {
+      return safeHeaderCopy(
+          header_,
+          [](const SlotTableHeader& h) { return h.sizeWord.load(std::memory_order_acquire); },
+          [this] { return slotsFile_->size(); });
+   }
+   void mapSlots() {
+      header_ = reinterpret_cast<const SlotTableHeader*>(slotsFile_->data());
+      slots_ = SlotTable::slots(header_);
+      mappedSlots_ = uint32_t((slotsFile_->size() - kSlotHeaderSize) / kSlotSize);
+   }
+   // Follows a grown slot file so that `slot` is mapped; false when it is beyond the file.
+   bool reach(uint32_t slot) {
+      if (slot < mappedSlots_) return true;
+      slotsFile_->remap();
+      mapSlots();
+      return slot < mappedSlots_;
+   }
+   bool copyValue(uint32_t slot, SlotImage& image, V& value) {
+      if (!header_ || !reach(slot)) return false;
+      if (!copySlotValue(*header_, slots_, slot, *allocator_, image, bytes_)) return false;
+      value.deserialize(bytes_.data(), uint32_t(bytes_.size()));
+      return true;
+   }
+   ReaderSlots<V> slotAccess() {
+      ReaderSlots<V> a;
+      a.capacity = [this] { return capacity(); };
+      a.slot = [this](uint32_t s) -> const Slot* { return reach(s) ? &slots_[s] : nullptr; };
+      a.copy = [this](uint32_t s, SlotImage& image) {
+         if (!reach(s)) return false;
+         copySlot(*header_, slots_, s, image);
+         return true;
+      };
+      a.copyValue = [this](uint32_t s, SlotImage& image, V& value) {
+         return copyValue(s, image, value);
+      };
+      return a;
+   }
+
+   std::string name_;
+   std::string dir_;
+   BucketReader buckets_;
+   std::unique_ptr<Region::MappedFile> slotsFile_;
+   const SlotTableHeader* header_ = nullptr;
+   const Slot* slots_ = nullptr;
+   uint32_t mappedSlots_ = 0;
+   std::unique_ptr<Tessel::ReaderAllocator> allocator_;
+   ReaderHashMap<K, V, KeyOf> map_;
+   std::vector<uint8_t> bytes_;
+   uint32_t relume_ = 0;
+   uint64_t events_ = 0;
+   std::string status_;
+};
+
+}  // namespace Dock

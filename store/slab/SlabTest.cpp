@@ -1,0 +1,405 @@
+// Slab files: size classes, the slab header's validation, and a SlabWriter's free list, growth,
+// lookups, shrinking and validation walk, each failure reached on a real file.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <set>
+#include <vector>
+
+#include "Loom/CorruptionException.h"
+#include "Region/Error.h"
+#include "Region/MappedFile.h"
+#include "Spoor/Trace.h"
+#include "Vela/Hash.h"
+#include "store/slab/LinearSizeConfig.h"
+#include "store/slab/Slab.h"
+#include "store/slab/SlabWriter.h"
+#include "testing/Expect.h"
+#include "testing/TempRoot.h"
+
+namespace {
+
+using Dock::kNone;
+using Tessel::LinearSizeConfig;
+using Tessel::SlabHeader;
+using Tessel::SlabWriter;
+
+using Testing::errorText;
+
+TEST(LinearSizeConfig, ClassBoundariesOfTheTwoTableSizes) {
+   struct Case {
+      uint32_t m, width, classesInUse;
+      std::vector<std::pair<uint32_t, uint32_t>> sizeAndClass;
+   };
+   for (const Case& c : {Case{704, 23, 31, {{1, 0}, {23, 0}, {24, 1}, {46, 1}, {47, 2}, {704, 30}}},
+                         Case{46168, 1443, 32, {{1443, 0}, {1444, 1}, {46168, 31}}}}) {
+      SCOPED_TRACE(c.m);
+      LinearSizeConfig l(c.m);
+      EXPECT_EQ(l.width(), c.width);
+      EXPECT_EQ(l.classesInUse(), c.classesInUse);
+      for (auto [size, k] : c.sizeAndClass) EXPECT_EQ(l.classOf(size), k) << size;
+   }
+}
+
+TEST(LinearSizeConfig, EveryClassHoldsItsWholeRange) {
+   for (uint32_t m : {1u, 31u, 32u, 33u, 704u, 46168u, 1u << 20}) {
+      LinearSizeConfig c(m);
+      EXPECT_EQ(c.width(), m / 32 + 1);
+      for (uint32_t k = 0; k < Tessel::kNumClasses; ++k) {
+         EXPECT_GE(c.maxPayload(k), (k + 1) * c.width()) << m << " class " << k;
+         EXPECT_EQ(c.entrySize(k) % 8, 0u);
+         EXPECT_EQ(c.entrySize(k), c.maxPayload(k) + Dock::kSlabEntryHeaderSize);
+         if (k > 0) {
+            EXPECT_GE(c.entrySize(k), c.entrySize(k - 1));  // equal when 8-byte rounding merges
+         }
+      }
+      for (uint32_t n = 1; n <= m && n < 5000; ++n) {
+         ASSERT_LE(n, c.maxPayload(c.classOf(n))) << m << " size " << n;
+         ASSERT_GT(n, c.classOf(n) * c.width());  // never in a class above its range
+      }
+   }
+   EXPECT_DEATH(LinearSizeConfig(0),
+                "assertion failed: maxAllocSize >= 1 && maxAllocSize <= kMaxAllocSizeLimit");
+}
+
+// A header in an aligned buffer, formatted for 8 entries of 64 bytes.
+struct HeaderBuffer {
+   HeaderBuffer() { Tessel::formatSlabHeader(header(), 5, 64, 8); }
+   SlabHeader* header() { return reinterpret_cast<SlabHeader*>(words); }
+   uint64_t words[5] = {};
+};
+
+TEST(SlabHeader, FormatBytesAndString) {
+   HeaderBuffer b;
+   const auto* p = reinterpret_cast<const uint8_t*>(b.words);
+   EXPECT_EQ(std::memcmp(p, "TESSLSLB", 8), 0);
+   uint32_t w[8];
+   std::memcpy(w, p + 8, 32);
+   EXPECT_EQ(w[0], 1u);                       // version
+   EXPECT_EQ(w[1], 5u);                       // relume
+   EXPECT_EQ(w[2], 0u);                       // resize counter
+   EXPECT_EQ(w[3], 8u);                       // numEntries
+   EXPECT_EQ(w[4], 0u);                       // numOccupied
+   EXPECT_EQ(w[5], 64u);                      // entrySize
+   EXPECT_EQ(w[6], Vela::oneAtATimeOf(64u));  // hash
+   EXPECT_EQ(w[7], kNone);                    // freeList
+   EXPECT_EQ(Tessel::slabHeaderString(*b.header()),
+             "magic:424c534c53534554 version:1 relume:5 numEntries:8 entrySize:64 "
+             "freeList:4294967295");
+   std::string reason;
+   EXPECT_TRUE(Tessel::validateSlabHeader(*b.header(), 40 + 8 * 64, 5, reason)) << reason;
+   EXPECT_TRUE(Tessel::validateSlabHeader(*b.header(), 40 + 8 * 64, 0, reason)) << reason;
+}
+
+TEST(SlabHeader, EveryValidationFailureIsReachedInOrder) {
+   struct Case {
+      std::function<void(SlabHeader*, size_t&, uint32_t&)> apply;
+      std::string message;
+   };
+   const std::vector<Case> cases = {
+       {[](SlabHeader*, size_t& s, uint32_t&) { s = 39; }, "bad header file size: 39 wanted: 40"},
+       {[](SlabHeader*, size_t& s, uint32_t&) { s = size_t(1) << 36; },
+        "bad file size:68719476736"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->magic = 0x1234; },
+        "bad magic: 1234 wanted: 424c534c53534554"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->version = 2; }, "bad version: 2 wanted: 1"},
+       {[](SlabHeader*, size_t&, uint32_t& w) { w = 6; }, "bad relume:5 wanted:6"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->hash ^= 1; },
+        fmt::format("checksum fail: {:x} != {:x}", Vela::oneAtATimeOf(64u),
+                    Vela::oneAtATimeOf(64u) ^ 1)},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->numOccupied = 9; },
+        "bad numOccupied: 9 but numEntries: 8"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->freeList = 8; }, "bad freeList: 8 maxIndex: 7"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->numEntries = 0xFFFFFFFFu; },
+        "bad numEntries: 4294967295 message: 40 + 4294967295 * 64 reaches the largest mapping "
+        "size 68719476736"},
+       {[](SlabHeader*, size_t& s, uint32_t&) { s = 551; },
+        "bad shmem size: 551 wanted: 552 for 8 entries"},
+   };
+   for (size_t k = 0; k < cases.size(); ++k) {
+      HeaderBuffer b;
+      size_t size = 552;
+      uint32_t wanted = 5;
+      cases[k].apply(b.header(), size, wanted);
+      std::string reason;
+      EXPECT_FALSE(Tessel::validateSlabHeader(*b.header(), size, wanted, reason)) << k;
+      EXPECT_EQ(reason, cases[k].message) << k;
+      // With the last fault (a short file) added, the earlier fault is still the one reported.
+      if (k + 1 < cases.size() && k > 1) {
+         size_t shortSize = 551;
+         HeaderBuffer c;
+         cases[k].apply(c.header(), shortSize, wanted);
+         EXPECT_FALSE(Tessel::validateSlabHeader(*c.header(), shortSize, wanted, reason));
+         EXPECT_EQ(reason, cases[k].message) << k;
+      }
+      wanted = 5;
+   }
+   // An empty slab (numEntries 0) is a valid header; its maxIndex prints as -1.
+   HeaderBuffer e;
+   e.header()->numEntries = 0;
+   std::string reason;
+   EXPECT_TRUE(Tessel::validateSlabHeader(*e.header(), 40, 5, reason)) << reason;
+   e.header()->freeList = 0;
+   EXPECT_FALSE(Tessel::validateSlabHeader(*e.header(), 40, 5, reason));
+   EXPECT_EQ(reason, "bad freeList: 0 maxIndex: -1");
+}
+
+class SlabWriterTest : public ::testing::Test {
+  protected:
+   std::string path() const { return root.path() + "/slab.00"; }
+   std::vector<uint32_t> freeList(SlabWriter& w) {
+      std::vector<uint32_t> out;
+      for (uint32_t i = w.header()->freeList.load(); i != kNone && out.size() <= w.numEntries();
+           i = w.getEntry(i)->clientData.load()) {
+         out.push_back(i);
+      }
+      return out;
+   }
+   void occupy(SlabWriter& w, uint32_t index, int32_t size) {
+      w.getEntry(index)->payloadSize.store(size);
+   }
+   Testing::TempRoot root;
+   static constexpr uint32_t kEntry = 64;
+};
+
+TEST_F(SlabWriterTest, CreateTracesAndChainsEveryEntryAscending) {
+   Spoor::Capture cap;
+   SlabWriter w(path(), kEntry, 3);
+   w.create();
+   const uint32_t n = Tessel::initialEntries(kEntry);
+   EXPECT_EQ(n, (16384u - 40) / 64);
+   EXPECT_EQ(w.numEntries(), n);
+   EXPECT_EQ(w.numOccupied(), 0u);
+   EXPECT_EQ(w.file().fileSize(), 40u + n * kEntry);
+   EXPECT_EQ(cap.count("Tessel", fmt::format("slab.00::addFreeEntries() start: 0 end: {}", n)), 1u);
+   auto list = freeList(w);
+   ASSERT_EQ(list.size(), n);
+   for (uint32_t i = 0; i < n; ++i) {
+      EXPECT_EQ(list[i], i);
+      EXPECT_LT(w.getEntry(i)->payloadSize.load(), 0);
+   }
+   w.validate();
+   EXPECT_EQ(Tessel::initialEntries(16384), 8u);  // at least 8 entries, however large
+}
+
+TEST_F(SlabWriterTest, AllocFreeReuseAndGrowth) {
+   Spoor::Capture cap;
+   SlabWriter w(path(), kEntry, 3);
+   w.create();
+   const uint32_t n = w.numEntries();
+   std::set<uint32_t> got;
+   for (uint32_t i = 0; i < n; ++i) {
+      uint32_t idx = w.alloc();
+      EXPECT_EQ(idx, i);
+      EXPECT_EQ(w.getEntry(idx)->payloadSize.load(), 0);
+      EXPECT_EQ(w.getEntry(idx)->clientData.load(), kNone);
+      got.insert(idx);
+   }
+   EXPECT_EQ(w.numOccupied(), n);
+   EXPECT_EQ(w.header()->freeList.load(), kNone);
+   EXPECT_EQ(w.header()->resizeCounter.load(), 0u);
+   // The free list is empty: the next allocation doubles the slab.
+   uint32_t idx = w.alloc();
+   EXPECT_EQ(idx, n);
+   EXPECT_EQ(w.numEntries(), 2 * n);
+   EXPECT_EQ(w.header()->resizeCounter.load(), 1u);
+   EXPECT_EQ(w.file().fileSize(), 40u + 2 * n * kEntry);
+   EXPECT_EQ(
+       cap.count("Tessel", fmt::format("slab.00::addFreeEntries() start: {} end: {}", n, 2 * n)),
+       1u);
+   // Freed entries are reused last-in first-out; a freed entry is negative and heads the list.
+   w.free(3);
+   w.free(7);
+   EXPECT_LT(w.getEntry(7)->payloadSize.load(), 0);
+   EXPECT_EQ(w.header()->freeList.load(), 7u);
+   EXPECT_EQ(w.getEntry(7)->clientData.load(), 3u);
+   EXPECT_EQ(w.numOccupied(), n + 1 - 2);
+   EXPECT_EQ(w.alloc(), 7u);
+   EXPECT_EQ(w.alloc(), 3u);
+   EXPECT_EQ(w.alloc(), n + 1);
+   w.validate();
+   EXPECT_DEATH(
+       {
+          w.free(5);
+          w.free(5);
+       },
+       "assertion failed: freeing unoccupied entry 5 of slab.00");
+}
+
+TEST_F(SlabWriterTest, GrowthStepsAreBounded) {
+   const uint32_t initial = Tessel::initialEntries(kEntry);
+   EXPECT_EQ(Tessel::growthStep(1, kEntry), initial);
+   EXPECT_EQ(Tessel::growthStep(1000, kEntry), 1000u);
+   EXPECT_EQ(Tessel::growthStep(10'000'000, kEntry), 2u * 1024 * 1024 / kEntry);
+   EXPECT_EQ(Tessel::growthStep(100, 1 << 24), Tessel::initialEntries(1 << 24));
+}
+
+TEST_F(SlabWriterTest, LookupFailuresAndMisuseNameTheSlab) {
+   SlabWriter w(path(), kEntry, 3);
+   w.create();
+   const uint32_t n = w.numEntries();
+   uint32_t a = w.alloc();
+   EXPECT_EQ(errorText([&] { w.getEntry(n); }),
+             fmt::format("slab.00::getEntry() index: {} is beyond farthest possible index: {}", n,
+                         n - 1));
+   EXPECT_EQ(errorText([&] { w.lookup(a + 1); }),
+             fmt::format("slab.00::lookup() entry at index: {} is marked unoccupied", a + 1));
+   occupy(w, a, int32_t(w.maxPayload()) + 1);
+   EXPECT_EQ(errorText([&] { w.lookup(a); }),
+             fmt::format("slab.00::lookup() encountered payloadSize: {}, but max payloadSize:{} at "
+                         "index: {}",
+                         w.maxPayload() + 1, w.maxPayload(), a));
+   occupy(w, a, int32_t(w.maxPayload()));
+   EXPECT_NO_THROW(w.lookup(a));
+   EXPECT_THROW(w.lookup(n + 100), Loom::CorruptionException);
+   EXPECT_EQ(errorText([&] { w.addFreeEntries(0, 1); }),
+             "slab.00::addFreeEntries() free-list isn't empty");
+}
+
+// Each case damages a fresh slab whose free list is 2, 6, 7, ... and returns the walk's finding.
+TEST_F(SlabWriterTest, ValidationWalkFindsEachDamage) {
+   const std::vector<std::function<std::string(SlabWriter&)>> cases = {
+       [&](SlabWriter& w) {
+          occupy(w, 6, 10);  // on the free list, but claims a payload
+          return std::string("slab.00::validate() found occupied entry with index: 6 on free-list");
+       },
+       [&](SlabWriter& w) {
+          occupy(w, 4, int32_t(w.maxPayload()) + 1);
+          return fmt::format(
+              "slab.00::validate() found occupied entry with payloadSize:{}, but max "
+              "payloadSize:{}",
+              w.maxPayload() + 1, w.maxPayload());
+       },
+       [](SlabWriter& w) {
+          w.header()->numOccupied.store(4);
+          return std::string(
+              "slab.00::validate() found 5 occupied entries, but header's numOccupied: 4");
+       },
+       [](SlabWriter& w) {
+          // Entry 2 leaks: dropped from the free list while still free.
+          w.header()->freeList.store(w.getEntry(2)->clientData.load());
+          return fmt::format(
+              "slab.00::validate() found {} entries on free-list and 5 occupied "
+              "entries, but header's numEntries: {}",
+              w.numEntries() - 6, w.numEntries());
+       },
+       [](SlabWriter& w) {
+          w.getEntry(w.numEntries() - 1)->clientData.store(2);  // the list loops back to its head
+          return std::string("slab.00::validate() free-list visits index: 2 twice");
+       },
+       [](SlabWriter& w) {
+          w.header()->relume = 4;
+          return std::string("bad relume:4 wanted:3");
+       },
+   };
+   for (size_t k = 0; k < cases.size(); ++k) {
+      SCOPED_TRACE(k);
+      SlabWriter w(path(), kEntry, 3);
+      w.create();
+      for (int i = 0; i < 6; ++i) w.alloc();
+      w.free(2);
+      EXPECT_NO_THROW(w.validate());
+      const std::string want = cases[k](w);
+      EXPECT_EQ(errorText([&] { w.validate(); }), want);
+   }
+}
+
+TEST_F(SlabWriterTest, AttachChecksTheHeaderAndRestampsTheRelume) {
+   {
+      SlabWriter w(path(), kEntry, 3);
+      w.create();
+      w.alloc();
+   }
+   SlabWriter again(path(), kEntry, 9);
+   again.attach();
+   EXPECT_EQ(Tessel::slabRelume(*again.header()), 9u);
+   EXPECT_EQ(again.numOccupied(), 1u);
+   again.validate();
+   again.detach();
+   EXPECT_FALSE(again.attached());
+
+   SlabWriter other(path(), kEntry + 8, 9);
+   EXPECT_EQ(errorText([&] { other.attach(); }),
+             "slab.00::attach() entrySize: 64 but expected: 72");
+   EXPECT_FALSE(other.attached());
+
+   SlabWriter missing(root.path() + "/slab.09", kEntry, 9);
+   EXPECT_THROW(missing.attach(), Region::Error);
+
+   // Read-only inspection writes nothing, not even the relume.
+   SlabWriter inspect(path(), kEntry, 11);
+   inspect.attachReadOnly();
+   EXPECT_EQ(Tessel::slabRelume(*inspect.header()), 9u);
+   inspect.validate();
+}
+
+TEST_F(SlabWriterTest, ShrinkReleasesAFreeTail) {
+   Spoor::Capture cap;
+   SlabWriter w(path(), kEntry, 3);
+   w.create();
+   const uint32_t initial = w.numEntries();
+   std::vector<uint32_t> all;
+   for (uint32_t i = 0; i < initial * 8; ++i) all.push_back(w.alloc());
+   const uint32_t grown = w.numEntries();
+   const size_t length = w.file().fileSize();
+   EXPECT_FALSE(w.shrink());  // full: nothing to release
+   // Keep entries 0..9 and 12; free the rest.
+   for (uint32_t i : all) {
+      if (i >= 10 && i != 12) w.free(i);
+   }
+   const uint32_t counter = w.header()->resizeCounter.load();
+   ASSERT_TRUE(w.shrink());
+   const uint32_t target = std::max(initial, 13u * 2);
+   EXPECT_EQ(w.numEntries(), target);
+   EXPECT_EQ(w.header()->resizeCounter.load(), counter + 1);
+   EXPECT_EQ(w.file().fileSize(), length);  // the length stays for readers
+   EXPECT_EQ(
+       cap.count("Tessel", fmt::format("slab.00::shrink() from {} entries to {}", grown, target)),
+       1u);
+   w.validate();
+   EXPECT_EQ(w.numOccupied(), 11u);
+   // The free list holds exactly the free entries below the target, ascending.
+   std::vector<uint32_t> expect = {10, 11};
+   for (uint32_t i = 13; i < target; ++i) expect.push_back(i);
+   EXPECT_EQ(freeList(w), expect);
+   // The released tail reads as zeros.
+   const size_t tail = ((40 + size_t(target) * kEntry + 4095) / 4096) * 4096;
+   ASSERT_LT(tail, length);
+   EXPECT_EQ(w.file().data()[tail], 0);
+   EXPECT_EQ(w.file().data()[length - 1], 0);
+   EXPECT_FALSE(w.shrink());  // already within four times the used prefix
+   // And it grows again from there.
+   for (uint32_t i = 0; i < target; ++i) w.alloc();
+   EXPECT_GT(w.numEntries(), target);
+   w.validate();
+}
+
+TEST_F(SlabWriterTest, ValidateUnattachedMessages) {
+   const std::string missing = root.path() + "/slab.03";
+   EXPECT_EQ(errorText([&] { Tessel::validateUnattached(missing, kEntry); }),
+             fmt::format("slab.03::validateUnattached() cannot attach to shmem {} size:0: cannot "
+                         "open {}: No such file or directory",
+                         missing, missing));
+   {
+      SlabWriter w(path(), kEntry, 3);
+      w.create();
+      w.header()->freeList.store(w.numEntries() + 5);
+   }
+   EXPECT_EQ(errorText([&] { Tessel::validateUnattached(path(), kEntry); }),
+             fmt::format("slab.00::validateUnattached, validation failed on an empty slab, reason: "
+                         "bad freeList: {} maxIndex: {}",
+                         Tessel::initialEntries(kEntry) + 5, Tessel::initialEntries(kEntry) - 1));
+   {
+      SlabWriter w(path(), kEntry, 3);
+      w.create();
+      w.alloc();
+      w.header()->numOccupied.store(2);
+   }
+   // Not empty: the walk's own text.
+   EXPECT_EQ(errorText([&] { Tessel::validateUnattached(path(), kEntry); }),
+             "slab.00::validate() found 1 occupied entries, but header's numOccupied: 2");
+}
+
+}  // namespace
