@@ -16,31 +16,19 @@ Spoor::Handle& trace() {
 
 }  // namespace
 
-PikeReader::PikeReader(const std::string& name, Loom::EventLoop& loop) : loop_(loop) {
+PikeReader::PikeReader(const std::string& name, Loom::EventLoop& loop) {
    Region::Notify<PikeKey, PikeRecord> notify;
    notify.onKey = [this](const PikeKey& key) { keyChanged(key); };
    notify.onKeyRemoved = [this](const PikeKey& key) { keyRemoved(key); };
+   // Not usable yet (no writer has published): the reader keeps trying on the loop.
    if (!map_.initReader(name, std::move(notify), loop)) {
       SPOOR_TRACE(trace(), 5, "Pike {}: {}; retrying", name, map_.reader()->attachError());
-      retryAttach(std::chrono::milliseconds(10));
    }
 }
 
 PikeReader::~PikeReader() {
-   *alive_ = false;
-   retry_.cancel();
    for (auto& [id, copy] : entities_) copy->reader_ = nullptr;
    for (auto& [name, root] : roots_) root->reader_ = nullptr;
-}
-
-void PikeReader::retryAttach(std::chrono::nanoseconds delay) {
-   std::weak_ptr<bool> alive = alive_;
-   retry_ = loop_.timerIs(delay, [this, alive, delay] {
-      auto a = alive.lock();
-      if (!a || !*a) return;
-      if (map_.reader()->initialize()) return;
-      retryAttach(std::min<std::chrono::nanoseconds>(delay * 2, std::chrono::seconds(1)));
-   });
 }
 
 bool PikeReader::synchronized() const {

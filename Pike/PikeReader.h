@@ -64,16 +64,12 @@ class PikeReader {
    void keyRemoved(const PikeKey& key);
    // Hands a member's record (null: removed) to its owner's copy.
    void dispatch(const PikeKey& key, const PikeRecord* record);
-   void retryAttach(std::chrono::nanoseconds delay);
 
    PikeMap map_;
-   Loom::EventLoop& loop_;
-   Loom::Timer retry_;
    std::unordered_map<uint64_t, std::set<PikeKey>> index_;
    std::unordered_map<uint64_t, PikeEntity*> entities_;
    std::map<std::string, PikeEntity*, std::less<>> roots_;
    Counters counters_;
-   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace Pike

@@ -74,8 +74,6 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
       bool done_ = false;
    };
 
-   ~StoreTable() override { *alive_ = false; }
-
    // ---- writes (the table's writer only) ----
 
    // Writes or replaces the entry under its tunnelId, then notifies "entry" with that key.
@@ -253,16 +251,15 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
       notify.onQuiesced = [this](bool q) { this->entryNotifyQuiesced(q); };
       map_ = std::move(map);
       this->mountParentIs(parent.get());
+      // Not usable yet (no writer has published): the reader keeps trying on its loop.
       if (!map_->initReader(dir, std::move(notify), *loop)) {
          SPOOR_TRACE(tunnelTableTrace(), 5, "{} {}: {}; retrying", this->fwkTypeName(),
                      this->name(), map_->reader()->attachError());
-         retryAttach(*loop, std::chrono::milliseconds(10));
       }
    }
 
    // Lets go of the store: a writer releases its files and owner file, a reader stops following.
    void unmountIs() override {
-      retry_.cancel();
       map_.reset();
       this->mountParentIs(nullptr);
    }
@@ -283,20 +280,8 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
       }
    }
 
-   void retryAttach(Loom::EventLoop& loop, std::chrono::nanoseconds delay) {
-      std::weak_ptr<bool> alive = alive_;
-      retry_ = loop.timerIs(delay, [this, alive, &loop, delay] {
-         auto a = alive.lock();
-         if (!a || !*a || !map_ || !map_->reader()) return;
-         if (map_->reader()->initialize()) return;
-         retryAttach(loop, std::min<std::chrono::nanoseconds>(delay * 2, std::chrono::seconds(1)));
-      });
-   }
-
    // Mutable through const reads: looking an entry up copies it out of the store.
    std::unique_ptr<Map> map_;
-   Loom::Timer retry_;
-   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 // Builds a table with notifications on, as every factory does.

@@ -1,3 +1,4 @@
+// The deep check of a table's files: the free list, every occupied slot against its slab entry.
 #include "store/DeepValidate.h"
 
 #include <fmt/format.h>

@@ -11,9 +11,9 @@
 #include "Region/MappedFile.h"
 #include "Region/StoreRoot.h"
 #include "store/DeepValidate.h"
+#include "store/format/SlotTable.h"
 #include "store/slab/DynamicSlotAllocator.h"
 #include "store/slab/SlabTestValue.h"
-#include "store/format/SlotTable.h"
 #include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
@@ -46,7 +46,7 @@ struct Table {
    uint32_t insert(const ViaValue& v) {
       const uint32_t i = header()->freeSlots.load();
       header()->freeSlots.store(slot(i).next.load());
-      auto sv = values->setValue(i, v);
+      auto sv = Tessel::Testing::storeValue(values->allocator(), i, v);
       slot(i).offset.store(sv.offset.value);
       slot(i).length.store(sv.length);
       slot(i).next.store(kNone);

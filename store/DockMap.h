@@ -24,9 +24,9 @@
 #include "Vela/Assert.h"
 #include "store/DockConfig.h"
 #include "store/reader/DockShadow.h"
-#include "store/writer/DockWriter.h"
 #include "store/reader/IterHint.h"
 #include "store/reader/ShadowStore.h"
+#include "store/writer/DockWriter.h"
 
 namespace Dock {
 
@@ -50,23 +50,23 @@ class DockMap {
    }
    void initWriter(const std::string& mountPath, const std::string& collection,
                    const DockConfig& config) {
-      initWriter(mountPath + "/" + collection, config);
+      initWriter(Region::tableName(mountPath, collection), config);
    }
 
    // Becomes a key-shadowing reader on `loop` (the thread that runs it). Returns false when the
-   // files are not usable yet (the reader's attach error says why).
+   // files are not usable yet (the reader's attach error says why); the reader then keeps trying
+   // on the loop until they are.
    bool initReader(const std::string& name, Region::Notify<K, V> notify, Loom::EventLoop& loop) {
       VELA_ASSERT(!writer_ && !reader_);
-      const std::string dir =
-          (!name.empty() && name[0] == '/') ? name : Region::storeRoot() + "/" + name;
-      reader_ = std::make_unique<Reader>(name, dir, loop);
+      reader_ =
+          std::make_unique<Reader>(name, Region::tableDirectory(Region::storeRoot(), name), loop);
       reader_->notifyIs(std::move(notify));
       reader_->corruptionHandlerIs([this](const std::string& m) { corruptionNoted(m); });
-      return reader_->initialize();
+      return reader_->initializeOrRetry();
    }
    bool initReader(const std::string& mountPath, const std::string& collection,
                    Region::Notify<K, V> notify, Loom::EventLoop& loop) {
-      return initReader(mountPath + "/" + collection, std::move(notify), loop);
+      return initReader(Region::tableName(mountPath, collection), std::move(notify), loop);
    }
 
    bool isWriter() const { return writer_ != nullptr; }

@@ -7,11 +7,11 @@
 
 #include <cerrno>
 #include <climits>
-#include <fstream>
 #include <sstream>
 #include <utility>
 
 #include "Region/Error.h"
+#include "Region/ProcessStart.h"
 #include "Spoor/Trace.h"
 
 namespace Region {
@@ -20,24 +20,6 @@ namespace {
 
 Spoor::Handle& trace() {
    return Spoor::handle("Region");
-}
-
-// Field 22 of /proc/<pid>/stat: start time in clock ticks since boot. The command name (field 2)
-// may hold spaces and parentheses, so fields are counted after its last ')'.
-unsigned long long processStartTime(pid_t pid) {
-   std::ifstream in(fmt::format("/proc/{}/stat", pid));
-   std::string line;
-   if (!std::getline(in, line)) return 0;
-   size_t close = line.rfind(')');
-   if (close == std::string::npos) return 0;
-   std::istringstream rest(line.substr(close + 1));
-   std::string field;
-   // After ')' come fields 3, 4, ...; field 22 is the 20th of them.
-   for (int i = 3; i < 22 && (rest >> field); ++i) {
-   }
-   unsigned long long start = 0;
-   rest >> start;
-   return start;
 }
 
 std::string readAll(int fd) {

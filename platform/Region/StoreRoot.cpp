@@ -14,6 +14,14 @@ std::string storeRoot() {
    return root && *root ? std::string(root) : std::string(kDefaultStoreRoot);
 }
 
+std::string tableName(const std::string& mountPath, const std::string& collection) {
+   return mountPath + "/" + collection;
+}
+
+std::string tableDirectory(const std::string& root, const std::string& name) {
+   return (!name.empty() && name[0] == '/') ? name : root + "/" + name;
+}
+
 void makeDirectories(const std::string& dir) {
    // Walk the components left to right; EEXIST is fine (another writer or reader got there first).
    for (size_t pos = 1; pos <= dir.size(); ++pos) {

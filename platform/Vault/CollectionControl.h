@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "Region/StoreRoot.h"
 #include "Vela/Entity.h"
 #include "Vela/Ptr.h"
 #include "Vela/String.h"
@@ -83,9 +84,9 @@ class CollectionControl : public Vela::RefCounted {
    uint32_t sizing() const noexcept { return sizing_; }
    Loom::EventLoop* eventLoop() const noexcept { return eventLoop_; }
    // "<mountPath>/<collectionName>": the name the store is opened by under the store root.
-   Vela::String storeName() const { return mountPath_ + "/" + collectionName_; }
+   Vela::String storeName() const { return Region::tableName(mountPath_, collectionName_); }
    // "<storeRoot>/<mountPath>/<collectionName>": the directory of the collection's files.
-   Vela::String storeDirectory() const { return storeRoot_ + "/" + storeName(); }
+   Vela::String storeDirectory() const { return Region::tableDirectory(storeRoot_, storeName()); }
 
    bool quiesced() const noexcept { return quiesced_; }
    // Records the store's quiesced state; the reactor hears of it only when it changed.

@@ -17,11 +17,12 @@
 //                    is still unread (store/herald/WakeDirectory.h)
 //
 // All multi-byte fields are little-endian (the only byte order this library runs on; checked
-// below). Every word that one process writes while another reads it is a std::atomic of a width
-// that is always lock-free, so the layout is also the memory model: the writer publishes with
-// release stores, readers copy with acquire loads and re-check a version word (sequence lock).
-// Fields written once at format time, before the file is published through its header's magic,
-// are plain.
+// below). Every word that can change while another process maps the file is a std::atomic of a
+// width that is always lock-free, so the layout is also the memory model: the writer publishes
+// with release stores, readers copy under a version word (reader/SeqLock.h). That includes the
+// magic and relume words a writer rewrites in place (re-formatting a file readers still map,
+// re-stamping the relume after a restart). Fields written only while a file is not yet published
+// (before its magic, or before it is renamed into place) are plain.
 #pragma once
 
 #include <atomic>
@@ -52,9 +53,7 @@ constexpr const char* kWakeDirectory = "wake";
 constexpr uint32_t kNumSlabs = 32;
 // "slab.00" .. "slab.31"
 std::string slabFileName(uint32_t slab);
-// <root>/<mountPath>/<collection>; root is $TUNNEL_SHMEM_ROOT or "/var/shmem".
-std::string tableDirectory(const std::string& root, const std::string& mountPath,
-                           const std::string& collection);
+// A table's directory: Region::tableDirectory(Region::storeRoot(), "<mountPath>/<collection>").
 
 // ---------------------------------------------------------------------------------------------
 // Slot table file: 600-byte header, then numSlots slots of 24 bytes.
@@ -106,9 +105,9 @@ struct Lookaside {
 };
 
 struct SlotTableHeader {
-   uint64_t magic;                       // 0
+   std::atomic<uint64_t> magic;          // 0: 0 while (re)formatted, then published (release)
    uint32_t version;                     // 8
-   uint32_t relume;                      // 12
+   std::atomic<uint32_t> relume;         // 12: re-stamped by a restarted writer
    uint32_t platform;                    // 16
    char valueType[kValueTypeSize];       // 20
    uint32_t valueSize;                   // 532
@@ -205,9 +204,9 @@ constexpr uint32_t kSlabVersion = 1;
 constexpr uint32_t kSlabHeaderSize = 40;
 
 struct SlabHeader {
-   uint64_t magic;                       // 0
+   std::atomic<uint64_t> magic;          // 0: 0 while (re)formatted, then published (release)
    uint32_t version;                     // 8
-   uint32_t relume;                      // 12
+   std::atomic<uint32_t> relume;         // 12: re-stamped by a restarted writer
    std::atomic<uint32_t> resizeCounter;  // 16
    std::atomic<uint32_t> numEntries;     // 20
    std::atomic<uint32_t> numOccupied;    // 24
@@ -257,13 +256,15 @@ constexpr uint64_t kBucketMagic = 0x544b434b42434f44ull;  // "DOCBKCKT"
 constexpr uint32_t kBucketVersion = 1;
 constexpr uint32_t kBucketHeaderSize = 32;
 
+// The file is re-formatted in place by a restarted writer under readers that still map it, so
+// every header word is atomic; the odd resize counter brackets the rewrite.
 struct BucketHeader {
-   uint64_t magic;                  // 0
-   uint32_t version;                // 8
-   uint32_t relume;                 // 12
+   std::atomic<uint64_t> magic;     // 0
+   std::atomic<uint32_t> version;   // 8
+   std::atomic<uint32_t> relume;    // 12
    std::atomic<uint64_t> sizeWord;  // 16
-   uint32_t hashSeed;               // 24
-   uint32_t check;                  // 28
+   std::atomic<uint32_t> hashSeed;  // 24
+   std::atomic<uint32_t> check;     // 28
 };
 static_assert(offsetof(BucketHeader, magic) == 0);
 static_assert(offsetof(BucketHeader, version) == 8);
@@ -303,10 +304,12 @@ constexpr uint64_t kHeraldMagic = 0x444c52484b434f44ull;  // "DOCKHRLD"
 constexpr uint32_t kHeraldVersion = 1;
 constexpr uint32_t kHeraldHeaderSize = 64;
 
+// Formatted aside and renamed into place, so only the run-time words are atomic (the relume is
+// re-stamped by a restarted writer, in the file it keeps or the one it replaces).
 struct HeraldHeader {
    uint64_t magic;                     // 0
    uint32_t version;                   // 8
-   uint32_t relume;                    // 12
+   std::atomic<uint32_t> relume;       // 12
    uint32_t capacity;                  // 16
    std::atomic<uint32_t> wakeWord;     // 20
    uint64_t seqBase;                   // 24
@@ -344,5 +347,29 @@ static_assert(offsetof(Notification, seq) == 0);
 static_assert(offsetof(Notification, slot) == 8);
 static_assert(offsetof(Notification, kind) == 12);
 static_assert(sizeof(Notification) == 16);
+
+// ---------------------------------------------------------------------------------------------
+// Intent file "slabs.intent" (64 bytes): the writer's record of the slab operation it is in the
+// middle of (slab/SlabIntent.h). Private to the writer: readers never open it, so nothing in it
+// is shared while it changes; op is atomic for the slab writer's compiler-ordered stores.
+//
+//   offset  width  field
+//        0      8  magic     "TESSINTN" (0x4e544e4953534554)
+//        8      4  version   1
+//       12      4  op        kind << 8 | slab while an operation is under way, 0 when idle
+//       16     48  reserved
+constexpr const char* kIntentFile = "slabs.intent";
+constexpr uint64_t kIntentMagic = 0x4e544e4953534554ull;  // "TESSINTN"
+constexpr uint32_t kIntentVersion = 1;
+constexpr uint32_t kIntentSize = 64;
+
+struct IntentRecord {
+   uint64_t magic;            // 0
+   uint32_t version;          // 8
+   std::atomic<uint32_t> op;  // 12
+   uint32_t reserved[12];     // 16
+};
+static_assert(offsetof(IntentRecord, op) == 12);
+static_assert(sizeof(IntentRecord) == kIntentSize);
 
 }  // namespace Dock

@@ -1,3 +1,4 @@
+// The slot table header: formatting, checksum, validation and the human-readable form.
 #include "store/format/SlotTable.h"
 
 #include <fmt/format.h>
@@ -31,7 +32,7 @@ uint32_t fnv(uint32_t h, const void* data, size_t len) {
 
 // The magic is the publication word of a freshly formatted header (see format).
 uint64_t loadMagic(const Header& h) {
-   return std::atomic_ref<uint64_t>(const_cast<uint64_t&>(h.magic)).load(std::memory_order_acquire);
+   return h.magic.load(std::memory_order_acquire);
 }
 
 }  // namespace
@@ -48,9 +49,9 @@ void format(Header* h, const std::string& valueType, uint32_t valueSize, uint32_
           fmt::format("value typename {} exceeds {} characters", valueType, kValueTypeSize));
    }
    // Unpublish first: a reader that opens the file while it is re-formatted sees a bad magic.
-   std::atomic_ref<uint64_t>(h->magic).store(0, std::memory_order_relaxed);
+   h->magic.store(0, std::memory_order_relaxed);
    h->version = kSlotVersion;
-   h->relume = relume;
+   h->relume.store(relume, std::memory_order_relaxed);
    h->platform = kPlatform;
    std::memset(h->valueType, 0, kValueTypeSize);
    std::memcpy(h->valueType, valueType.data(), valueType.size());
@@ -72,7 +73,7 @@ void format(Header* h, const std::string& valueType, uint32_t valueSize, uint32_
    h->hash = checksum(*h);
    // Release: pairs with the acquire load of the magic in validateHeader; every field above is
    // visible to a reader that sees the magic.
-   std::atomic_ref<uint64_t>(h->magic).store(kSlotMagic, std::memory_order_release);
+   h->magic.store(kSlotMagic, std::memory_order_release);
 }
 
 uint32_t checksum(const Header& h) {

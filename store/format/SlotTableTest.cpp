@@ -266,10 +266,6 @@ TEST(SlotTable, LinkFreeSlotsYieldsAscendingOrderAndKeepsCounters) {
 TEST(SlotTable, FileNames) {
    EXPECT_EQ(Dock::slabFileName(0), "slab.00");
    EXPECT_EQ(Dock::slabFileName(31), "slab.31");
-   EXPECT_EQ(Dock::tableDirectory("/var/shmem", "tunnel/table/ldp", "entry"),
-             "/var/shmem/tunnel/table/ldp/entry");
-   EXPECT_EQ(Dock::tableDirectory("/r/", "/tunnel//table/x/", "/entry/"),
-             "/r/tunnel/table/x/entry");
 }
 
 }  // namespace

@@ -32,14 +32,13 @@ bool validate(const HeraldHeader& header, size_t fileSize, uint32_t wantedRelume
               std::string& reason);
 
 // The header's relume: written once at format time, re-stamped by a restarted writer (attach(),
-// or create() on the file it replaces). Read and written through atomic_ref so the re-stamp is a
-// proper release/acquire pair with readers.
+// or create() on the file it replaces). The release store pairs with the readers' acquire load:
+// a reader that sees the new relume sees everything the restarted writer stored before it.
 inline uint32_t relumeOf(const HeraldHeader& header) {
-   return std::atomic_ref<uint32_t>(const_cast<uint32_t&>(header.relume))
-       .load(std::memory_order_acquire);
+   return header.relume.load(std::memory_order_acquire);
 }
 inline void relumeIs(HeraldHeader& header, uint32_t relume) {
-   std::atomic_ref<uint32_t>(header.relume).store(relume, std::memory_order_release);
+   header.relume.store(relume, std::memory_order_release);
 }
 
 }  // namespace Dock::Herald

@@ -40,10 +40,8 @@ bool HeraldReader::attach(const std::string& dir, uint32_t relume, std::string& 
       return false;
    }
    const auto* header = reinterpret_cast<const HeraldHeader*>(file.data());
-   // Acquire on the magic pairs with the writer's release store of it after formatting.
-   if (file.size() < kHeraldHeaderSize ||
-       std::atomic_ref<uint64_t>(const_cast<uint64_t&>(header->magic))
-               .load(std::memory_order_acquire) != kHeraldMagic) {
+   // The magic never changes in a published file (a new herald is renamed into place).
+   if (file.size() < kHeraldHeaderSize || header->magic != kHeraldMagic) {
       reason = fmt::format("herald {} is not formatted", path);
       return false;
    }

@@ -41,7 +41,7 @@ void HeraldWriter::create(const std::string& dir, uint32_t relume, uint32_t capa
    Region::MappedFile file = Region::MappedFile::create(tmp, Herald::fileSizeFor(capacity));
    auto* header = reinterpret_cast<HeraldHeader*>(file.data());
    header->version = kHeraldVersion;
-   header->relume = relume;
+   header->relume.store(relume, std::memory_order_relaxed);
    header->capacity = capacity;
    header->wakeWord.store(0, std::memory_order_relaxed);
    // A fresh sequence space per writer generation: no sequence of an earlier file can match.
@@ -55,8 +55,9 @@ void HeraldWriter::create(const std::string& dir, uint32_t relume, uint32_t capa
       ring[i].slot.store(kNone, std::memory_order_relaxed);
       ring[i].kind.store(kSlotChanged, std::memory_order_relaxed);
    }
-   // The magic last, with release: a reader that sees it sees a complete header and ring.
-   std::atomic_ref<uint64_t>(header->magic).store(kHeraldMagic, std::memory_order_release);
+   // The magic last. The file is not visible to readers before the rename below, which
+   // publishes the whole file (a reader that opens the new name maps what was written).
+   header->magic = kHeraldMagic;
    if (::rename(tmp.c_str(), path.c_str()) != 0) {
       const int err = errno;
       ::unlink(tmp.c_str());

@@ -6,12 +6,12 @@
 // follow the ring at their own pace; one that falls more than `capacity` behind is lapped and
 // resynchronizes from the slot table (it never loses a key, only the per-slot history).
 //
-// Cost model: post() is five plain stores into the mapping, no system call. Readers are woken
-// once per batch: wake() increments the header's wake count `wakeWord` and sends one datagram to
-// each reader's socket in the table's wake directory (WakeFanout), after a non-blocking read of
-// the process's inotify instance that tells it of readers joining and leaving. A reader's event
-// loop watches its socket directly, so a notification costs the reader one wake-up. The table's
-// writer calls wake() when its event-loop turn ends or on an explicit flush.
+// Cost model: post() is five atomic stores into the mapping (plain moves on x86), no system call.
+// Readers are woken once per batch: wake() increments the header's wake count `wakeWord` and sends
+// one datagram to each reader's socket in the table's wake directory (WakeFanout), after a
+// non-blocking read of the process's inotify instance that tells it of readers joining and leaving.
+// A reader's event loop watches its socket directly, so a notification costs the reader one
+// wake-up. The table's writer calls wake() when its event-loop turn ends or on an explicit flush.
 //
 // Restart: create() always lays down a fresh file (a new inode, renamed into place), so readers
 // still mapping the previous one are not disturbed; before returning it stores the new relume into

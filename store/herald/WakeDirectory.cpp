@@ -8,11 +8,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 
 #include "Region/Error.h"
+#include "Region/ProcessStart.h"
 #include "store/format/Layout.h"
 
 namespace Dock::Wake {
@@ -62,23 +61,10 @@ std::string processTag() {
    const pid_t pid = ::getpid();
    std::lock_guard<std::mutex> lock(mutex);
    if (pid == cachedPid) return cached;
-   std::ifstream in("/proc/self/stat");
-   std::string line;
-   if (!std::getline(in, line)) {
-      throw Region::Error::fromErrno("cannot read", "/proc/self/stat", errno ? errno : EIO);
-   }
-   // "pid (comm) state ppid ...": comm may hold blanks and parentheses, so fields are counted
-   // from the last ')'; starttime is field 22, the 20th after it.
-   const size_t close = line.rfind(')');
-   std::istringstream fields(close == std::string::npos ? std::string() : line.substr(close + 1));
-   std::string field;
-   for (int i = 0; i < 20 && fields >> field; ++i) {
-   }
-   if (field.empty() || field.find_first_not_of("0123456789") != std::string::npos) {
-      throw Region::Error("/proc/self/stat: no start time in: " + line);
-   }
+   const unsigned long long start = Region::processStartTime(pid);
+   if (start == 0) throw Region::Error("/proc/self/stat: no start time");
    cachedPid = pid;
-   cached = fmt::format("{}-{}", pid, field);
+   cached = fmt::format("{}-{}", pid, start);
    return cached;
 }
 

@@ -63,15 +63,15 @@
 #include "Region/RelumeFile.h"
 #include "Region/VersionAnchor.h"
 #include "Spoor/Trace.h"
+#include "store/KeyTraits.h"
+#include "store/format/SlotTable.h"
 #include "store/herald/HeraldReader.h"
 #include "store/reader/IterHint.h"
-#include "store/KeyTraits.h"
-#include "store/slab/ReaderAllocator.h"
 #include "store/reader/ReaderHashMap.h"
 #include "store/reader/ShadowHashMap.h"
 #include "store/reader/ShadowStore.h"
 #include "store/reader/SlotCopy.h"
-#include "store/format/SlotTable.h"
+#include "store/slab/ReaderAllocator.h"
 
 namespace Dock {
 
@@ -132,6 +132,14 @@ class DockShadow {
       startFlush(false);
       continueFlush();
       return true;
+   }
+   // As initialize(); when the files are not usable yet, keeps trying on the loop until they are,
+   // with the back-off of a re-attach (a table mounted before its writer has published).
+   bool initializeOrRetry() {
+      if (initialize()) return true;
+      reattachDelay_ = std::chrono::milliseconds(10);
+      retryAttach(false);
+      return false;
    }
    const std::string& attachError() const { return attachError_; }
 
@@ -239,7 +247,6 @@ class DockShadow {
    }
    // See the file comment for the order.
    void syncComplete() {
-      syncSeq_ = seq_;
       SPOOR_TRACE(ShadowDetail::trace(), 5, "Synchronization complete, seq:{}", seq_);
       if (!synced_) {
          synced_ = true;
@@ -263,7 +270,7 @@ class DockShadow {
       ++counters_.reattaches;
       detachFiles();
       reattachDelay_ = std::chrono::milliseconds(10);
-      tryReattach();
+      retryAttach(true);
    }
    // Follows a slot file the writer grew (or shrank: the file keeps its length).
    void resize() {
@@ -508,16 +515,18 @@ class DockShadow {
       slots_ = SlotTable::slots(header_);
       mappedSlots_ = uint32_t((slotsFile_->size() - kSlotHeaderSize) / kSlotSize);
    }
-   void tryReattach() {
+   // Attaches now or on a timer (10 ms doubling to 1 s), then compares every slot with the shadow;
+   // `wholeTable` for a re-attach, which announces onWholeTable.
+   void retryAttach(bool wholeTable) {
       if (header_) return;
       if (attachFiles()) {
-         startFlush(true);
+         startFlush(wholeTable);
          continueFlush();
          return;
       }
       std::weak_ptr<std::atomic<bool>> alive = alive_;
-      loop_.timerIs(reattachDelay_, [this, alive] {
-         if (auto a = alive.lock(); a && *a) tryReattach();
+      loop_.timerIs(reattachDelay_, [this, alive, wholeTable] {
+         if (auto a = alive.lock(); a && *a) retryAttach(wholeTable);
       });
       reattachDelay_ =
           std::min(reattachDelay_ * 2, std::chrono::nanoseconds(std::chrono::seconds(1)));
@@ -718,7 +727,6 @@ class DockShadow {
    bool syncedOnce_ = false;
    bool reportedQuiesced_ = false;
    uint64_t seq_ = 0;
-   uint64_t syncSeq_ = 0;
    std::chrono::nanoseconds reattachDelay_{std::chrono::milliseconds(10)};
    ReaderCounters counters_;
 };

@@ -3,8 +3,8 @@
 // On a notification the reader compares the slot's current content with its shadow to tell an
 // added key from a changed value, a moved key (a shrink relocates keys) or a removed one. Two
 // kinds of shadow slot:
-//   ValueShadowSlot<K, V>  keeps the whole value: unchanged values are not re-announced, and
-//                          lookups can be served from the copy;
+//   ValueShadowSlot<K, V>  keeps the whole value: unchanged values are not re-announced (lookups
+//                          still copy the value out of shared memory);
 //   KeyShadowSlot<K, V>    keeps only the key: less memory, every notification is announced.
 // Each shadow slot embeds the ShadowRecord that links it into the ShadowHashMap, so shadow slots
 // never move: the store is a list of fixed-size chunks and grows by adding chunks.

@@ -46,8 +46,7 @@ bool copySlotValue(const SlotTableHeader& header, const Slot* slots, uint32_t in
       }
       // A restarted writer re-stamps the slot table before any slab, so a slab that fails the
       // reader's relume shows here as a new relume. Acquire pairs with the writer's release store.
-      const uint32_t relume = std::atomic_ref<uint32_t>(const_cast<uint32_t&>(header.relume))
-                                  .load(std::memory_order_acquire);
+      const uint32_t relume = header.relume.load(std::memory_order_acquire);
       if (relume != allocator.relume()) {
          throw WriterRestarted(fmt::format("slot:{} relume changed from {} to {}", index,
                                            allocator.relume(), relume));

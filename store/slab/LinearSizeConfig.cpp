@@ -1,3 +1,4 @@
+// Size classes of the slab allocator: the class of an allocation size and each class's entry size.
 #include "store/slab/LinearSizeConfig.h"
 
 #include "Vela/Assert.h"

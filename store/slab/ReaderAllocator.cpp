@@ -1,3 +1,4 @@
+// ReaderAllocator: a reader's slab files, attached on first use, and its copies of entries.
 #include "store/slab/ReaderAllocator.h"
 
 #include <algorithm>
@@ -34,7 +35,7 @@ int64_t ReaderAllocator::copy(Offset offset, uint8_t* out, uint32_t maxLen, uint
    if (!r) return -1;
    const SlabEntryHeader* e = r->getEntry(offset.index());
    if (!e) return -1;
-   // Acquire: pairs with the release store of payloadSize in DynamicSlotAllocator::setValue.
+   // Acquire: pairs with the release store of payloadSize in WriterAllocator::store.
    const int32_t size = e->payloadSize.load(std::memory_order_acquire);
    if (size < 0 || uint32_t(size) > r->maxPayload()) return -1;
    clientData = e->clientData.load(std::memory_order_relaxed);

@@ -1,3 +1,4 @@
+// The slab file header: growth steps, formatting, relume stamps and validation.
 #include "store/slab/Slab.h"
 
 #include <fmt/format.h>
@@ -21,7 +22,7 @@ constexpr uint32_t kMinInitialEntries = 8;
 constexpr uint32_t kMaxStepBytes = 2 * 1024 * 1024;
 
 uint64_t loadMagic(const SlabHeader& h) {
-   return std::atomic_ref<uint64_t>(const_cast<uint64_t&>(h.magic)).load(std::memory_order_acquire);
+   return h.magic.load(std::memory_order_acquire);
 }
 
 }  // namespace
@@ -41,9 +42,9 @@ uint32_t slabChecksum(uint32_t entrySize) {
 }
 
 void formatSlabHeader(SlabHeader* h, uint32_t relume, uint32_t entrySize, uint32_t numEntries) {
-   std::atomic_ref<uint64_t>(h->magic).store(0, std::memory_order_relaxed);
+   h->magic.store(0, std::memory_order_relaxed);
    h->version = Dock::kSlabVersion;
-   std::atomic_ref<uint32_t>(h->relume).store(relume, std::memory_order_relaxed);
+   h->relume.store(relume, std::memory_order_relaxed);
    h->resizeCounter.store(0, std::memory_order_relaxed);
    h->numEntries.store(numEntries, std::memory_order_relaxed);
    h->numOccupied.store(0, std::memory_order_relaxed);
@@ -51,16 +52,15 @@ void formatSlabHeader(SlabHeader* h, uint32_t relume, uint32_t entrySize, uint32
    h->hash = slabChecksum(entrySize);
    h->freeList.store(Dock::kNone, std::memory_order_relaxed);
    // Release: pairs with the acquire load of the magic in validateSlabHeader.
-   std::atomic_ref<uint64_t>(h->magic).store(Dock::kSlabMagic, std::memory_order_release);
+   h->magic.store(Dock::kSlabMagic, std::memory_order_release);
 }
 
 uint32_t slabRelume(const SlabHeader& h) {
-   return std::atomic_ref<uint32_t>(const_cast<uint32_t&>(h.relume))
-       .load(std::memory_order_relaxed);
+   return h.relume.load(std::memory_order_relaxed);
 }
 
 void stampSlabRelume(SlabHeader* h, uint32_t relume) {
-   std::atomic_ref<uint32_t>(h->relume).store(relume, std::memory_order_release);
+   h->relume.store(relume, std::memory_order_release);
 }
 
 bool validateSlabHeader(const SlabHeader& h, size_t fileSize, uint32_t wantedRelume,

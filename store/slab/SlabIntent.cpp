@@ -39,9 +39,7 @@ void IntentFile::open(const std::string& dir) {
       } catch (const Region::Error& e) {
          SPOOR_TRACE(Spoor::handle("Tessel"), 1, "{} not kept: {}", path, e.what());
       }
-      if (file_ && file_.size() >= kIntentSize &&
-          std::atomic_ref<uint64_t>(record()->magic).load(std::memory_order_acquire) ==
-              kIntentMagic &&
+      if (file_ && file_.size() >= kIntentSize && record()->magic == kIntentMagic &&
           record()->version == kIntentVersion) {
          return;
       }
@@ -52,9 +50,10 @@ void IntentFile::open(const std::string& dir) {
    IntentRecord* r = record();
    r->version = kIntentVersion;
    r->op.store(0, std::memory_order_relaxed);
-   // Release: a record is trusted only once its magic is there (the file is private to the
-   // writer; this orders the fields for the next writer's acquire load above).
-   std::atomic_ref<uint64_t>(r->magic).store(kIntentMagic, std::memory_order_release);
+   // A record is trusted only once its magic is there. The file is private to the writer and
+   // the next writer reads it after this one is gone, so only the compiler could reorder.
+   std::atomic_signal_fence(std::memory_order_seq_cst);
+   r->magic = kIntentMagic;
 }
 
 uint32_t removeStraySlabFiles(const std::string& dir) {

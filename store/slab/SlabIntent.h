@@ -30,13 +30,7 @@
 // the signal fences at begin() and end() forbid it (they emit no instruction). Readers never
 // open this file.
 //
-// File <table dir>/slabs.intent (64 bytes, writer-private):
-//
-//   offset  width  field
-//        0      8  magic     "TESSINTN" (0x4e544e4953534554)
-//        8      4  version   1
-//       12      4  op        kind << 8 | slab while an operation is under way, 0 when idle
-//       16     48  reserved
+// File <table dir>/slabs.intent, writer-private: IntentRecord in format/Layout.h.
 //
 // Cost on the hot path: two plain stores to one line that every allocation and free touches.
 #pragma once
@@ -47,26 +41,18 @@
 #include <string>
 
 #include "Region/MappedFile.h"
+#include "store/format/Layout.h"
 
 namespace Tessel {
 
-constexpr const char* kIntentFile = "slabs.intent";
-constexpr uint64_t kIntentMagic = 0x4e544e4953534554ull;  // "TESSINTN"
-constexpr uint32_t kIntentVersion = 1;
-constexpr uint32_t kIntentSize = 64;
+using Dock::IntentRecord;
+using Dock::kIntentFile;
+using Dock::kIntentMagic;
+using Dock::kIntentSize;
+using Dock::kIntentVersion;
 
 enum class SlabOp : uint32_t { kIdle = 0, kAlloc = 1, kFree = 2, kGrow = 3, kShrink = 4 };
 const char* slabOpName(SlabOp op);
-
-struct IntentRecord {
-   uint64_t magic;            // 0
-   uint32_t version;          // 8
-   std::atomic<uint32_t> op;  // 12
-   uint32_t reserved[12];     // 16
-};
-static_assert(offsetof(IntentRecord, op) == 12);
-static_assert(sizeof(IntentRecord) == kIntentSize);
-static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
 // The operation a slab writer records. A SlabWriter without a table (tests, tools) records into
 // a private word, so the stores are the same on every path.

@@ -1,3 +1,4 @@
+// SlabReader: mapping one slab file read-only, following its resizes, finding entries.
 #include "store/slab/SlabReader.h"
 
 #include <fmt/format.h>

@@ -14,6 +14,7 @@
 
 #include "Vela/Exception.h"
 #include "Vela/Hash.h"
+#include "store/slab/WriterAllocator.h"
 
 namespace Tessel::Testing {
 
@@ -59,5 +60,12 @@ struct ViaValue {
    }
    bool operator==(const ViaValue&) const = default;
 };
+
+// Serializes `value` into a new entry of `allocator` naming `slot` (as the table's writer does).
+inline SlabValue storeValue(WriterAllocator& allocator, uint32_t slot, const ViaValue& value) {
+   std::vector<uint8_t> bytes(value.serializeLen());
+   value.serialize(bytes.data());
+   return allocator.store(slot, bytes.data(), uint32_t(bytes.size()));
+}
 
 }  // namespace Tessel::Testing

@@ -1,3 +1,4 @@
+// SlabWriter: one slab file's free list, growth, shrinking, repair and validation.
 #include "store/slab/SlabWriter.h"
 
 #include <fmt/format.h>
@@ -106,7 +107,7 @@ bool SlabWriter::repair() {
    closeIfThrows([&] {
       // What no operation changes must hold before the rest is rebuilt from it.
       if (file_.size() < Dock::kSlabHeaderSize ||
-          std::atomic_ref<uint64_t>(h->magic).load(std::memory_order_acquire) != Dock::kSlabMagic ||
+          h->magic.load(std::memory_order_acquire) != Dock::kSlabMagic ||
           h->version != Dock::kSlabVersion || h->hash != slabChecksum(h->entrySize) ||
           h->entrySize != entrySize_ || numEntries() > mappedEntries_) {
          checkHeader(0);  // throws the reason

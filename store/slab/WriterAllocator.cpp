@@ -1,3 +1,4 @@
+// WriterAllocator: the writer's 32 slab files: creation, attach and repair, store, alloc, free.
 #include "store/slab/WriterAllocator.h"
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 #include "Region/StoreRoot.h"
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
+#include "store/slab/SlabBytes.h"
 
 namespace Tessel {
 
@@ -156,6 +158,19 @@ SlabWriter* WriterAllocator::firstUse(uint32_t s, bool create) {
    }
    validated_ |= bit;
    return slabs_[s].get();
+}
+
+SlabValue WriterAllocator::store(uint32_t client, const uint8_t* bytes, uint32_t length) {
+   // alloc's release fence (SlabWriter::alloc) orders the stores below after every earlier slot
+   // flags store, so a reader still copying a reused entry sees its slot change on its re-check.
+   // The bytes go in with atomic stores (SlabBytes.h) since such a reader may be copying them.
+   const Offset offset = alloc(length + kEntryOverhead);
+   SlabEntryHeader* entry = lookup(offset);
+   copyToShared(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes, length);
+   entry->clientData.store(client, std::memory_order_relaxed);
+   // Release: a reader that sees this size (acquire) sees the payload and clientData.
+   entry->payloadSize.store(int32_t(length), std::memory_order_release);
+   return SlabValue{offset, length};
 }
 
 Offset WriterAllocator::alloc(uint32_t size) {

@@ -23,12 +23,18 @@
 #include <memory>
 #include <string>
 
-#include "store/slab/LinearSizeConfig.h"
 #include "store/format/Offset.h"
+#include "store/slab/LinearSizeConfig.h"
 #include "store/slab/SlabIntent.h"
 #include "store/slab/SlabWriter.h"
 
 namespace Tessel {
+
+// Where a stored value is: its entry and its serialized length.
+struct SlabValue {
+   Offset offset;
+   uint32_t length = 0;
+};
 
 class WriterAllocator {
   public:
@@ -46,6 +52,10 @@ class WriterAllocator {
    Offset alloc(uint32_t size);
    // REQUIRES: the entry is occupied.
    void free(Offset offset);
+   // Moves bytes[0, length) into a NEW entry that names `client` (the slot that will name it).
+   // The caller publishes the returned words in the slot, and frees the entry the slot named
+   // before only after that. REQUIRES: as alloc(length + kEntryOverhead).
+   SlabValue store(uint32_t client, const uint8_t* bytes, uint32_t length);
 
    SlabEntryHeader* lookup(Offset offset);  // throws, see SlabWriter::lookup
    uint8_t* payload(Offset offset);         // payload of an entry that lookup accepts

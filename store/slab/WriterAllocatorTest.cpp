@@ -143,7 +143,7 @@ TEST(DynamicSlotAllocator, ValuesGoToTheirClassAndNameTheirSlot) {
    const std::vector<uint32_t> counts = {1, 2, 18, 19, 100, 599, 600};
    for (uint32_t i = 0; i < counts.size(); ++i) {
       ViaValue v(1000 + i, counts[i]);
-      auto sv = d.setValue(i, v);
+      auto sv = storeValue(d.allocator(), i, v);
       EXPECT_EQ(sv.length, v.serializeLen());
       EXPECT_EQ(sv.offset.slab(), a.config().classOf(v.serializeLen() + Tessel::kEntryOverhead));
       auto* e = a.lookup(sv.offset);
@@ -185,7 +185,7 @@ TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
    std::vector<uint8_t> buf(kViaM);
    EXPECT_EQ(r.copy(Offset::make(0, 0), buf.data(), kViaM), -1);  // no slab file yet
    ViaValue v(5, 3);
-   auto sv = d.setValue(9, v);
+   auto sv = storeValue(d.allocator(), 9, v);
    uint32_t client = 0;
    ASSERT_EQ(r.copy(sv.offset, buf.data(), kViaM, client), int64_t(sv.length));
    EXPECT_EQ(client, 9u);
@@ -203,7 +203,7 @@ TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
    EXPECT_EQ(r.copy(Offset::make(sv.offset.slab(), 1'000'000), buf.data(), kViaM), -1);
    // Another generation's reader refuses the slab.
    ReaderAllocator other(dir, 8);
-   auto sv2 = d.setValue(1, v);
+   auto sv2 = storeValue(d.allocator(), 1, v);
    EXPECT_EQ(other.copy(sv2.offset, buf.data(), kViaM), -1);
    EXPECT_EQ(r.copy(sv2.offset, buf.data(), kViaM), int64_t(sv2.length));
 }
@@ -215,7 +215,7 @@ TEST(ReaderAllocator, FollowsTheWriterGrowingAndShrinkingASlab) {
    a.create();
    DynamicSlotAllocator<ViaValue> d(a);
    // ViaValue(k, 0) is 16 bytes + 8 overhead: class 1 of M = 704.
-   auto first = d.setValue(0, ViaValue(0, 0));
+   auto first = storeValue(d.allocator(), 0, ViaValue(0, 0));
    Tessel::SlabReader sr(a.slabPath(first.offset.slab()), 7);
    std::string reason;
    ASSERT_TRUE(sr.attach(reason)) << reason;
@@ -225,7 +225,8 @@ TEST(ReaderAllocator, FollowsTheWriterGrowingAndShrinkingASlab) {
    void* guard =
        ::mmap(end, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
    std::vector<Tessel::SlabValue> values{first};
-   for (uint32_t i = 1; i < 2000; ++i) values.push_back(d.setValue(i, ViaValue(i, 0)));
+   for (uint32_t i = 1; i < 2000; ++i)
+      values.push_back(storeValue(d.allocator(), i, ViaValue(i, 0)));
    EXPECT_GT(a.attachedSlab(1)->header()->resizeCounter.load(), 0u);
    const uint8_t* before = sr.file().data();
    Spoor::Capture cap;
@@ -299,7 +300,8 @@ TEST(ReaderAllocator, ReadersNeverAcceptATornCopyWhileTheWriterReusesEntries) {
    DynamicSlotAllocator<ViaValue> d(a);
    constexpr uint32_t kSlotsN = 8;
    std::vector<MiniSlot> slots(kSlotsN);
-   for (uint32_t i = 0; i < kSlotsN; ++i) publish(slots[i], d.setValue(i, ViaValue(i, 1 + i)));
+   for (uint32_t i = 0; i < kSlotsN; ++i)
+      publish(slots[i], storeValue(d.allocator(), i, ViaValue(i, 1 + i)));
    std::atomic<bool> stop{false};
    std::atomic<uint64_t> good{0}, bad{0};
    std::vector<std::thread> readers;
@@ -319,7 +321,7 @@ TEST(ReaderAllocator, ReadersNeverAcceptATornCopyWhileTheWriterReusesEntries) {
    for (uint32_t gen = 1; std::chrono::steady_clock::now() < until || good.load() < 100; ++gen) {
       const uint32_t i = gen % kSlotsN;
       const Offset old = Offset::fromWord(slots[i].offset.load(std::memory_order_relaxed));
-      publish(slots[i], d.setValue(i, ViaValue(i, 1 + (gen * 7) % 40, gen)));
+      publish(slots[i], storeValue(d.allocator(), i, ViaValue(i, 1 + (gen * 7) % 40, gen)));
       d.release(old);
    }
    stop = true;
@@ -346,11 +348,12 @@ TEST(ReaderAllocator, ReaderProcessFollowsAWriterProcess) {
       WriterAllocator a(dir, LinearSizeConfig(kViaM), 7);
       a.attach();
       DynamicSlotAllocator<ViaValue> d(a);
-      for (uint32_t i = 0; i < 3; ++i) publish(slots[i], d.setValue(i, ViaValue(i, 1)));
+      for (uint32_t i = 0; i < 3; ++i)
+         publish(slots[i], storeValue(d.allocator(), i, ViaValue(i, 1)));
       for (uint32_t gen = 1; gen < 6000; ++gen) {
          const uint32_t i = gen % 3;
          const Offset old = Offset::fromWord(slots[i].offset.load(std::memory_order_relaxed));
-         publish(slots[i], d.setValue(i, ViaValue(i, 1 + gen % 200, gen)));
+         publish(slots[i], storeValue(d.allocator(), i, ViaValue(i, 1 + gen % 200, gen)));
          d.release(old);
       }
       a.validate();

@@ -35,10 +35,14 @@ uint32_t BucketWriter::checkOf(const BucketHeader& h) {
          x *= 0x01000193u;
       }
    };
-   feed(&h.magic, sizeof h.magic);
-   feed(&h.version, sizeof h.version);
-   feed(&h.relume, sizeof h.relume);
-   feed(&h.hashSeed, sizeof h.hashSeed);
+   const uint64_t magic = h.magic.load(std::memory_order_relaxed);
+   const uint32_t version = h.version.load(std::memory_order_relaxed);
+   const uint32_t relume = h.relume.load(std::memory_order_relaxed);
+   const uint32_t seed = h.hashSeed.load(std::memory_order_relaxed);
+   feed(&magic, sizeof magic);
+   feed(&version, sizeof version);
+   feed(&relume, sizeof relume);
+   feed(&seed, sizeof seed);
    return x;
 }
 
@@ -84,16 +88,11 @@ void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t has
    releaseFence();  // pairs with the reader's acquire fence
    // The file may be rewritten in place under readers (a restarted writer): atomic stores, so
    // that a reader's concurrent copy is a race-free, retried read rather than a data race.
-   std::atomic_ref<uint64_t>(header_->magic).store(kBucketMagic, std::memory_order_relaxed);
-   std::atomic_ref<uint32_t>(header_->version).store(kBucketVersion, std::memory_order_relaxed);
-   std::atomic_ref<uint32_t>(header_->relume).store(relume, std::memory_order_relaxed);
-   std::atomic_ref<uint32_t>(header_->hashSeed).store(hashSeed, std::memory_order_relaxed);
-   BucketHeader fields{};
-   fields.magic = kBucketMagic;
-   fields.version = kBucketVersion;
-   fields.relume = relume;
-   fields.hashSeed = hashSeed;
-   std::atomic_ref<uint32_t>(header_->check).store(checkOf(fields), std::memory_order_relaxed);
+   header_->magic.store(kBucketMagic, std::memory_order_relaxed);
+   header_->version.store(kBucketVersion, std::memory_order_relaxed);
+   header_->relume.store(relume, std::memory_order_relaxed);
+   header_->hashSeed.store(hashSeed, std::memory_order_relaxed);
+   header_->check.store(checkOf(*header_), std::memory_order_relaxed);
    numBuckets_ = 0;
    reserveMirror(numBuckets);
    for (uint32_t i = 0; i < numBuckets; ++i) {

@@ -1,9 +1,9 @@
 // DockWriter<K, V, KeyOf>: the single writer of a shared-memory table.
 //
-// It owns every file of the table directory (see store/format/Layout.h): the slot table (SlotWriterTable),
-// the bucket file (BucketWriter, searched through WriterHashMap), the slabs (Tessel allocator), the
-// notification queue (HeraldWriter), the relume and owner files. Values are whole V; the key is
-// KeyOf()(value).
+// It owns every file of the table directory (see store/format/Layout.h): the slot table
+// (SlotWriterTable), the bucket file (BucketWriter, searched through WriterHashMap), the slabs
+// (Tessel allocator), the notification queue (HeraldWriter), the relume and owner files. Values are
+// whole V; the key is KeyOf()(value).
 //
 // Publishing a slot (directCommit), the protocol readers copy under:
 //   replacement (slot OCCUPIED):               insertion (slot free):
@@ -54,16 +54,16 @@
 #include "Region/VersionAnchor.h"
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
-#include "store/writer/BucketWriter.h"
 #include "store/DeepValidate.h"
 #include "store/DockConfig.h"
-#include "store/slab/DynamicSlotAllocator.h"
-#include "store/herald/HeraldWriter.h"
 #include "store/KeyTraits.h"
 #include "store/format/Layout.h"
 #include "store/format/SlotTable.h"
-#include "store/writer/SlotWriterTable.h"
+#include "store/herald/HeraldWriter.h"
+#include "store/slab/DynamicSlotAllocator.h"
 #include "store/slab/WriterAllocator.h"
+#include "store/writer/BucketWriter.h"
+#include "store/writer/SlotWriterTable.h"
 #include "store/writer/WriterHashMap.h"
 
 namespace Dock {
@@ -127,7 +127,7 @@ class DockWriter {
    void initialize(const std::string& name) {
       name_ = name;
       rootPath_ = Region::storeRoot();
-      dir_ = (!name.empty() && name[0] == '/') ? name : rootPath_ + "/" + name;
+      dir_ = Region::tableDirectory(rootPath_, name);
       Region::makeDirectories(dir_);
       owner_ = Region::OwnerFile::acquire(dir_);
       relume_ = Region::RelumeFile::next(Region::RelumeFile::read(dir_));
@@ -210,7 +210,7 @@ class DockWriter {
       // generation, readers fail the slot header's relume check and wait, instead of attaching
       // under the old relume to slabs that already carry the new one (a writer killed in between
       // would leave them unable to read any entry while the slots look stable).
-      std::atomic_ref<uint32_t>(table_.header()->relume).store(relume_, std::memory_order_release);
+      table_.header()->relume.store(relume_, std::memory_order_release);
       allocator_ = std::make_unique<Tessel::WriterAllocator>(
           dir_, Tessel::LinearSizeConfig(config_.maxValueSize), relume_);
       allocator_->attach();
@@ -634,18 +634,9 @@ class DockWriter {
                             std::memory_order_release);
    }
 
-   // Serializes nothing: moves scratch_[0, length) into a NEW slab entry that names slot `s`.
-   // SlabWriter::alloc's release fence orders these stores after every earlier flags store, so a
-   // reader still copying a reused entry sees its slot's flags change on its re-check.
+   // Moves scratch_[0, length) into a NEW slab entry that names slot `s`.
    Tessel::SlabValue storeEntry(uint32_t s, uint32_t length) {
-      const Tessel::Offset offset = allocator_->alloc(length + Tessel::kEntryOverhead);
-      SlabEntryHeader* entry = allocator_->lookup(offset);
-      Tessel::copyToShared(reinterpret_cast<uint8_t*>(entry) + kSlabEntryHeaderSize,
-                           scratch_.data(), length);
-      entry->clientData.store(s, std::memory_order_relaxed);
-      // Release: a reader that sees this size (acquire) sees the payload and clientData.
-      entry->payloadSize.store(int32_t(length), std::memory_order_release);
-      return Tessel::SlabValue{offset, length};
+      return allocator_->store(s, scratch_.data(), length);
    }
 
    // Starts the cache misses a replacement of slot `s` will take: its slot line (usually already
@@ -830,7 +821,7 @@ class DockWriter {
          hash_->link(s, hash, key);
       }
       // Re-stamp the generation; readers re-attach when the relume file changes.
-      std::atomic_ref<uint32_t>(h->relume).store(relume_, std::memory_order_release);
+      h->relume.store(relume_, std::memory_order_release);
       if (!herald_.attached()) herald_.create(dir_, relume_, config_.heraldCapacity);
       wokenPos_ = herald_.position();
       directSlot_ = kNone;

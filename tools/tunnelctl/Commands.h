@@ -98,9 +98,6 @@ Vela::Ptr<Tunnel::TunnelTable::TunnelTableBase> mountSynchronized(Agent& agent,
                                                                   const TableEntry& table);
 // Whether a live writer holds the table in `dir` (its exclusive lock on the owner file).
 bool writerLockHeld(const std::string& dir);
-// The start time (clock ticks since boot) of process `pid`, or 0 when it has ended (a zombie
-// too): with the pid it names one process for its whole life (a pid alone may be reused).
-unsigned long long processStart(pid_t pid);
 // "index 7" style short name of a key within its table.
 std::string keyText(const Tunnel::TunnelTable::TunnelId& id);
 

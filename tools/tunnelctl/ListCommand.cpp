@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -18,6 +17,7 @@
 #include "Commands.h"
 #include "Region/MappedFile.h"
 #include "Region/OwnerFile.h"
+#include "Region/ProcessStart.h"
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
 #include "store/format/Layout.h"
@@ -27,26 +27,6 @@
 namespace TunnelCtl {
 
 using json = nlohmann::ordered_json;
-
-unsigned long long processStart(pid_t pid) {
-   std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-   std::string line;
-   if (!std::getline(in, line)) return 0;
-   // Field 2 (the command) may hold blanks; fields after its closing parenthesis are fixed.
-   const auto close = line.rfind(')');
-   if (close == std::string::npos || close + 2 >= line.size()) return 0;
-   std::istringstream rest(line.substr(close + 2));
-   std::string state;
-   rest >> state;
-   // A zombie (killed, not yet reaped by its parent) has ended all the same.
-   if (state == "Z" || state == "X") return 0;
-   std::string field;
-   for (int i = 4; i < 22 && rest >> field; ++i) {
-   }
-   unsigned long long start = 0;
-   rest >> start;
-   return start;
-}
 
 // Whether a writer holds its lock on <dir>/owner (an exclusive flock, for the writer's whole life):
 // a shared non-blocking attempt fails exactly then. When it succeeds, closing the descriptor drops
@@ -101,7 +81,7 @@ std::set<pid_t> readersOf(const std::string& dir) {
       std::istringstream in(name);
       char dash = 0;
       if (!(in >> pid >> dash >> start) || pid == 0 || pid > 0x7fffffffull || start == 0) continue;
-      if (processStart(pid_t(pid)) == start) pids.insert(pid_t(pid));
+      if (Region::processStartTime(pid_t(pid)) == start) pids.insert(pid_t(pid));
    }
    ::closedir(d);
    return pids;

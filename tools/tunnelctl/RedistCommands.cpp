@@ -12,6 +12,7 @@
 #include "RedistAgent.h"
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
+#include "store/format/Layout.h"
 
 namespace TunnelCtl {
 
@@ -58,7 +59,9 @@ int runRedist(std::ostream& out, const std::string& name, bool json) {
    std::vector<Vela::Ptr<TR::TunnelRedistConfig>> copies;
    for (const std::string& n : names) {
       const std::string slots =
-          Region::storeRoot() + "/" + TR::tunnelRedistConfigPath(n) + "/entry/slots";
+          Region::tableDirectory(Region::storeRoot(),
+                                 Region::tableName(TR::tunnelRedistConfigPath(n), "entry")) +
+          "/" + Dock::kSlotsFile;
       struct stat st;
       if (::stat(slots.c_str(), &st) != 0) {
          std::cerr << "tunnelctl: redistribution configuration " << n

@@ -11,6 +11,7 @@
 #include "Agent.h"
 #include "Region/StoreRoot.h"
 #include "TunnelTable/StoreEntity.h"
+#include "store/format/Layout.h"
 
 namespace TunnelCtl {
 
@@ -21,7 +22,9 @@ template <class Entity>
 Vela::Ptr<Entity> readStoreEntity(Agent& agent, const char* path, const std::string& what,
                                   const std::string& hint) {
    const std::string slots =
-       Region::storeRoot() + "/" + path + "/" + Entity::kCollections[0] + "/slots";
+       Region::tableDirectory(Region::storeRoot(),
+                              Region::tableName(path, Entity::kCollections[0])) +
+       "/" + Dock::kSlotsFile;
    struct stat st;
    if (::stat(slots.c_str(), &st) != 0) {
       std::cerr << "tunnelctl: " << what << " is not published (" << hint << ")\n";

@@ -2,8 +2,10 @@
 // names and paths cannot drift from what the agents mount.
 #include "TableCatalog.h"
 
+#include "Region/StoreRoot.h"
 #include "TunnelTable/TableRegistry.h"
 #include "Vela/Assert.h"
+#include "store/format/Layout.h"
 
 namespace TunnelCtl {
 
@@ -46,7 +48,7 @@ std::string knownMountNames() {
 }
 
 std::string tableDirectory(const std::string& root, const TableEntry& table) {
-   return root + "/" + table.path + "/" + kEntryCollection;
+   return Region::tableDirectory(root, Region::tableName(table.path, kEntryCollection));
 }
 
 const TableEntry& requireTable(std::string_view mountName) {

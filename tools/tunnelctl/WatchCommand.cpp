@@ -37,6 +37,7 @@
 #include "Commands.h"
 #include "EntryJson.h"
 #include "Region/OwnerFile.h"
+#include "Region/ProcessStart.h"
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
 #include "store/format/Layout.h"
@@ -69,7 +70,7 @@ WriterSeen writerSeen(const std::string& dir) {
    WriterSeen w;
    if (!Region::OwnerText::parse(Region::OwnerFile::read(dir), o)) return w;
    w.pid = o.pid;
-   w.alive = o.host == Region::OwnerText::self().host && processStart(o.pid) == o.start;
+   w.alive = o.host == Region::OwnerText::self().host && Region::processStartTime(o.pid) == o.start;
    return w;
 }
 
