@@ -124,6 +124,103 @@ Vela::Ptr<Table> writerOf(const TunnelTableMounter& m, TunnelTableIdentifier id)
    return Vela::dynamicPtrCast<Table>(m.mountWriter(id));
 }
 
+constexpr int kRsvp = 4, kLdp = 8, kBgp = 6;
+
+// What one tunnel is: the tunnel (or none) its single via rides on, and the labels it pushes.
+struct Spec {
+   TunnelId inner;     // default: a final via
+   uint32_t link = 0;  // a final via's: to 10.0.0.<link> on Ethernet<link>
+   std::vector<uint32_t> labels;
+};
+using Model = std::map<TunnelId, Spec>;
+
+// One change: a tunnel written with `spec`, or removed.
+struct Op {
+   TunnelId id;
+   std::optional<Spec> spec;
+};
+
+std::vector<std::vector<Op>> churn(uint32_t seed, int steps) {
+   std::mt19937 rng(seed);
+   std::vector<std::vector<Op>> out(steps);
+   for (auto& step : out) {
+      for (int i = 0; i < 4; ++i) {
+         const int kind = int(rng() % 3);
+         Op op;
+         Spec s;
+         if (kind == 0) {
+            op.id = tid(TunnelType::rsvpFrrTunnel, 1 + rng() % kRsvp);
+            s.link = 1 + rng() % 4;
+            s.labels = {1000 + uint32_t(rng() % 8)};
+         } else if (kind == 1) {
+            op.id = tid(TunnelType::ldpTunnel, 1 + rng() % kLdp);
+            if (rng() % 5 != 0) s.inner = tid(TunnelType::rsvpFrrTunnel, 1 + rng() % kRsvp);
+            s.link = 1 + rng() % 4;
+            s.labels = {2000 + uint32_t(rng() % 8)};
+         } else {
+            op.id = tid(TunnelType::bgpLuTunnel, 1 + rng() % kBgp);
+            s.inner = rng() % 10 < 5 ? tid(TunnelType::ldpTunnel, 1 + rng() % kLdp)
+                                     : tid(TunnelType::bgpLuTunnel, 1 + rng() % kBgp);
+            // Now and then a stack that overflows once joined with the ones below.
+            s.labels.assign(rng() % 20 == 0 ? 10 : 1 + rng() % 2, 3000 + uint32_t(rng() % 8));
+         }
+         if (rng() % 6 != 0) op.spec = s;
+         step.push_back(op);
+      }
+   }
+   return out;
+}
+
+void applyTo(Model& model, const std::vector<Op>& step) {
+   for (const Op& op : step) {
+      if (op.spec) {
+         model[op.id] = *op.spec;
+      } else {
+         model.erase(op.id);
+      }
+   }
+}
+
+// The single via of a tunnel of `s`: final, or riding on its inner tunnel.
+MplsVia viaOf(const Spec& s) {
+   const bool final = s.inner == TunnelId();
+   return MplsVia(final ? IpGenAddr::ipv4(0x0A000000 + s.link) : IpGenAddr(),
+                  final ? ethernet(s.link) : riding(s.inner), MplsLabelOperation::push(s.labels));
+}
+
+// Writes `op` into the table of `Table`, the entry made by `make`.
+template <class Table, class Make>
+void put(const TunnelTableMounter& m, TunnelTableIdentifier table, const Op& op, Make make) {
+   auto t = writerOf<Table>(m, table);
+   op.spec ? t->entryIs(make(*op.spec)) : (void)t->entryDel(op.id);
+}
+
+// Writes `op` into its table.
+void write(const TunnelTableMounter& m, const Op& op) {
+   const TunnelType type = op.id.tunnelType();
+   if (type == TunnelType::rsvpFrrTunnel) {
+      put<RsvpFrrTunnelTable>(m, TunnelTableIdentifier::rsvpFrrTunnelTable, op, [&](auto& s) {
+         RsvpFrrTunnelTableEntry e(op.id);
+         e.viaIs(viaOf(s));
+         e.isPrimaryViaUsableIs(true);
+         return e;
+      });
+   } else if (type == TunnelType::ldpTunnel) {
+      put<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable, op, [&](auto& s) {
+         LdpTunnelTableEntry e(op.id);
+         e.viaIs(0, viaOf(s));
+         return e;
+      });
+   } else {
+      put<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable, op, [&](auto& s) {
+         BgpLuTunnelTableEntry e(op.id);
+         e.viaIs(0, Via::tunnelIdVia(s.inner));
+         e.labelsIs(pushOf(s.labels));
+         return e;
+      });
+   }
+}
+
 TEST(TunnelFibBuilder, EncapsulationsAreSharedCountedAndWrittenAroundTheirEntries) {
    Testing::TempRoot root;
    const TunnelId ldp1 = tid(TunnelType::ldpTunnel, 1), ldp2 = tid(TunnelType::ldpTunnel, 2);
@@ -132,18 +229,11 @@ TEST(TunnelFibBuilder, EncapsulationsAreSharedCountedAndWrittenAroundTheirEntrie
    const TunnelId lu = tid(TunnelType::bgpLuTunnel, 1), deep = tid(TunnelType::bgpLuTunnel, 2);
    GreTunnelInfo greInfo;
    greInfo.dstAddrIs(IpGenAddr::ipv4(0x0B000001));
-   const auto ldpEntry = [](const TunnelId& id, uint32_t label) {
-      LdpTunnelTableEntry e(id);
-      e.viaIs(0,
-              MplsVia(IpGenAddr::ipv4(0x0A000001), ethernet(1), MplsLabelOperation::push({label})));
-      return e;
-   };
    ChildWriter child;
    child.start(
        {[&](const TunnelTableMounter& m) {
-           auto ldp = writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable);
-           ldp->entryIs(ldpEntry(ldp1, 100));
-           ldp->entryIs(ldpEntry(ldp2, 100));
+           // Two LDP tunnels to 10.0.0.1 on Ethernet1 pushing 100.
+           write(m, {ldp1, Spec{{}, 1, {100}}}), write(m, {ldp2, Spec{{}, 1, {100}}});
            RsvpFrrTunnelTableEntry f(frr);
            f.viaIs(
                MplsVia(IpGenAddr::ipv4(0x0A000002), ethernet(2), MplsLabelOperation::push({7})));
@@ -155,20 +245,11 @@ TEST(TunnelFibBuilder, EncapsulationsAreSharedCountedAndWrittenAroundTheirEntrie
            g.viaIs(1, Via(IpGenAddr::ipv4(0x0A000005), ethernet(5)));
            g.tunnelInfoIs(greInfo);
            writerOf<GreIntfTunnelTable>(m, TunnelTableIdentifier::greIntfTunnelTable)->entryIs(g);
-           auto bgp = writerOf<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable);
-           BgpLuTunnelTableEntry b(lu);
-           b.viaIs(0, Via::tunnelIdVia(ldp1));
-           b.labelsIs(pushOf({300}));
-           bgp->entryIs(b);
-           BgpLuTunnelTableEntry d(deep);
-           d.viaIs(0, Via::tunnelIdVia(ldp1));
-           d.labelsIs(pushOf(std::vector<uint32_t>(1100, 16)));
-           bgp->entryIs(d);
+           write(m, {lu, Spec{ldp1, 0, {300}}});
+           write(m, {deep, Spec{ldp1, 0, std::vector<uint32_t>(1100, 16)}});
         },
         [&](const TunnelTableMounter& m) {
-           auto ldp = writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable);
-           ldp->entryIs(ldpEntry(ldp2, 101));
-           ldp->entryDel(ldp1);
+           write(m, {ldp2, Spec{{}, 1, {101}}}), write(m, {ldp1, std::nullopt});
         }});
    ASSERT_TRUE(child.stepDone());
 
@@ -220,103 +301,6 @@ TEST(TunnelFibBuilder, EncapsulationsAreSharedCountedAndWrittenAroundTheirEntrie
 
 // ---- churn against a model ----
 
-constexpr int kRsvp = 4, kLdp = 8, kBgp = 6;
-
-// What one tunnel is: the tunnel (or none) its single via rides on, and the labels it pushes.
-struct Spec {
-   TunnelId inner;  // default: a final via
-   uint32_t link = 0;
-   std::vector<uint32_t> labels;
-   friend bool operator==(const Spec&, const Spec&) = default;
-};
-using Model = std::map<TunnelId, Spec>;
-
-// One change: a tunnel written with `spec`, or removed.
-struct Op {
-   TunnelId id;
-   std::optional<Spec> spec;
-};
-
-std::vector<std::vector<Op>> churn(uint32_t seed, int steps) {
-   std::mt19937 rng(seed);
-   std::vector<std::vector<Op>> out(steps);
-   for (auto& step : out) {
-      for (int i = 0; i < 4; ++i) {
-         const int kind = int(rng() % 3);
-         Op op;
-         Spec s;
-         if (kind == 0) {
-            op.id = tid(TunnelType::rsvpFrrTunnel, 1 + rng() % kRsvp);
-            s.link = 1 + rng() % 4;
-            s.labels = {1000 + uint32_t(rng() % 8)};
-         } else if (kind == 1) {
-            op.id = tid(TunnelType::ldpTunnel, 1 + rng() % kLdp);
-            if (rng() % 5 != 0) s.inner = tid(TunnelType::rsvpFrrTunnel, 1 + rng() % kRsvp);
-            s.link = 1 + rng() % 4;
-            s.labels = {2000 + uint32_t(rng() % 8)};
-         } else {
-            op.id = tid(TunnelType::bgpLuTunnel, 1 + rng() % kBgp);
-            s.inner = rng() % 10 < 5 ? tid(TunnelType::ldpTunnel, 1 + rng() % kLdp)
-                                     : tid(TunnelType::bgpLuTunnel, 1 + rng() % kBgp);
-            // Now and then a stack that overflows once joined with the ones below.
-            s.labels.assign(rng() % 20 == 0 ? 10 : 1 + rng() % 2, 3000 + uint32_t(rng() % 8));
-         }
-         if (rng() % 6 != 0) op.spec = s;
-         step.push_back(op);
-      }
-   }
-   return out;
-}
-
-void applyTo(Model& model, const std::vector<Op>& step) {
-   for (const Op& op : step) {
-      if (op.spec) {
-         model[op.id] = *op.spec;
-      } else {
-         model.erase(op.id);
-      }
-   }
-}
-
-// Writes `op` into its table.
-void write(const TunnelTableMounter& m, const Op& op) {
-   const TunnelType type = op.id.tunnelType();
-   if (type == TunnelType::rsvpFrrTunnel) {
-      auto t = writerOf<RsvpFrrTunnelTable>(m, TunnelTableIdentifier::rsvpFrrTunnelTable);
-      if (!op.spec) {
-         t->entryDel(op.id);
-         return;
-      }
-      RsvpFrrTunnelTableEntry e(op.id);
-      e.viaIs(MplsVia(IpGenAddr::ipv4(0x0A000000 + op.spec->link), ethernet(op.spec->link),
-                      MplsLabelOperation::push(op.spec->labels)));
-      e.isPrimaryViaUsableIs(true);
-      t->entryIs(e);
-   } else if (type == TunnelType::ldpTunnel) {
-      auto t = writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable);
-      if (!op.spec) {
-         t->entryDel(op.id);
-         return;
-      }
-      LdpTunnelTableEntry e(op.id);
-      const bool final = op.spec->inner == TunnelId();
-      e.viaIs(0, MplsVia(final ? IpGenAddr::ipv4(0x0A000000 + op.spec->link) : IpGenAddr(),
-                         final ? ethernet(op.spec->link) : riding(op.spec->inner),
-                         MplsLabelOperation::push(op.spec->labels)));
-      t->entryIs(e);
-   } else {
-      auto t = writerOf<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable);
-      if (!op.spec) {
-         t->entryDel(op.id);
-         return;
-      }
-      BgpLuTunnelTableEntry e(op.id);
-      e.viaIs(0, Via::tunnelIdVia(op.spec->inner));
-      e.labelsIs(pushOf(op.spec->labels));
-      t->entryIs(e);
-   }
-}
-
 // The brute-force resolution of one tunnel: its final vias, nothing (no entry, a loop, an inner
 // tunnel with nothing), or an error (its own joined stack is too deep).
 struct Resolution {
@@ -327,24 +311,19 @@ Resolution resolve(const Model& model, const TunnelId& t, std::vector<TunnelId>&
    auto it = model.find(t);
    if (it == model.end() || std::find(path.begin(), path.end(), t) != path.end()) return {};
    const Spec& s = it->second;
-   const MplsLabelOperation own = MplsLabelOperation::push(s.labels);
-   Resolution out;
-   if (s.inner == TunnelId()) {
-      out.kind = Resolution::vias;
-      out.set.insert(MplsVia(IpGenAddr::ipv4(0x0A000000 + s.link), ethernet(s.link), own));
-      return out;
-   }
+   if (s.inner == TunnelId()) return {Resolution::vias, {viaOf(s)}};
    path.push_back(t);
    const Resolution inner = resolve(model, s.inner, path);
    path.pop_back();
    if (inner.kind != Resolution::vias) return {};
+   const MplsLabelOperation own = MplsLabelOperation::push(s.labels);
+   Resolution out{Resolution::vias, {}};
    try {
       for (const MplsVia& w : inner.set) {
          out.set.insert(MplsVia(w.nextHop(), w.intfId(), own.smush(w.labels())));
       }
-      out.kind = Resolution::vias;
    } catch (const Wirekit::LabelStackOverflow&) {
-      out = {Resolution::error, {}};
+      return {Resolution::error, {}};
    }
    return out;
 }

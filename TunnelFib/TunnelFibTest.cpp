@@ -71,9 +71,7 @@ TEST(TunnelFib, WriterOperationsNotifyByAttributeAndNeverCascade) {
       EXPECT_EQ(::stat((root.path() + "/tunnel/fib/" + c).c_str(), &st), 0) << c;
    }
 
-   const TunnelFibEntry absent = fib->entryDel(ldp(9));
-   EXPECT_FALSE(absent);
-   EXPECT_TRUE(absent.arePrimaryViasUsable());
+   EXPECT_EQ(fib->entryDel(ldp(9)), TunnelFibEntry());
    EXPECT_EQ(fib->labelStackEncapDel(labels(9)), LabelStackEncap());
 
    fib->labelStackEncapIs(

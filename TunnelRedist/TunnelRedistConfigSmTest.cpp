@@ -83,24 +83,30 @@ TEST(TunnelRedistConfigSm, EdgeCasesStepByStepWithExactTraces) {
    Spoor::Capture capture(8);
    const std::string ldpSm = "void Tunnel::TunnelRedist::LdpTunnelRedistConfigSm::";
    const std::string luSm = "void Tunnel::TunnelRedist::BgpLuTunnelRedistConfigSm::";
-   const std::string ldpEntrySig =
-       ldpSm + "handleTunnelEntry(const Tunnel::TunnelTable::TunnelId&)";
-   const std::string luEntrySig = luSm + "handleTunnelEntry(const Tunnel::TunnelTable::TunnelId&)";
+   const std::string byId = "(const Tunnel::TunnelTable::TunnelId&)";
+   const std::string byTepAndId =
+       "(const Wirekit::IpGenPrefix&, const Tunnel::TunnelTable::TunnelId&)";
+   const std::string ldpEntrySig = ldpSm + "handleTunnelEntry" + byId;
+   const std::string luEntrySig = luSm + "handleTunnelEntry" + byId;
    const std::string ldpAdd = ldpSm +
                               "addOrUpdateTunnelRedistConfig(const Wirekit::IpGenPrefix&, const "
                               "Tunnel::TunnelRedist::TunnelInfo&)";
-   const std::string luAdd = luSm +
-                             "addTunnelRedistConfig(const Wirekit::IpGenPrefix&, const "
-                             "Tunnel::TunnelTable::TunnelId&)";
-   const std::string ldpDel = ldpSm +
-                              "delTunnelRedistConfig(const Wirekit::IpGenPrefix&, const "
-                              "Tunnel::TunnelTable::TunnelId&)";
-   const std::string luDel = luSm +
-                             "delTunnelRedistConfig(const Wirekit::IpGenPrefix&, const "
-                             "Tunnel::TunnelTable::TunnelId&)";
+   const std::string luAdd = luSm + "addTunnelRedistConfig" + byTepAndId;
+   const std::string ldpDel = ldpSm + "delTunnelRedistConfig" + byTepAndId;
+   const std::string luDel = luSm + "delTunnelRedistConfig" + byTepAndId;
    const std::string L1 = idText(TunnelType::ldpTunnel, 1), B1 = idText(TunnelType::bgpLuTunnel, 1);
    const std::string L2 = idText(TunnelType::ldpTunnel, 2), B2 = idText(TunnelType::bgpLuTunnel, 2);
 
+   // The machines' lines since the last clear, all at level 8.
+   const auto traced = [&] {
+      std::vector<std::string> lines;
+      for (const Spoor::Record& r : capture.records()) {
+         if (r.module != "TunnelRedist") continue;
+         EXPECT_EQ(r.level, 8);
+         lines.push_back(r.text);
+      }
+      return lines;
+   };
    struct Step {
       const char* what;
       std::function<void()> act;
@@ -178,14 +184,7 @@ TEST(TunnelRedistConfigSm, EdgeCasesStepByStepWithExactTraces) {
       step.act();
       EXPECT_EQ(contentOf(*m.ldpConfig), step.ldp);
       EXPECT_EQ(contentOf(*m.luConfig), step.lu);
-      std::vector<std::string> lines;
-      for (const Spoor::Record& r : capture.records()) {
-         if (r.module == "TunnelRedist") {
-            EXPECT_EQ(r.level, 8);
-            lines.push_back(r.text);
-         }
-      }
-      EXPECT_EQ(lines, step.traces);
+      EXPECT_EQ(traced(), step.traces);
    }
    EXPECT_EQ(m.ldpSm->tidToTep(idOf(TunnelType::ldpTunnel, 2)),
              TunnelIdToEndPoint(idOf(TunnelType::ldpTunnel, 2), tep(1)));
@@ -197,14 +196,11 @@ TEST(TunnelRedistConfigSm, EdgeCasesStepByStepWithExactTraces) {
    auto again = ldpTunnelRedistConfigSmFactory(TunnelRedistConfigIs("x"), m.ldp);
    again->handleDelete();
    m.ldp->entryIs(ldpEntry(3, 3, 1));
-   std::vector<std::string> lines;
-   for (const auto& r : capture.records()) {
-      if (r.module == "TunnelRedist" &&
-          r.text.find("::handleTunnelEntry(const") == std::string::npos &&
-          r.text.find("::addOrUpdate") == std::string::npos) {
-         lines.push_back(r.text);
-      }
-   }
+   std::vector<std::string> lines = traced();
+   std::erase_if(lines, [](const std::string& t) {
+      return t.find("::handleTunnelEntry(const") != std::string::npos ||
+             t.find("::addOrUpdate") != std::string::npos;
+   });
    EXPECT_EQ(lines,
              (std::vector<std::string>{ldpSm + "handleInitialized()", ldpSm + "handleTunnelEntry()",
                                        ldpSm + "handleDelete()"}));

@@ -24,7 +24,7 @@ const ColoredTunnelEndpoint kTep(Wirekit::IpGenPrefix("10.0.0.1/32"), 7);
 const InternalTunnelCandidateId kLdp(TunnelType::ldpTunnel, 1, 10);
 const TunnelId kTunnel(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, 5));
 
-TEST(TunnelPikeStatus, GetOrCreateNotifiesOnceAndReCreationUnderAnotherNameChangesNothing) {
+TEST(TunnelPikeStatus, GetOrCreateNotifiesOnceReCreationChangesNothingAndTypeNames) {
    auto status = tunnelPikeStatusFactory("s");
    Counting onStatus;
    status->notifieeAdd(&onStatus);
@@ -61,6 +61,18 @@ TEST(TunnelPikeStatus, GetOrCreateNotifiesOnceAndReCreationUnderAnotherNameChang
    candidate->tunnelIdDel(kTunnel);
    candidate->tunnelIdDel(kTunnel);
    EXPECT_EQ(onCandidate.calls[attrTunnelId.value], 3);
+
+   // The type names the tree is stored under, and the names of its nodes.
+   EXPECT_EQ(status->fwkType(), "Tunnel::TunnelTable::TunnelPikeStatus");
+   EXPECT_EQ(rib->fwkType(), "Tunnel::TunnelTable::InternalCliTunnelRib");
+   EXPECT_EQ(entry->fwkType(), "Tunnel::TunnelTable::InternalCliTunnelRibEntry");
+   EXPECT_EQ(candidate->fwkType(), "Tunnel::TunnelTable::InternalCliTunnelRibCandidate");
+   EXPECT_EQ(candidate->name(), valueToStrep(kLdp));
+   EXPECT_EQ(entry->name(), valueToStrep(kTep));
+   auto created =
+       Vela::TypeRegistry::instance().create("Tunnel::TunnelTable::TunnelPikeStatus", "cli");
+   ASSERT_NE(Vela::dynamicPtrCast<TunnelPikeStatus>(created), nullptr);
+   EXPECT_EQ(created->name(), "cli");
 }
 
 // Candidates are presented best first: entryPref, then the type's default preference (RSVP 45
@@ -116,23 +128,6 @@ TEST(TunnelPikeStatus, DeletionsReachTheStore) {
    status->cliTunnelRibCollDelAll();
    status->handleFlush();
    EXPECT_EQ(writer.map().members(), 2u);
-}
-
-TEST(TunnelPikeStatus, TypeNamesAndCreationByTypeName) {
-   auto created =
-       Vela::TypeRegistry::instance().create("Tunnel::TunnelTable::TunnelPikeStatus", "cli");
-   ASSERT_NE(Vela::dynamicPtrCast<TunnelPikeStatus>(created), nullptr);
-   EXPECT_EQ(created->name(), "cli");
-   auto status = tunnelPikeStatusFactory("s");
-   auto rib = status->cliTunnelRibCollIs("r", TunnelRibId(3));
-   auto entry = rib->entryIs(kTep);
-   auto candidate = entry->candidatesIs(kLdp);
-   EXPECT_EQ(status->fwkType(), "Tunnel::TunnelTable::TunnelPikeStatus");
-   EXPECT_EQ(rib->fwkType(), "Tunnel::TunnelTable::InternalCliTunnelRib");
-   EXPECT_EQ(entry->fwkType(), "Tunnel::TunnelTable::InternalCliTunnelRibEntry");
-   EXPECT_EQ(candidate->fwkType(), "Tunnel::TunnelTable::InternalCliTunnelRibCandidate");
-   EXPECT_EQ(candidate->name(), valueToStrep(kLdp));
-   EXPECT_EQ(entry->name(), valueToStrep(kTep));
 }
 
 }  // namespace

@@ -44,52 +44,40 @@ struct Op {
 std::vector<Op> opsFor(uint32_t seed, int count, bool colored) {
    std::mt19937 rng(seed);
    std::vector<Op> ops;
-   for (int i = 0; i < count; ++i) {
-      Op op;
-      op.index = 1 + rng() % 40;
-      op.remove = rng() % 5 == 0;
-      op.endpoint = int(rng() % kEndpoints);
-      op.pref = uint8_t(rng() % 3);
-      op.metric = rng() % 3;
-      op.bw = float(rng() % 100) / 4.0f;
-      op.color = colored ? 1 + rng() % 2 : 0;
-      ops.push_back(op);
+   for (int i = 0; i < count; ++i) {  // a braced list: its fields drawn in order
+      ops.push_back(Op{1 + rng() % 40, rng() % 5 == 0, int(rng() % kEndpoints), uint8_t(rng() % 3),
+                       uint32_t(rng() % 3), float(rng() % 100) / 4.0f,
+                       colored ? uint32_t(1 + rng() % 2) : 0u});
    }
    return ops;
 }
 
+TunnelId idOf(TunnelType type, const Op& op) {
+   return TunnelId(TunnelId::convertToTunnelValue(type, op.index));
+}
+// The fields every kind shares; `metricBase` keeps the kinds' IGP metrics apart.
+template <class Entry>
+Entry filled(Entry e, const Op& op, uint32_t metricBase) {
+   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
+   e.entryMetricIs(op.metric);
+   e.tunnelBwIs(op.bw);
+   e.igpMetricIs(metricBase + uint32_t(op.index));
+   return e;
+}
 LdpTunnelTableEntry ldpEntry(const Op& op) {
-   LdpTunnelTableEntry e(TunnelId(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, op.index)),
-                         TunnelEntryPref(op.pref));
-   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
-   e.entryMetricIs(op.metric);
-   e.tunnelBwIs(op.bw);
-   e.igpMetricIs(100 + uint32_t(op.index));
+   LdpTunnelTableEntry e(idOf(TunnelType::ldpTunnel, op), TunnelEntryPref(op.pref));
    e.igpPrefIs(TunnelIgpPref(uint32_t(op.index) % 7));
-   return e;
+   return filled(e, op, 100);
 }
-
 IsisSrTunnelTable::EntryType srEntry(const Op& op) {
-   SrTunnelTableEntry e(
-       TunnelId(TunnelId::convertToTunnelValue(TunnelType::isisSrTunnel, op.index)),
-       TunnelEntryPref(op.pref));
-   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
-   e.entryMetricIs(op.metric);
-   e.tunnelBwIs(op.bw);
-   e.igpMetricIs(200 + uint32_t(op.index));
-   return e;
+   return filled(SrTunnelTableEntry(idOf(TunnelType::isisSrTunnel, op), TunnelEntryPref(op.pref)),
+                 op, 200);
 }
-
 SrTePolicyTunnelTableEntry policyEntry(const Op& op) {
-   SrTePolicyTunnelTableEntry e(
-       TunnelId(TunnelId::convertToTunnelValue(TunnelType::srTePolicyTunnel, op.index)));
+   SrTePolicyTunnelTableEntry e(idOf(TunnelType::srTePolicyTunnel, op));
    e.entryPrefIs(TunnelEntryPref(op.pref));
-   e.endpointIs(TepIndex(0), endpointPrefix(op.endpoint));
-   e.entryMetricIs(op.metric);
-   e.tunnelBwIs(op.bw);
    e.colorIs(op.color);
-   e.igpMetricIs(300 + uint32_t(op.index));
-   return e;
+   return filled(e, op, 300);
 }
 
 // A writer agent of table `id` in this (child) process, applying ops [from, to).
@@ -151,13 +139,7 @@ std::map<ColoredTunnelEndpoint, TunnelRibEntry> model(const std::vector<RibContr
 template <class Entry, class Make>
 void finalContributions(const std::vector<Op>& ops, Make make, std::vector<RibContribution>& out) {
    std::map<uint64_t, Op> last;
-   for (const Op& op : ops) {
-      if (op.remove) {
-         last.erase(op.index);
-      } else {
-         last[op.index] = op;
-      }
-   }
+   for (const Op& op : ops) op.remove ? (void)last.erase(op.index) : (void)(last[op.index] = op);
    for (const auto& [index, op] : last) {
       const Entry e = make(op);
       RibContribution c;
@@ -167,11 +149,9 @@ void finalContributions(const std::vector<Op>& ops, Make make, std::vector<RibCo
                                               e.entryMetric());
       c.bandwidth = e.tunnelBw();
       c.metric = e.igpMetric();
-      if constexpr (std::is_same_v<Entry, SrTePolicyTunnelTableEntry>) {
-         c.pref = e.igpPref().value();
-      } else {
+      c.pref = e.igpPref().value();
+      if constexpr (!std::is_same_v<Entry, SrTePolicyTunnelTableEntry>) {
          c.metric2 = e.igpMetric2();
-         c.pref = e.igpPref().value();
          c.pref2 = e.igpPref2();
       }
       out.push_back(c);

@@ -12,13 +12,13 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <thread>
 
 #include "Loom/EventLoop.h"
 #include "Region/Error.h"
 #include "TunnelTable/TunnelMount.h"
+#include "TunnelTable/TunnelTableFamilyTests.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vault/MountService.h"
 #include "Vela/TypeRegistry.h"
@@ -29,6 +29,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace Tunnel::TunnelTable;
 using std::chrono::milliseconds;
+using Tunnel::TunnelTable::FamilyTest::runUntil;
 
 constexpr TunnelTableIdentifier kLdp = TunnelTableIdentifier::ldpTunnelTable;
 constexpr uint64_t kSentinel = 9999;  // its igpMetric names the writer phase that wrote last
@@ -77,15 +78,6 @@ struct Pipe {
    }
 };
 
-bool runUntil(Loom::EventLoop& loop, milliseconds limit, const std::function<bool()>& done) {
-   const auto deadline = std::chrono::steady_clock::now() + limit;
-   while (!done()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      loop.runOnce(milliseconds(20));
-   }
-   return true;
-}
-
 struct KeyCounter : Vela::Entity::Notifiee {
    std::map<uint64_t, int> perIndex;
    void onAttribute(Vela::AttributeId attr, const void* key) override {
@@ -105,8 +97,7 @@ int failed(int code, const char* what, uint64_t key = 0) {
 int readerAgent(const Pipe& ready, const Pipe& release) {
    ::alarm(60);
    Loom::EventLoop loop;
-   auto service = Vela::makePtr<Vault::MountService>();
-   TunnelTableMounter mounter(service, loop);
+   TunnelTableMounter mounter(Vela::makePtr<Vault::MountService>(), loop);
    auto table = Vela::dynamicPtrCast<LdpTunnelTable>(mounter.mountKeyshadow(kLdp));
    if (!table) return 10;
    if (table->isWriter()) return 11;
@@ -116,10 +107,8 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
    table->notifieeAdd(&counter);
 
    // Synchronised and quiesced on the still empty table.
-   if (!runUntil(loop, milliseconds(20000),
-                 [&] { return control->quiesced() && control->mountStatus() != 0; })) {
-      return failed(13, "no sync on the empty table");
-   }
+   const auto synced = [&] { return control->quiesced() && control->mountStatus() != 0; };
+   if (!runUntil(loop, synced, milliseconds(20000))) return failed(13, "no sync on empty table");
    if (table->entryCount() != 0 || !table->entryKeys().empty() || !counter.perIndex.empty() ||
        !table->getCurrentQuiescedState()) {
       return 14;
@@ -129,23 +118,20 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
 
    // The first writer's state, notified key by key (lookups alone read the writer's slots and
    // may run ahead of the notifications), before the test restarts the writer.
-   if (!runUntil(loop, milliseconds(30000), [&] {
-          return counter.perIndex.size() == 41 && counter.perIndex.count(kSentinel) &&
-                 table->entry(ldpId(kSentinel)).igpMetric() == 1;
-       })) {
-      return failed(21, "first writer's state not reached");
-   }
+   const auto firstState = [&] {
+      return counter.perIndex.size() == 41 && counter.perIndex.count(kSentinel) &&
+             table->entry(ldpId(kSentinel)).igpMetric() == 1;
+   };
+   if (!runUntil(loop, firstState, milliseconds(30000))) return failed(21, "no first state");
    for (uint64_t k = 1; k <= 40; ++k) {
       if (!(table->entry(ldpId(k)) == ldpEntry(k, uint32_t(k)))) return 22;
    }
    ready.send('p');
 
    // Until the restarted writer's last write is seen.
-   if (!runUntil(loop, milliseconds(30000), [&] {
-          return table->entry(ldpId(kSentinel)).igpMetric() == 2 && control->quiesced();
-       })) {
-      return failed(16, "final state not reached");
-   }
+   const auto last = [&] { return table->entry(ldpId(kSentinel)).igpMetric() == 2; };
+   const auto finalState = [&] { return last() && control->quiesced(); };
+   if (!runUntil(loop, finalState, milliseconds(30000))) return failed(16, "no final state");
    const auto expected = finalMetrics();
    for (uint64_t k = 1; k <= 51; ++k) {
       auto it = expected.find(k);
@@ -170,8 +156,7 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
 int writerPhase1(const Pipe& ready, const Pipe& release) {
    ::alarm(60);
    Loom::EventLoop loop;
-   auto service = Vela::makePtr<Vault::MountService>();
-   TunnelTableMounter mounter(service, loop);
+   TunnelTableMounter mounter(Vela::makePtr<Vault::MountService>(), loop);
    auto table = Vela::dynamicPtrCast<LdpTunnelTable>(mounter.mountWriter(kLdp));
    if (!table || !table->isWriter()) return 30;
    if (table->entryControl()->mountStatus() != 1) return 31;  // fresh files
@@ -188,8 +173,7 @@ int writerPhase1(const Pipe& ready, const Pipe& release) {
 int writerPhase2() {
    ::alarm(60);
    Loom::EventLoop loop;
-   auto service = Vela::makePtr<Vault::MountService>();
-   TunnelTableMounter mounter(service, loop);
+   TunnelTableMounter mounter(Vela::makePtr<Vault::MountService>(), loop);
    auto table = Vela::dynamicPtrCast<LdpTunnelTable>(mounter.mountWriter(kLdp));
    if (!table) return 40;
    if (table->entryControl()->mountStatus() != 2) return 41;  // re-attached, entries kept
@@ -313,10 +297,6 @@ TEST(TunnelMountProcess, MountedEntityThatIsNotATableYieldsNoTable) {
    Vela::TypeRegistry::instance().typeDel("Test::NotATable");
 }
 
-}  // namespace
-
-namespace {
-
 // The same mounts with the writer agent and a reader agent as threads of one process, each with its
 // own event loop and mount service (run under ThreadSanitizer too).
 TEST(TunnelMountThreads, ReaderThreadFollowsWriterThread) {
@@ -355,14 +335,11 @@ TEST(TunnelMountThreads, ReaderThreadFollowsWriterThread) {
       auto table = Vela::dynamicPtrCast<LdpTunnelTable>(mounter.mountKeyshadow(kLdp));
       if (!table) return readerResult.store(2);
       auto control = table->entryControl();
-      if (!runUntil(loop, milliseconds(20000), [&] { return control->quiesced(); })) {
-         return readerResult.store(3);
-      }
+      const auto synced = [&] { return control->quiesced(); };
+      if (!runUntil(loop, synced, milliseconds(20000))) return readerResult.store(3);
       readerSynced.store(true, std::memory_order_release);
-      if (!runUntil(loop, milliseconds(20000),
-                    [&] { return table->entry(ldpId(kSentinel)).igpMetric() == 2; })) {
-         return readerResult.store(4);
-      }
+      const auto last = [&] { return table->entry(ldpId(kSentinel)).igpMetric() == 2; };
+      if (!runUntil(loop, last, milliseconds(20000))) return readerResult.store(4);
       for (uint64_t k = 1; k <= 100; ++k) {
          const auto got = table->entryIf(ldpId(k));
          if (k <= 20 ? got.has_value() : !(got && *got == ldpEntry(k, uint32_t(k)))) {

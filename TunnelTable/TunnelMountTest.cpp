@@ -56,7 +56,7 @@ TEST(TunnelMount, EveryIdentifierGivesItsTypeMountNamePathAndEntryCollection) {
    }
 }
 
-TEST(TunnelMount, MountInfoTextEqualityAndTruth) {
+TEST(TunnelMount, MountInfoTextAndTruth) {
    const auto ldp = TunnelTableMounter::getMountInfo(TunnelTableIdentifier::ldpTunnelTable);
    const std::string text =
        "Value('Tunnel::TunnelTable::TunnelTableMountInfo', ** {'tableInfo': "
@@ -69,34 +69,18 @@ TEST(TunnelMount, MountInfoTextEqualityAndTruth) {
    EXPECT_EQ(ldp.stringValue(), text);
    EXPECT_EQ(Testing::streamed(ldp), text);
 
-   TunnelTableMountInfo empty;
-   EXPECT_FALSE(empty);
-   EXPECT_NE(empty, ldp);
-   EXPECT_EQ(ldp, TunnelTableMounter::getMountInfo(TunnelTableIdentifier::ldpTunnelTable));
-   EXPECT_NE(ldp, TunnelTableMounter::getMountInfo(TunnelTableIdentifier::bgpLuTunnelTable));
-   auto resized = ldp;
-   resized.writerMountInfo.collectionIs("entry", 1025);
-   EXPECT_NE(resized, ldp);
-   auto moved = ldp;
-   moved.tableInfo.path = "tunnel/table/other";
-   EXPECT_NE(moved, ldp);
-   EXPECT_EQ(TunnelTableInfo("T", "m").path, "tunnel/table/m");
+   // Its equality is the defaulted field-by-field one; truth is a type name being set.
+   EXPECT_FALSE(TunnelTableMountInfo());
 }
 
-TEST(TunnelMount, MounterIsTrueOnlyWithItsHandlesAndComparesThem) {
-   TunnelTableMounter none;
-   EXPECT_FALSE(none);
-   EXPECT_EQ(none, TunnelTableMounter());
+// (Its equality is the defaulted one over the handles.)
+TEST(TunnelMount, MounterIsTrueOnlyWithItsHandles) {
+   EXPECT_FALSE(TunnelTableMounter());
    Loom::EventLoop loop;
    auto service = Vela::makePtr<Vault::MountService>();
    TunnelTableMounter a(service, loop);
    EXPECT_TRUE(a);
    EXPECT_EQ(a.database(), service->database());
-   EXPECT_NE(a, none);
-   EXPECT_EQ(a, TunnelTableMounter(service, loop));
-   EXPECT_NE(a, TunnelTableMounter(Vela::makePtr<Vault::MountService>(), loop));
-   Loom::EventLoop other;
-   EXPECT_NE(a, TunnelTableMounter(service, other));
    EXPECT_FALSE(TunnelTableMounter(nullptr, loop));
 }
 
@@ -106,15 +90,13 @@ TEST(TunnelMountDeathTest, InvalidIdentifierIsAProgrammingError) {
        "\\(Tunnel/TunnelMount:22\\)";
    EXPECT_DEATH(TunnelTableMounter::getMountInfo(TunnelTableIdentifier(0)), text);
    EXPECT_DEATH(TunnelTableMounter::getMountInfo(TunnelTableIdentifier(21)), text);
-   EXPECT_DEATH(TunnelTableMounter::getMountInfo(TunnelTableIdentifier(255)), text);
 }
 
 TEST(TunnelMountDeathTest, DefaultMounterCannotMount) {
    TunnelTableMounter none;
-   EXPECT_DEATH(none.mountWriter(TunnelTableIdentifier::ldpTunnelTable),
-                "assertion failed: \\*this && \"mountWriter needs a mounter "
-                "with its handles "
-                "set\"");
+   EXPECT_DEATH(
+       none.mountWriter(TunnelTableIdentifier::ldpTunnelTable),
+       "assertion failed: \\*this && \"mountWriter needs a mounter with its handles set\"");
    EXPECT_DEATH(none.mountKeyshadow(TunnelTableIdentifier::ldpTunnelTable),
                 "mountKeyshadow needs a mounter with its handles set");
 }

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <set>
+#include <utility>
 
 #include "TunnelTable/TunnelTableIdentifier.h"
 #include "TunnelTable/TunnelType.h"
@@ -87,14 +88,12 @@ TEST(TunnelTypeTest, DisplayTextsAreUniquePerCodeAndParseBack) {
 }
 
 TEST(TunnelTableIdentifierTest, CodesAreTheTableNotTheTunnelTypes) {
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::bgpLuTunnelTable), 1);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::bgpLuPushTunnelTable), 2);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::isisSrTunnelTable), 7);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::greIntfTunnelTable), 12);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::ipsecVtiIntfTunnelTable), 13);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::ipsecGreIntfTunnelTable), 14);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::isisFlexAlgoTunnelTable), 19);
-   EXPECT_EQ(static_cast<int>(TunnelTableIdentifier::mldpTunnelTable), 20);
+   using enum TunnelTableIdentifier;
+   const std::pair<TunnelTableIdentifier, int> codes[] = {
+       {bgpLuTunnelTable, 1},         {bgpLuPushTunnelTable, 2},     {isisSrTunnelTable, 7},
+       {greIntfTunnelTable, 12},      {ipsecVtiIntfTunnelTable, 13}, {ipsecGreIntfTunnelTable, 14},
+       {isisFlexAlgoTunnelTable, 19}, {mldpTunnelTable, 20}};
+   for (const auto& [id, code] : codes) EXPECT_EQ(static_cast<int>(id), code) << valueToStrep(id);
    EXPECT_FALSE(isValidTunnelTableIdentifier(TunnelTableIdentifier(0)));
    EXPECT_FALSE(isValidTunnelTableIdentifier(TunnelTableIdentifier(21)));
    std::set<Vela::String> names;

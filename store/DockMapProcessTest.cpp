@@ -1,6 +1,8 @@
-// The writer and key-shadowing readers in separate processes (and, for ThreadSanitizer, threads):
-// random churn of values 1..600 vias long, readers joining midway and paused until lapped, the
-// table growing and shrinking under them, the writer SIGKILLed at random points and restarted.
+// The writer and key-shadowing readers in separate processes, and as threads of one process (so
+// that ThreadSanitizer, -DTUNNEL_SANITIZE=thread, sees every access of the publishing and copying
+// protocols): random churn of values 1..600 vias long, readers joining midway and paused until
+// lapped, the table growing and shrinking under them, the writer SIGKILLed at random points and
+// restarted.
 //
 // The churn is a pure function of (seed, op index): op i writes or removes one key, and a written
 // value carries i as its version, so any process can replay ops 0..n to know the table's content.
@@ -257,7 +259,7 @@ TEST(DockMapProcess, ReaderMapsTheFilesReadOnlyAndASecondWriterIsRefused) {
 // may not have landed), and continue. A reader joins after two kills: it must follow every restart
 // without being restarted itself, never hand out a torn value, and end equal to the last writer.
 // Restarts often land while the reader is resynchronizing with the previous writer, cutting that
-// resync short. (Many more kills, of a writer alone: SlabRepairTest.)
+// resync short. (Many more kills, of a writer alone: SlabRepair in WriterAllocatorTest.)
 TEST(DockMapProcess, ReaderFollowsAWriterKilledAndRestartedManyTimes) {
    Testing::TempRoot root;
    Shared* shared = makeShared();
@@ -342,6 +344,51 @@ TEST(DockMapProcess, ReaderFollowsAWriterKilledAndRestartedManyTimes) {
    EXPECT_EQ(Testing::waitChild(readerPid), 0);
    EXPECT_EQ(shared->readers[0].bad.load(), 0u);
    EXPECT_GT(shared->readers[0].reattaches.load(), 0u);
+}
+
+// Each reader thread runs its own event loop and DockMap; the writer flushes in batches.
+TEST(DockMapThreads, ReadersAsThreadsEndEqualToTheWriterUnderChurn) {
+   Testing::TempRoot root;
+   Map writer;
+   writer.initWriter("test/threads/entry", DockTest::tableConfig(16, 1 << 14, 128));
+   std::atomic<bool> done{false};
+   constexpr int kReaders = 2;
+   std::map<uint64_t, Value> mirrors[kReaders];
+   std::atomic<int> bad{0};
+   std::vector<std::thread> readers;
+   for (int r = 0; r < kReaders; ++r) {
+      readers.emplace_back([&, r] {
+         Loom::EventLoop loop;
+         Map reader;
+         Region::Notify<uint64_t, Value> n;
+         n.onValue = [&](const Value& v) { mirrors[r][v.key] = v; };
+         n.onKeyRemoved = [&](const uint64_t& k) { mirrors[r].erase(k); };
+         reader.corruptionHookIs([&](const std::string&) { bad.fetch_add(1); });
+         ASSERT_TRUE(reader.initReader("test/threads/entry", n, loop));
+         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+         while (std::chrono::steady_clock::now() < deadline) {
+            loop.runOnce(std::chrono::milliseconds(2));
+            if (done.load(std::memory_order_acquire) && reader.quiesced()) {
+               loop.runOnce(std::chrono::milliseconds(10));
+               if (reader.quiesced()) return;
+            }
+         }
+         bad.fetch_add(100);
+      });
+   }
+   // Through the growth phase and the removal sweep (the table shrinks).
+   const uint64_t seed = 3;
+   const uint32_t total = 6500;
+   for (uint32_t i = 0; i < total; ++i) {
+      apply(writer, opAt(seed, i));
+      if (i % 50 == 49) writer.flush();
+   }
+   writer.flush();
+   done.store(true, std::memory_order_release);
+   for (auto& t : readers) t.join();
+   EXPECT_EQ(bad.load(), 0);
+   for (int r = 0; r < kReaders; ++r) EXPECT_EQ(mirrors[r], replay(seed, total)) << "reader " << r;
+   EXPECT_GT(writer.writer()->writerCounters().slotShrinks, 0u);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
-// One writer per table: the owner file's lock, its text, and take-over after a crash.
+// One writer per table: the owner file's lock, its text, and take-over after a crash; the process
+// start time that tells a recycled pid from the owner.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -8,10 +11,44 @@
 
 #include "Region/Error.h"
 #include "Region/OwnerFile.h"
+#include "Region/ProcessStart.h"
 #include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace {
+
+TEST(ProcessStart, RunningProcessesHaveOneEndedAndZombieOnesNone) {
+   const unsigned long long self = Region::processStartTime(::getpid());
+   EXPECT_GT(self, 0u);
+   int ready[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   const pid_t child = ::fork();
+   if (child == 0) {
+      // Blanks and parentheses in the command name: fields count from its last ')'.
+      ::prctl(PR_SET_NAME, "a) 1 2 (b");
+      if (::write(ready[1], "r", 1) != 1) ::_exit(1);
+      ::pause();
+      ::_exit(0);
+   }
+   char c = 0;
+   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+   const unsigned long long start = Region::processStartTime(child);
+   EXPECT_GE(start, self);
+   EXPECT_EQ(Region::processStartTime(child), start);
+   ::kill(child, SIGKILL);
+   // Killed but not reaped: a zombie has ended all the same.
+   unsigned long long zombie = start;
+   for (int i = 0; i < 500 && zombie != 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      zombie = Region::processStartTime(child);
+   }
+   EXPECT_EQ(zombie, 0u);
+   int status = 0;
+   ASSERT_EQ(::waitpid(child, &status, 0), child);
+   EXPECT_EQ(Region::processStartTime(child), 0u);
+   ::close(ready[0]);
+   ::close(ready[1]);
+}
 
 TEST(OwnerFile, TextNamesThisProcessAndParsesBack) {
    Testing::TempRoot root;

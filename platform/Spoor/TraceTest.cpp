@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Spoor/Trace.h"
@@ -33,30 +34,38 @@ struct fmt::formatter<Counted> {
 
 namespace {
 
-TEST(SpoorConfigure, SettingStringSetsModuleLevelsIncludingModulesNotYetSeen) {
+// Each setting string in turn, then the level of each module named; a module first named in a
+// check has no handle until then, so the setting reached it before it existed.
+TEST(SpoorConfigure, SettingStringsSetModuleLevelsIncludingModulesNotYetSeen) {
    Spoor::Handle& a = Spoor::handle("Cfg.A");
-   Spoor::Handle& b = Spoor::handle("Cfg.B");
    EXPECT_EQ(&a, &Spoor::handle("Cfg.A"));  // one handle per module
-   EXPECT_EQ(a.module(), "Cfg.A");
-   EXPECT_EQ(a.level(), -1);  // off until configured
-
-   EXPECT_TRUE(Spoor::configure("Cfg.A/3,Cfg.B/9,Cfg.Later/4"));
-   EXPECT_EQ(a.level(), 3);
-   EXPECT_EQ(b.level(), 9);
-   EXPECT_EQ(Spoor::handle("Cfg.Later").level(), 4);
-
-   // Levels above the top mean "everything", however many digits.
-   EXPECT_TRUE(Spoor::configure("Cfg.A/12,Cfg.B/99999999999999999999"));
-   EXPECT_EQ(a.level(), Spoor::kMaxLevel);
-   EXPECT_EQ(b.level(), Spoor::kMaxLevel);
-
-   // A module name may itself contain '/': the level follows the last one.
-   EXPECT_TRUE(Spoor::configure("Cfg/Sub/2"));
-   EXPECT_EQ(Spoor::handle("Cfg/Sub").level(), 2);
-
-   EXPECT_TRUE(Spoor::configure(""));
-   EXPECT_TRUE(Spoor::configure("Cfg.A/1,"));  // a trailing comma ends the list
-   EXPECT_EQ(a.level(), 1);
+   EXPECT_EQ(a.level(), -1);                // off until configured
+   Spoor::handle("Cfg.B");
+   const struct {
+      const char* setting;
+      std::vector<std::pair<const char*, int>> levels;
+   } steps[] = {
+       {"Cfg.A/3,Cfg.B/9,Cfg.Later/4", {{"Cfg.A", 3}, {"Cfg.B", 9}, {"Cfg.Later", 4}}},
+       // Levels above the top mean "everything", however many digits.
+       {"Cfg.A/12,Cfg.B/99999999999999999999", {{"Cfg.A", 9}, {"Cfg.B", 9}}},
+       {"Cfg/Sub/2", {{"Cfg/Sub", 2}}},  // the level follows the last '/'
+       {"", {{"Cfg.A", 9}}},
+       {"Cfg.A/1,", {{"Cfg.A", 1}}},  // a trailing comma ends the list
+       // "*" overrides what was set before it and applies to modules created later; items after
+       // it override it.
+       {"*/2,Cfg.B/7", {{"Cfg.A", 2}, {"Cfg.B", 7}, {"Cfg.New", 2}}},
+       {"Cfg.A/6,*/1", {{"Cfg.A", 1}}},
+   };
+   for (const auto& step : steps) {
+      SCOPED_TRACE(step.setting);
+      EXPECT_TRUE(Spoor::configure(step.setting));
+      for (const auto& [module, level] : step.levels) {
+         EXPECT_EQ(Spoor::handle(module).level(), level) << module;
+      }
+   }
+   Spoor::levelIs("*", -1);
+   EXPECT_EQ(a.level(), -1);
+   EXPECT_EQ(Spoor::handle("Cfg.Newer").level(), -1);
 }
 
 TEST(SpoorConfigure, MalformedSettingStringIsRefusedAndChangesNothing) {
@@ -70,32 +79,8 @@ TEST(SpoorConfigure, MalformedSettingStringIsRefusedAndChangesNothing) {
    EXPECT_EQ(Spoor::handle("Bad.B").level(), -1);
 }
 
-TEST(SpoorConfigure, WildcardSetsEveryModuleAndLaterItemsOverrideIt) {
-   Spoor::Handle& a = Spoor::handle("Star.A");
-   Spoor::levelIs("Star.A", 8);
-   EXPECT_TRUE(Spoor::configure("*/2,Star.B/7"));
-   EXPECT_EQ(a.level(), 2);  // "*" overrides what was set before it
-   EXPECT_EQ(Spoor::handle("Star.B").level(), 7);
-   EXPECT_EQ(Spoor::handle("Star.New").level(), 2);  // and applies to modules created later
-   EXPECT_TRUE(Spoor::configure("Star.A/6,*/1"));
-   EXPECT_EQ(a.level(), 1);
-   Spoor::levelIs("*", -1);
-   EXPECT_EQ(a.level(), -1);
-   EXPECT_EQ(Spoor::handle("Star.Newer").level(), -1);
-}
-
-TEST(SpoorLevels, LevelIsOnUpToTheThresholdAndMinusOneTurnsTheModuleOff) {
-   Spoor::Handle& h = Spoor::handle("Lvl");
-   Spoor::levelIs("Lvl", 5);
-   for (int level = 0; level <= Spoor::kMaxLevel; ++level) EXPECT_EQ(h.enabled(level), level <= 5);
-   EXPECT_FALSE(Spoor::handle("Lvl.Other").enabled(0));  // per module
-   h.levelIs(-1);
-   EXPECT_FALSE(h.enabled(0));
-   h.levelIs(0);
-   EXPECT_TRUE(h.enabled(0));
-   EXPECT_FALSE(h.enabled(1));
-}
-
+// A line is formatted only when its level is on; a line that is off does not even evaluate its
+// arguments.
 TEST(SpoorCapture, RecordsModuleLevelAndTextOfEnabledLinesOnly) {
    Spoor::Handle& h = Spoor::handle("Cap.Mod");
    Spoor::Handle& other = Spoor::handle("Cap.Other");
@@ -103,27 +88,29 @@ TEST(SpoorCapture, RecordsModuleLevelAndTextOfEnabledLinesOnly) {
    Spoor::configure("Cap.Later/6");  // configured, no handle yet
    {
       Spoor::Capture cap(4);
-      SPOOR_TRACE(h, 4, "quiesced {} type:{}", "/var/shmem/x", 7);
-      SPOOR_TRACE(h, 5, "too detailed {}", 1);
+      int formats = 0, evaluated = 0;
+      SPOOR_TRACE(h, 4, "quiesced {} type:{} {}", "/var/shmem/x", 7, Counted{&formats});
+      SPOOR_TRACE(h, 5, "too detailed {} {}", Counted{&formats}, ++evaluated);
       SPOOR_TRACE(other, 0, "other module");
+      EXPECT_EQ(formats, 1);
+      EXPECT_EQ(evaluated, 0);
       auto records = cap.records();
       ASSERT_EQ(records.size(), 2u);
       EXPECT_EQ(records[0].module, "Cap.Mod");
       EXPECT_EQ(records[0].level, 4);
-      EXPECT_EQ(records[0].text, "quiesced /var/shmem/x type:7");
+      EXPECT_EQ(records[0].text, "quiesced /var/shmem/x type:7 counted");
       EXPECT_EQ(records[1].module, "Cap.Other");
       EXPECT_EQ(records[1].level, 0);
       EXPECT_EQ(cap.count("Cap.Mod", "quiesced"), 1u);
       EXPECT_EQ(cap.count("Cap.Other", "quiesced"), 0u);
       EXPECT_EQ(cap.count("", "module"), 1u);
-      EXPECT_TRUE(cap.contains("type:7"));
-      EXPECT_FALSE(cap.contains("too detailed"));
       cap.clear();
       EXPECT_TRUE(cap.records().empty());
    }
    // The levels from before the capture are back, also for a module that had no handle yet.
    EXPECT_EQ(h.level(), 2);
    EXPECT_EQ(other.level(), -1);
+   EXPECT_FALSE(other.enabled(0));  // -1 turns the module off
    EXPECT_EQ(Spoor::handle("Cap.Later").level(), 6);
    {
       Spoor::Capture nested(9);
@@ -183,32 +170,12 @@ TEST(SpoorSink, FileSinkAppendsOneLinePerRecord) {
    EXPECT_EQ(Spoor::fileSink(dir.path() + "/no/such/dir/trace.log"), nullptr);
 }
 
-TEST(SpoorTrace, TextIsFormattedOnlyWhenTheLevelIsOn) {
-   Spoor::Handle& h = Spoor::handle("Fmt.Mod");
-   Spoor::levelIs("Fmt.Mod", 3);
-   Spoor::Capture cap(-1);  // every module off, lines recorded when a level is switched on
-   int formats = 0, evaluated = 0;
-   SPOOR_TRACE(h, 0, "{} {}", Counted{&formats}, ++evaluated);
-   EXPECT_EQ(formats, 0);
-   EXPECT_EQ(evaluated, 0);  // not even the arguments are evaluated
-   EXPECT_TRUE(cap.records().empty());
-   h.levelIs(3);
-   SPOOR_TRACE(h, 4, "{} {}", Counted{&formats}, ++evaluated);
-   EXPECT_EQ(formats, 0);
-   SPOOR_TRACE(h, 3, "{} {}", Counted{&formats}, ++evaluated);
-   EXPECT_EQ(formats, 1);
-   EXPECT_EQ(evaluated, 1);
-   EXPECT_EQ(cap.count("Fmt.Mod", "counted 1"), 1u);
-}
-
 // The environment variable is read once, when the registry is first used, so it is checked in
 // a fresh process: this test runs itself again with SPOOR_TRACE set.
 TEST(SpoorEnvironment, ThresholdsComeFromTheEnvironmentVariable) {
    if (std::getenv("SPOOR_TEST_CHILD")) {
       EXPECT_EQ(Spoor::handle("Env.A").level(), 4);
       EXPECT_EQ(Spoor::handle("Env.B").level(), 1);  // from "*"
-      EXPECT_TRUE(Spoor::handle("Env.A").enabled(4));
-      EXPECT_FALSE(Spoor::handle("Env.A").enabled(5));
       return;
    }
    pid_t child = Testing::forkChild([] {

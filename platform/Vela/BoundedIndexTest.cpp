@@ -82,9 +82,6 @@ TYPED_TEST(BoundedIndexTest, OrdersByValueAndPrintsDecimal) {
    EXPECT_EQ(Testing::streamed(I::max()), std::to_string(I::max().value()));
 }
 
-static_assert(Vela::maxU8() == 255u && Vela::maxU16() == 65535u);
-static_assert(Vela::maxU32() == 4294967295u && Vela::maxU64() == 18446744073709551615ull);
-static_assert(std::is_same_v<Vela::Id64, uint64_t>);
 static_assert(Vela::BoundedIndexType<ViaIndex> && !Vela::BoundedIndexType<uint16_t>);
 
 }  // namespace

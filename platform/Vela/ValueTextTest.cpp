@@ -21,24 +21,34 @@ constexpr const char* kTunnelId = "Tunnel::TunnelTable::TunnelId";
 
 using Testing::errorText;
 
-TEST(ValueText, BuilderWritesFieldsInCallOrder) {
-   EXPECT_EQ(ValueTextBuilder(kTunnelId).field("value", "123").str(),
-             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 123})");
-   ValueTextBuilder b("Tunnel::TunnelRedist::TunnelInfo");
-   b.field("tunnelId", ValueTextBuilder(kTunnelId).field("value", "7").str());
-   b.field("igpMetric", Vela::renderUnsigned(4294967295u));
-   EXPECT_EQ(b.str(),
-             "Value('Tunnel::TunnelRedist::TunnelInfo', ** {'tunnelId': "
-             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 7}), 'igpMetric': 4294967295})");
+TEST(ValueText, BuilderWritesFieldsInCallOrderAndItsTextParsesBack) {
    EXPECT_EQ(ValueTextBuilder("T").str(), "Value('T', ** {})");
+   ValueTextBuilder b("Tunnel::TunnelFib::GreEncap");
+   b.field("id", ValueTextBuilder(kTunnelId).field("value", "7").str())
+       .field("name", Vela::renderString("gre'1\\"))
+       .field("up", Vela::renderBool(false))
+       .field("bw", Vela::renderFloat(12.75f))
+       .field("ids", Vela::renderArray(std::vector<String>{"1", "2"}))
+       .field("metric", Vela::renderUnsigned(4294967295u));
+   const String text = b.str();
+   EXPECT_EQ(
+       text,
+       "Value('Tunnel::TunnelFib::GreEncap', ** {'id': Value('Tunnel::TunnelTable::TunnelId', "
+       "** {'value': 7}), 'name': 'gre\\'1\\\\', 'up': False, 'bw': 12.75, 'ids': [1, 2], "
+       "'metric': 4294967295})");
+   ValueTextParser p(text.begin(), text.end(), "Tunnel::TunnelFib::GreEncap");
+   EXPECT_EQ(p.field("id"), "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 7})");
+   EXPECT_EQ(p.readString("name"), "gre'1\\");
+   EXPECT_FALSE(p.readBool("up"));
+   EXPECT_EQ(p.readFloat("bw"), 12.75f);
+   EXPECT_EQ(p.field("ids"), "[1, 2]");
+   EXPECT_EQ(p.readUnsigned<uint32_t>("metric"), 4294967295u);
 }
 
 TEST(ValueText, RendersScalarsAndArrays) {
    EXPECT_EQ(Vela::renderUnsigned(0), "0");
    EXPECT_EQ(Vela::renderUnsigned(18446744073709551615ull), "18446744073709551615");
    EXPECT_EQ(Vela::renderBool(true), "True");
-   EXPECT_EQ(Vela::renderBool(false), "False");
-   EXPECT_EQ(Vela::renderString("it's a\\b"), "'it\\'s a\\\\b'");
    EXPECT_EQ(Vela::renderFloat(0.1f), "0.1");
    EXPECT_EQ(Vela::renderFloat(1.0f), "1.0");
    EXPECT_EQ(Vela::renderFloat(-0.0), "-0.0");
@@ -50,13 +60,8 @@ TEST(ValueText, RendersScalarsAndArrays) {
 }
 
 TEST(ValueText, FloatsReadBackBitExact) {
-   const float fs[] = {0.1f,
-                       1.0f / 3,
-                       1e-45f,
-                       std::numeric_limits<float>::max(),
-                       1e20f,
-                       100.0f,
-                       std::numeric_limits<float>::infinity()};
+   using F = std::numeric_limits<float>;
+   const float fs[] = {0.1f, 1.0f / 3, 1e-45f, F::max(), 1e20f, 100.0f, F::infinity()};
    for (float f : fs) {
       EXPECT_EQ(Vela::parseFloat(Vela::renderFloat(f)), f) << Vela::renderFloat(f);
    }
@@ -94,22 +99,6 @@ TEST(ValueText, ParserFindsFieldsSkippingNestedValuesArraysAndStrings) {
    EXPECT_FALSE(empty.has("x"));
 }
 
-TEST(ValueText, BuilderOutputParsesBack) {
-   ValueTextBuilder b("Tunnel::TunnelFib::GreEncap");
-   b.field("name", Vela::renderString("gre'1\\"))
-       .field("up", Vela::renderBool(false))
-       .field("bw", Vela::renderFloat(12.75f))
-       .field("ids", Vela::renderArray(std::vector<String>{"1", "2"}))
-       .field("metric", Vela::renderUnsigned(65535));
-   const String text = b.str();
-   ValueTextParser p(text.begin(), text.end(), "Tunnel::TunnelFib::GreEncap");
-   EXPECT_EQ(p.readString("name"), "gre'1\\");
-   EXPECT_FALSE(p.readBool("up"));
-   EXPECT_EQ(p.readFloat("bw"), 12.75f);
-   EXPECT_EQ(p.field("ids"), "[1, 2]");
-   EXPECT_EQ(p.readUnsigned<uint16_t>("metric"), 65535u);
-}
-
 TEST(ValueText, ErrorsNameTheAttributeBeingRead) {
    const auto err = [](std::string_view text, std::string_view type, auto read) {
       return errorText<ParseException>([&] { read(ValueTextParser(text, type)); });
@@ -141,19 +130,23 @@ TEST(ValueText, ErrorsNameTheAttributeBeingRead) {
       EXPECT_EQ(err(text, "T", readValue),
                 std::string("cannot read attribute 'value' of T: ") + error);
    }
-   EXPECT_EQ(err("Value('T', ** {'value': 70000})", "T",
-                 [](const ValueTextParser& p) { p.readUnsigned<uint16_t>("value"); }),
-             "cannot read attribute 'value' of T: expected a 16-bit unsigned number, got "
-             "\"70000\"");
-   EXPECT_EQ(
-       err("Value('T', ** {'up': true})", "T", [](const ValueTextParser& p) { p.readBool("up"); }),
-       "cannot read attribute 'up' of T: expected True or False, got \"true\"");
-   EXPECT_EQ(err("Value('T', ** {'s': 'a'b'c'})", "T",
-                 [](const ValueTextParser& p) { p.readString("s"); }),
-             "cannot read attribute 's' of T: expected a quoted string, got \"'a'b'c'\"");
-   EXPECT_EQ(
-       err("Value('T', ** {'f': 1.5x})", "T", [](const ValueTextParser& p) { p.readFloat("f"); }),
-       "cannot read attribute 'f' of T: expected a floating point number, got \"1.5x\"");
+   // Each reader names its attribute and what it expected.
+   const struct {
+      const char* text;
+      void (*read)(const ValueTextParser&);
+      const char* error;
+   } readers[] = {
+       {"Value('T', ** {'v': 70000})",
+        [](const ValueTextParser& p) { p.readUnsigned<uint16_t>("v"); },
+        "cannot read attribute 'v' of T: expected a 16-bit unsigned number, got \"70000\""},
+       {"Value('T', ** {'up': true})", [](const ValueTextParser& p) { p.readBool("up"); },
+        "cannot read attribute 'up' of T: expected True or False, got \"true\""},
+       {"Value('T', ** {'s': 'a'b'c'})", [](const ValueTextParser& p) { p.readString("s"); },
+        "cannot read attribute 's' of T: expected a quoted string, got \"'a'b'c'\""},
+       {"Value('T', ** {'f': 1.5x})", [](const ValueTextParser& p) { p.readFloat("f"); },
+        "cannot read attribute 'f' of T: expected a floating point number, got \"1.5x\""},
+   };
+   for (const auto& r : readers) EXPECT_EQ(err(r.text, "T", r.read), r.error) << r.text;
 }
 
 struct ViaTag {

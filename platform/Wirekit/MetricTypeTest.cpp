@@ -11,18 +11,16 @@ using Wirekit::MetricType;
 
 namespace {
 
-TEST(MetricType, DefaultIsIgpMetricOfValueOne) {
-   EXPECT_EQ(static_cast<uint32_t>(Wirekit::kDefaultMetricType), 1u);
-   EXPECT_EQ(Wirekit::kDefaultMetricType, MetricType::igpMetric);
-   EXPECT_EQ(Wirekit::valueToStrep(MetricType::igpMetric), "igpMetric");
-   EXPECT_EQ(Testing::streamed(MetricType::medMetric), "medMetric");
-}
-
 TEST(MetricType, NamesValuesAndBytesRoundTrip) {
+   const char* names[] = {"unknownMetric",  "igpMetric",  "teMetric",
+                          "minDelayMetric", "aigpMetric", "medMetric"};
+   static_assert(std::size(names) == Wirekit::kMaxMetricTypeValue + 1);
    for (uint32_t v = 0; v <= Wirekit::kMaxMetricTypeValue; ++v) {
       const MetricType t = Wirekit::metricTypeFromValue(v);
       EXPECT_EQ(static_cast<uint32_t>(t), v);
-      EXPECT_EQ(Wirekit::metricTypeFromString(Wirekit::valueToStrep(t)), t);
+      EXPECT_EQ(Wirekit::valueToStrep(t), names[v]);
+      EXPECT_EQ(Testing::streamed(t), names[v]);
+      EXPECT_EQ(Wirekit::metricTypeFromString(names[v]), t);
       std::array<uint8_t, 4> b;
       Wirekit::serializeMetricType(t, b.data());
       EXPECT_EQ(b, (std::array<uint8_t, 4>{static_cast<uint8_t>(v), 0, 0, 0}));

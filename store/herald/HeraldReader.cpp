@@ -7,6 +7,7 @@
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
 #include "Vela/Exception.h"
+#include "store/format/SeqRead.h"
 #include "store/herald/Herald.h"
 
 namespace Dock {
@@ -90,15 +91,14 @@ bool HeraldReader::entryAt(uint64_t position, Entry& out) const {
    const uint32_t index = uint32_t(position & mask_);
    const Notification& n = tables_[index / half_].at(index % half_);
    const uint64_t expected = seqOf(position);
-   // Sequence lock per entry. The field loads are acquire: a field stored after the busy mark
-   // (release) makes the mark visible to the second load of seq, which then fails the check.
-   const uint64_t first = n.seq.load(std::memory_order_acquire);
-   out.slot = n.slot.load(std::memory_order_acquire);
-   out.kind = n.kind.load(std::memory_order_acquire);
-   const uint64_t second = n.seq.load(std::memory_order_relaxed);
+   // The entry's seq is its version word (format/SeqRead.h): a field the writer stored (release)
+   // after its busy mark makes the mark visible to the re-check, which then fails.
+   const SeqRead<uint64_t> read(n.seq);
+   out.slot = read.load(n.slot);
+   out.kind = read.load(n.kind);
    out.position = position;
-   out.seq = first;
-   return first == expected && second == expected;
+   out.seq = read.begin();
+   return read.begin() == expected && read.unchanged();
 }
 
 HeraldReader::Next HeraldReader::next(Entry& out) {

@@ -2,7 +2,7 @@
 //
 // The ring (see Herald.h) is seen as two notification tables, its lower and upper halves; the
 // reader works in the current one and "herald swapped" is traced when its position crosses into
-// the other. An entry is read under its own sequence lock (load seq acquire, load slot and kind,
+// the other. An entry is read under its seq word as a SeqRead (load seq, load slot and kind,
 // acquire fence, load seq again) and is valid only when both loads give seqBase + position.
 //
 // Lapping: the ring is finite. When the writer is more than a capacity ahead of the reader, or

@@ -68,8 +68,8 @@ class HeraldWriter {
       const uint64_t pos = pos_;
       Notification& n = ring_[pos & mask_];
       // Sequence lock per entry: mark busy, fill, publish. The fields are stored with release so
-      // that a reader whose (acquire) load sees a new field also sees the busy mark stored before
-      // it, and its re-check of seq then fails (no fences: ThreadSanitizer models these).
+      // that a reader whose copy sees a new field also sees, after the acquire fence of its
+      // re-check (SeqRead::unchanged), the busy mark stored before it, and discards the copy.
       n.seq.store(kHeraldSeqBusy, std::memory_order_relaxed);
       n.slot.store(slot, std::memory_order_release);
       n.kind.store(kind, std::memory_order_release);

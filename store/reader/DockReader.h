@@ -28,12 +28,12 @@
 #include "Region/MappedFile.h"
 #include "Region/RelumeFile.h"
 #include "Spoor/Trace.h"
+#include "store/format/SlotTable.h"
 #include "store/reader/BucketReader.h"
 #include "store/reader/IterHint.h"
-#include "store/slab/ReaderAllocator.h"
 #include "store/reader/ReaderHashMap.h"
 #include "store/reader/SlotCopy.h"
-#include "store/format/SlotTable.h"
+#include "store/slab/ReaderAllocator.h"
 
 namespace Dock {
 
@@ -129,11 +129,8 @@ class DockReader {
       detach();
       return false;
    }
-   SafeHeader<SlotTableHeader> headerCopy() const {
-      return safeHeaderCopy(
-          header_,
-          [](const SlotTableHeader& h) { return h.sizeWord.load(std::memory_order_acquire); },
-          [this] { return slotsFile_->size(); });
+   SafeHeader<SlotTableHeader, uint64_t> headerCopy() const {
+      return safeHeaderCopy(header_, header_->sizeWord, [this] { return slotsFile_->size(); });
    }
    void mapSlots() {
       header_ = reinterpret_cast<const SlotTableHeader*>(slotsFile_->data());

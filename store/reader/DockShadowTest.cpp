@@ -1,20 +1,31 @@
-// The key-shadowing reader against the real writer: synchronization, per-key callbacks, lapping,
-// writer restart, shrink moves, validation against the queue, and readers in forked processes
-// woken without polling.
+// The readers against the real writer. The key-shadowing reader: synchronization, per-key
+// callbacks, lapping, writer restart and re-format, shrink moves, validation against the queue,
+// readers in forked processes woken without polling, a reader thread. Its index: sorted
+// split-ordered chains, growth by splitting, update-in-place. The plain reader: lookups through the
+// writer's shared chains, iteration with hints, values by slot, attach steps and their texts, and
+// the chain anomalies it refuses to loop on.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <map>
+#include <random>
 #include <set>
 #include <thread>
 
+#include "Loom/CorruptionException.h"
 #include "Loom/EventLoop.h"
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
-#include "store/reader/DockShadow.h"
-#include "store/writer/DockWriter.h"
+#include "Vela/Exception.h"
 #include "store/StoreTestSupport.h"
+#include "store/reader/DockReader.h"
+#include "store/reader/DockShadow.h"
+#include "store/reader/ShadowHashMap.h"
+#include "store/writer/DockWriter.h"
+#include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
 namespace Dock {
@@ -27,6 +38,7 @@ using DockTest::Value;
 using Writer = DockWriter<uint64_t, Value, KeyOf>;
 using Shadow = DockShadow<uint64_t, Value, KeyOf>;
 using KeyShadow = DockShadow<uint64_t, Value, KeyOf, KeyShadowSlot>;
+using Reader = DockReader<uint64_t, Value, KeyOf>;
 
 DockConfig config(uint32_t heraldCapacity = 1024) {
    return DockTest::tableConfig(16, 1u << 14, heraldCapacity);
@@ -40,6 +52,12 @@ struct Seen {
    int wholeTable = 0;
    int syncComplete = 0;
    std::vector<bool> quiesced;
+
+   std::vector<uint64_t> removedSorted() const {
+      std::vector<uint64_t> out = removed;
+      std::sort(out.begin(), out.end());
+      return out;
+   }
 
    template <class S>
    void attach(S& shadow) {
@@ -91,7 +109,28 @@ class DockShadowTest : public ::testing::Test {
    Seen seen;
 };
 
-TEST_F(DockShadowTest, EmptyTableReachesSyncCompleteAtOnceAndReportsQuiesced) {
+TEST_F(DockShadowTest, AttachFailureNamesFileAndReasonAndAnEmptyTableSyncsAtOnce) {
+   Shadow missing("missing", root.path() + "/nothing", loop);
+   EXPECT_FALSE(missing.initialize());
+   EXPECT_EQ(missing.attachError(),
+             fmt::format("missing::attach() cannot attach to shmem {}/nothing/slots "
+                         "size:0: no relume",
+                         root.path()));
+   auto b = writer("bad", 0);
+   {
+      Region::MappedFile f = Region::MappedFile::openReadWrite(b->directory() + "/slots");
+      f.data()[20] ^= 0xFF;  // the slot table header's checksummed type name
+   }
+   Shadow bad("bad", b->directory(), loop);
+   EXPECT_FALSE(bad.initialize());
+   EXPECT_EQ(bad.attachError().rfind(fmt::format("bad::attach() cannot attach to shmem {}/slots "
+                                                 "size:{}: checksum fail: ",
+                                                 b->directory(), SlotTable::fileSizeFor(16)),
+                                     0),
+             0u)
+       << bad.attachError();
+   EXPECT_EQ(bad.state(), ReaderState::kDetached);
+   // An empty table: sync complete at once, and quiesced.
    auto w = writer("empty", 0);
    Shadow r("empty", w->directory(), loop);
    seen.attach(r);
@@ -123,7 +162,6 @@ TEST_F(DockShadowTest, ReportsEachKeyAddedChangedAndRemoved) {
    for (uint64_t k = 1; k <= 50; ++k) w->write(Value(k, 1, uint32_t(k % 7 + 1)));
    w->flush();
    auto r = follow(w->directory());
-   EXPECT_EQ(seen.values.size(), 50u);
    EXPECT_EQ(seen.values, contents(*w));
    EXPECT_EQ(r->members(), 50u);
    seen.added.clear();
@@ -212,60 +250,53 @@ TEST_F(DockShadowTest, ReaderResynchronizesAfterBeingLapped) {
    EXPECT_EQ(seen.wholeTable, 1);
    EXPECT_EQ(cap.count("DockShadow", "lapped at position:"), 1u);
    EXPECT_EQ(seen.values, contents(*w));
-   std::set<uint64_t> removed(seen.removed.begin(), seen.removed.end());
-   EXPECT_EQ(removed, (std::set<uint64_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+   EXPECT_EQ(seen.removedSorted(), (std::vector<uint64_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
    EXPECT_EQ(r->members(), 50u);
    EXPECT_EQ(seen.syncComplete, 1);  // once per reader, not per resynchronization
 }
 
-TEST_F(DockShadowTest, ReaderFollowsWriterRestartWithoutLosingKeys) {
+// A restarted writer keeps the table. A re-formatted one chooses a new hash seed: keys rewritten
+// into the slot they had are kept across the re-attach and must be found under the new seed; a
+// key that lands in another slot is moved, not removed; every key not written again is reported
+// removed, once.
+TEST_F(DockShadowTest, ReaderFollowsWriterRestartAndReformat) {
    auto w = writer("restart", 40, 2);
    auto r = follow(w->directory());
-   const uint32_t firstRelume = w->relumeId();
+   const uint32_t firstRelume = w->relumeId(), firstSeed = w->table().header()->hashSeed;
+   const std::string dir = w->directory();
    w.reset();
-   Writer again(config());
-   again.initialize("t/restart");
-   ASSERT_NE(again.relumeId(), firstRelume);
-   again.remove(5);
-   again.write(Value(41, 1, 1));
-   again.flush();
-   ASSERT_TRUE(followed(*r, again));
+   w = writer("restart", 0);
+   ASSERT_NE(w->relumeId(), firstRelume);
+   w->remove(5);
+   w->write(Value(41, 1, 2));
+   w->flush();
+   ASSERT_TRUE(followed(*r, *w));
    EXPECT_GE(r->readerCounters().reattaches, 1u);
-   EXPECT_EQ(seen.values, contents(again));
+   EXPECT_EQ(seen.values, contents(*w));
    EXPECT_EQ(seen.removed, std::vector<uint64_t>{5});  // only the key really removed
    EXPECT_GE(seen.wholeTable, 1);
-}
 
-// A re-formatted table chooses a new hash seed. Keys rewritten into the slot they had are kept
-// across the re-attach and must be found under the new seed; a key that lands in another slot is
-// moved, not removed; every key not written again is reported removed, once.
-TEST_F(DockShadowTest, ReaderFollowsAReformattedTable) {
-   auto w = writer("reformat", 30);
-   auto r = follow(w->directory());
-   const uint32_t firstSeed = w->table().header()->hashSeed;
-   const std::string dir = w->directory();
    w.reset();
    {
       Region::MappedFile f = Region::MappedFile::openReadWrite(dir + "/slots");
       f.data()[20] ^= 0xFF;  // the checksummed type name: the next writer must re-format
    }
-   Writer again(config());
-   again.initialize("t/reformat");
-   ASSERT_EQ(again.mountStatus(), MountStatus::kReformatted);
-   ASSERT_NE(again.table().header()->hashSeed, firstSeed);
+   w = writer("restart", 0);
+   ASSERT_EQ(w->mountStatus(), MountStatus::kReformatted);
+   ASSERT_NE(w->table().header()->hashSeed, firstSeed);
+   seen.removed.clear();
    // Keys 1..3 take slots 0..2 again; key 20 moves from slot 19 to 3; key 99 is new.
-   for (uint64_t k : {1, 2, 3, 20, 99}) again.write(Value(k, k == 20 ? 2 : 1, 1));
-   again.flush();
-   ASSERT_TRUE(followed(*r, again));
-   EXPECT_EQ(seen.values, contents(again));
-   std::set<uint64_t> gone;
-   for (uint64_t k = 4; k <= 30; ++k) {
-      if (k != 20) gone.insert(k);
+   for (uint64_t k : {1, 2, 3, 20, 99}) w->write(Value(k, k == 20 ? 2 : 1, 2));
+   w->flush();
+   ASSERT_TRUE(followed(*r, *w));
+   EXPECT_EQ(seen.values, contents(*w));
+   std::vector<uint64_t> gone;
+   for (uint64_t k = 4; k <= 41; ++k) {
+      if (k != 5 && k != 20) gone.push_back(k);
    }
-   EXPECT_EQ(std::set<uint64_t>(seen.removed.begin(), seen.removed.end()), gone);
-   EXPECT_EQ(seen.removed.size(), gone.size());
+   EXPECT_EQ(seen.removedSorted(), gone);
    EXPECT_EQ(r->members(), 5u);
-   for (uint64_t k : {1, 2, 3, 20, 99}) EXPECT_EQ(r->lookup(k), *again.lookup(k)) << k;
+   for (uint64_t k : {1, 2, 3, 20, 99}) EXPECT_EQ(r->lookup(k), *w->lookup(k)) << k;
 }
 
 // A resynchronization takes a key out of the shadow before it knows whether the key is gone or
@@ -299,8 +330,7 @@ TEST_F(DockShadowTest, RemovalsFoundByAnInterruptedResyncAreReportedAfterTheNext
    ASSERT_TRUE(followed(*r, *w));
    EXPECT_GE(r->readerCounters().reattaches, 2u);
    EXPECT_EQ(seen.values, contents(*w));
-   EXPECT_EQ(std::set<uint64_t>(seen.removed.begin(), seen.removed.end()), gone);
-   EXPECT_EQ(seen.removed.size(), gone.size());
+   EXPECT_EQ(seen.removedSorted(), std::vector<uint64_t>(gone.begin(), gone.end()));
 }
 
 TEST_F(DockShadowTest, ShrinkMovesKeysWithoutReportingThemRemoved) {
@@ -319,29 +349,6 @@ TEST_F(DockShadowTest, ShrinkMovesKeysWithoutReportingThemRemoved) {
    EXPECT_EQ(seen.values, contents(*w));
    EXPECT_EQ(r->members(), 10u);
    for (uint64_t k = 291; k <= 300; ++k) EXPECT_EQ(r->lookup(k), Value(k, 1, 1));
-}
-
-TEST_F(DockShadowTest, AttachFailureNamesFileSizeAndReason) {
-   Shadow r("missing", root.path() + "/nothing", loop);
-   EXPECT_FALSE(r.initialize());
-   EXPECT_EQ(r.attachError(),
-             fmt::format("missing::attach() cannot attach to shmem {}/nothing/slots "
-                         "size:0: no relume",
-                         root.path()));
-   auto w = writer("bad", 0);
-   {
-      Region::MappedFile f = Region::MappedFile::openReadWrite(w->directory() + "/slots");
-      f.data()[20] ^= 0xFF;  // the slot table header's checksummed type name
-   }
-   Shadow bad("bad", w->directory(), loop);
-   EXPECT_FALSE(bad.initialize());
-   EXPECT_EQ(bad.attachError().rfind(fmt::format("bad::attach() cannot attach to shmem {}/slots "
-                                                 "size:{}: checksum fail: ",
-                                                 w->directory(), SlotTable::fileSizeFor(16)),
-                                     0),
-             0u)
-       << bad.attachError();
-   EXPECT_EQ(bad.state(), ReaderState::kDetached);
 }
 
 TEST_F(DockShadowTest, ValidationAgainstTheQueueFindsAForeignNotification) {
@@ -439,6 +446,282 @@ TEST_F(DockShadowTest, ReaderThreadFollowsWriterThread) {
    done.store(true);
    reader.join();
    EXPECT_EQ(seenValues, final);
+}
+
+std::vector<const ShadowRecord*> chain(const ShadowHashMap& m, uint32_t bucket) {
+   std::vector<const ShadowRecord*> out;
+   for (const ShadowRecord* r = m.bucketHead(bucket); r; r = r->next) out.push_back(r);
+   return out;
+}
+
+TEST(ShadowHashMap, ReverseBitsMirrorsTheWord) {
+   EXPECT_EQ(reverseHash(1u), 0x80000000u);
+   EXPECT_EQ(reverseHash(0x80000000u), 1u);
+   EXPECT_EQ(reverseHash(0x0000000Fu), 0xF0000000u);
+   EXPECT_EQ(reverseHash(0x12345678u), 0x1E6A2C48u);
+}
+
+TEST(ShadowHashMap, GrowingFromOneToTwoBucketsMovesExactlyTheTopBitEntriesInOrder) {
+   // maxBits 0 first: the map cannot grow, so all records stay in bucket 0, sorted.
+   ShadowHashMap m("grow", 0);
+   std::deque<ShadowRecord> recs(6);
+   const uint32_t hashes[] = {0xF0000000u, 0x10000000u, 0x80000001u,
+                              0x7FFFFFFFu, 0x80000000u, 0x00000001u};
+   for (uint32_t i = 0; i < 6; ++i) {
+      recs[i].hash = hashes[i];
+      recs[i].secondary = i;
+      m.write(i, recs[i]);
+   }
+   const auto before = chain(m, 0);
+   ASSERT_EQ(before.size(), 6u);
+   for (size_t i = 1; i < before.size(); ++i) EXPECT_LT(before[i - 1]->hash, before[i]->hash);
+
+   ShadowHashMap big("grow2", 1);
+   std::deque<ShadowRecord> recs2(6);
+   for (uint32_t i = 0; i < 6; ++i) recs2[i] = ShadowRecord{.hash = hashes[i], .secondary = i};
+   // Three records fit one bucket (3 > 1 << 1 triggers growth at the third).
+   Spoor::Capture cap;
+   big.write(0, recs2[0]);
+   big.write(1, recs2[1]);
+   EXPECT_EQ(big.buckets(), 1u);
+   big.write(2, recs2[2]);
+   ASSERT_EQ(big.buckets(), 2u);
+   EXPECT_EQ(cap.count("ShadowHashMap", "grow2 buckets growing from:1 to:2"), 1u);
+   EXPECT_EQ(cap.count("ShadowHashMap", "grow2 splitting bucket 0 to buckets 0 and 1"), 1u);
+   std::vector<uint32_t> low, high;
+   for (auto* r : chain(big, 0)) low.push_back(r->hash);
+   for (auto* r : chain(big, 1)) high.push_back(r->hash);
+   EXPECT_EQ(low, (std::vector<uint32_t>{0x10000000u}));
+   EXPECT_EQ(high, (std::vector<uint32_t>{0x80000001u, 0xF0000000u}));
+   // Back links are consistent after the split.
+   for (uint32_t b = 0; b < 2; ++b) {
+      ShadowRecord* const* link = nullptr;
+      for (const ShadowRecord* r = big.bucketHead(b); r; r = r->next) {
+         if (!link) {
+            EXPECT_EQ(*r->prevLink, r);
+         } else {
+            EXPECT_EQ(r->prevLink, link);
+         }
+         link = &r->next;
+      }
+   }
+}
+
+TEST(ShadowHashMap, SplitKeepsOrderAcrossManyGrowths) {
+   ShadowHashMap m("many");
+   std::deque<ShadowRecord> recs(5000);
+   std::mt19937 rng(7);
+   for (uint32_t i = 0; i < recs.size(); ++i) {
+      recs[i].hash = rng();
+      recs[i].secondary = rng();
+      m.write(i, recs[i]);
+   }
+   EXPECT_EQ(m.size(), 5000u);
+   EXPECT_GE(uint64_t(m.buckets()) << ShadowHashMap::kLoadShift, 5000u);
+   uint64_t seen = 0;
+   for (uint32_t b = 0; b < m.buckets(); ++b) {
+      const ShadowRecord* prev = nullptr;
+      for (const ShadowRecord* r = m.bucketHead(b); r; r = r->next) {
+         EXPECT_EQ(m.bucketOf(r->hash), b);
+         if (prev) {
+            EXPECT_TRUE(prev->hash < r->hash ||
+                        (prev->hash == r->hash && prev->secondary < r->secondary));
+         }
+         prev = r;
+         ++seen;
+      }
+   }
+   EXPECT_EQ(seen, 5000u);
+   for (auto& r : recs) EXPECT_EQ(m.find(r.hash, r.secondary), &r);
+   for (uint32_t i = 0; i < recs.size(); i += 2) m.remove(recs[i]);
+   EXPECT_EQ(m.size(), 2500u);
+   for (uint32_t i = 0; i < recs.size(); ++i) {
+      EXPECT_EQ(m.find(recs[i].hash, recs[i].secondary), i % 2 ? &recs[i] : nullptr);
+   }
+}
+
+TEST(ShadowHashMap, SameRecordTwiceNeedsNoUpdateAndSameKeyElsewhereReplaces) {
+   ShadowHashMap m("upd");
+   ShadowRecord a, b, c, other;
+   a.hash = b.hash = 0x40000000u;
+   a.secondary = b.secondary = 42;
+   other.hash = 0x40000000u;
+   other.secondary = 41;
+   c.hash = 0x40000000u;
+   c.secondary = 43;
+   Spoor::Capture cap;
+   EXPECT_EQ(m.write(3, other), ShadowHashMap::WriteResult::inserted);
+   EXPECT_EQ(cap.count("ShadowHashMap", "upd slot:3 bucket:0 value inserted in fresh bucket"), 1u);
+   EXPECT_EQ(m.write(7, a), ShadowHashMap::WriteResult::inserted);
+   EXPECT_EQ(cap.count("ShadowHashMap", "upd slot:7 bucket:0 value inserted"), 1u);
+   EXPECT_EQ(m.write(7, a), ShadowHashMap::WriteResult::unchanged);
+   EXPECT_EQ(cap.count("ShadowHashMap", "upd slot:7 bucket:0 no index update needed"), 1u);
+   m.write(8, c);
+   ShadowRecord* replaced = nullptr;
+   EXPECT_EQ(m.write(9, b, &replaced), ShadowHashMap::WriteResult::updated);
+   EXPECT_EQ(cap.count("ShadowHashMap", "upd slot:9 bucket:0 replaces slot:7 value updated"), 1u);
+   EXPECT_EQ(replaced, &a);
+   EXPECT_FALSE(a.linked());
+   EXPECT_EQ(m.size(), 3u);
+   EXPECT_EQ(m.find(0x40000000u, 42), &b);
+   EXPECT_EQ(chain(m, 0), (std::vector<const ShadowRecord*>{&other, &b, &c}));
+}
+
+TEST(ShadowHashMap, FailedEnlargementNamesMapAndCounts) {
+   ShadowHashMap m("tiny", 2);
+   m.grow();
+   m.grow();
+   EXPECT_EQ(Testing::errorText<Vela::Exception>([&] { m.grow(); }),
+             "failed to resize tiny from 4 to 8 buckets : more than 4 buckets");
+   EXPECT_EQ(m.buckets(), 4u);
+}
+
+TEST(DockReader, LooksUpEveryKeyAndFollowsGrowth) {
+   Testing::TempRoot root;
+   Writer w(DockTest::tableConfig());
+   w.initialize("t/plain");
+   for (uint64_t k = 1; k <= 20; ++k) w.write(Value(k, 1, uint32_t(k % 5 + 1)));
+   Reader r("plain", w.directory());
+   ASSERT_TRUE(r.attach()) << r.lastStatus();
+   EXPECT_EQ(r.lastStatus().rfind(fmt::format("success {} capacity:{} relumeId:{} mtime:",
+                                              w.directory(), w.capacity(), w.relumeId()),
+                                  0),
+             0u)
+       << r.lastStatus();
+   EXPECT_NE(r.lastStatus().find(" event:1"), std::string::npos);
+   for (uint64_t k = 1; k <= 20; ++k) EXPECT_EQ(r.lookup(k), Value(k, 1, uint32_t(k % 5 + 1)));
+   EXPECT_FALSE(r.lookup(21).has_value());
+   // The writer grows slots and buckets; the attached reader follows both.
+   const uint32_t attachedBuckets = r.buckets();
+   Spoor::Capture cap;
+   for (uint64_t k = 21; k <= 2000; ++k) w.write(Value(k, 2, 1));
+   ASSERT_GT(w.buckets(), 16u);
+   for (uint64_t k = 21; k <= 2000; k += 37) EXPECT_EQ(r.lookup(k), Value(k, 2, 1));
+   EXPECT_EQ(r.buckets(), w.buckets());
+   EXPECT_EQ(cap.count("DockReader", fmt::format("found mismatch, local numBuckets:{} header "
+                                                 "numBuckets:{}",
+                                                 attachedBuckets, w.buckets())),
+             1u);
+   EXPECT_EQ(r.capacity(), w.capacity());
+   EXPECT_EQ(r.members(), 2000u);
+   const uint32_t slot = w.slotOf(77);
+   EXPECT_EQ(r.getValue(slot), Value(77, 2, 1));
+   w.remove(77);
+   EXPECT_FALSE(r.getValue(slot).has_value());
+   EXPECT_FALSE(r.lookup(77).has_value());
+}
+
+TEST(DockReader, IterationWithHintsVisitsEveryKeyOnceAndSurvivesChanges) {
+   Testing::TempRoot root;
+   Writer w(DockTest::tableConfig());
+   w.initialize("t/iter");
+   for (uint64_t k = 1; k <= 300; ++k) w.write(Value(k, 1, 1));
+   Reader r("iter", w.directory());
+   ASSERT_TRUE(r.attach());
+   std::set<uint64_t> keys;
+   IterHint hint;
+   Value v;
+   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v)) {
+      EXPECT_TRUE(keys.insert(v.key).second) << v.key;
+   }
+   EXPECT_EQ(keys.size(), 300u);
+   EXPECT_FALSE(hint.valid());
+
+   // Change the hinted slot between steps: the step restarts from the hinted bucket.
+   ASSERT_TRUE(r.first(hint, v));
+   const IterHint saved = hint;
+   w.write(Value(v.key, 2, 2));  // the slot's flags word moves on
+   Spoor::Capture cap;
+   keys.clear();
+   keys.insert(v.key);
+   for (bool ok = r.next(hint, v); ok; ok = r.next(hint, v)) keys.insert(v.key);
+   EXPECT_EQ(keys.size(), 300u);
+   EXPECT_EQ(cap.count("DockReader", fmt::format("iter next bucket {} using ", saved.bucket)), 1u);
+   EXPECT_EQ(cap.count("DockReader", "saving new slot hint"), 1u);
+}
+
+TEST(DockReader, AttachReportsEachMissingPiece) {
+   Testing::TempRoot root;
+   Reader none("none", root.path() + "/absent");
+   EXPECT_FALSE(none.attach());
+   EXPECT_EQ(none.lastStatus(), "no shared memory region");
+   ::mkdir((root.path() + "/empty").c_str(), 0755);
+   Reader empty("empty", root.path() + "/empty");
+   EXPECT_FALSE(empty.attach());
+   EXPECT_EQ(empty.lastStatus(), "cannot attach to shmem size:0");
+
+   Writer w(DockTest::tableConfig());
+   w.initialize("t/steps");
+   const std::string dir = w.directory();
+   {
+      Region::MappedFile b = Region::MappedFile::openReadWrite(dir + "/buckets");
+      b.data()[28] ^= 1;  // the check word
+   }
+   Reader bad("bad", dir);
+   EXPECT_FALSE(bad.attach());
+   EXPECT_EQ(bad.lastStatus(), "failed to validate buckets");
+   {
+      Region::MappedFile b = Region::MappedFile::openReadWrite(dir + "/buckets");
+      b.data()[28] ^= 1;
+      Region::MappedFile s = Region::MappedFile::openReadWrite(dir + "/slots");
+      s.data()[8] = 99;  // version
+   }
+   EXPECT_FALSE(bad.attach());
+   EXPECT_EQ(bad.lastStatus(), "failed to validate slots");
+   ::unlink((dir + "/relume").c_str());
+   EXPECT_FALSE(bad.attach());
+   EXPECT_EQ(bad.lastStatus(), "failed to read relume file");
+   ::unlink((dir + "/buckets").c_str());
+   EXPECT_FALSE(bad.attach());
+   EXPECT_EQ(bad.lastStatus(), "failed to attach to buckets");
+}
+
+TEST(DockReader, ChainAnomaliesAreReportedNotLoopedOn) {
+   Testing::TempRoot root;
+   Writer w(DockTest::tableConfig());
+   w.initialize("t/chains");
+   Region::MappedFile f = Region::MappedFile::openReadWrite(w.directory() + "/slots");
+   const uint32_t seed = reinterpret_cast<const SlotTableHeader*>(f.data())->hashSeed;
+   const uint32_t mask = w.buckets() - 1;
+   // Two keys in one chain (the later one links to the earlier one), whatever the table's seed:
+   // key 1 and the first key hashing to its bucket.
+   uint64_t partner = 2;
+   while ((KeyTraits<uint64_t>::hash(partner, seed) & mask) !=
+          (KeyTraits<uint64_t>::hash(1, seed) & mask)) {
+      ++partner;
+   }
+   w.write(Value(1, 1, 1));
+   w.write(Value(partner, 1, 1));
+   Slot* slots = SlotTable::slots(reinterpret_cast<SlotTableHeader*>(f.data()));
+   uint32_t head = w.slotOf(1), second = slots[head].next.load();
+   if (second == kNone) second = slots[head = w.slotOf(partner)].next.load();
+   ASSERT_NE(second, kNone) << "keys 1 and " << partner << " share a bucket but no chain";
+   // An absent key of the chain's bucket.
+   uint64_t probe = partner + 1;
+   while ((KeyTraits<uint64_t>::hash(probe, seed) & mask) != (slots[head].keyHash.load() & mask)) {
+      ++probe;
+   }
+   Reader r("chains", w.directory());
+   ASSERT_TRUE(r.attach());
+   EXPECT_FALSE(r.lookup(probe).has_value());
+
+   // Each damage to the chain's second slot, undone after its lookup.
+   auto lookupWith = [&](std::atomic<uint32_t>& word, uint32_t value) {
+      const uint32_t saved = word.exchange(value);
+      const std::string text =
+          Testing::errorText<Loom::CorruptionException>([&] { r.lookup(probe); });
+      word.store(saved);
+      return text;
+   };
+   EXPECT_EQ(lookupWith(slots[second].next, head),  // a cycle
+             fmt::format("hash chain cycle detected, slotCount:{} capacity:{}", w.capacity() + 1,
+                         w.capacity()));
+   EXPECT_EQ(lookupWith(slots[second].flags, slots[second].flags.load() & ~kOccupied),
+             fmt::format("slot:{} not marked as occupied key:{}", second, probe));
+   const uint32_t hash = slots[second].keyHash.load();
+   EXPECT_EQ(lookupWith(slots[second].keyHash, hash + 1),
+             fmt::format("corrupt key detected. key:{} bucketIndex {}", probe, hash & mask));
+   EXPECT_FALSE(r.lookup(probe).has_value());
 }
 
 }  // namespace

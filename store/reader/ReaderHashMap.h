@@ -3,7 +3,8 @@
 // A lookup hashes the key with the table's seed, takes bucket keyHash & (numBuckets - 1), and walks
 // the chain from the bucket head through each slot's `next` word, copying every slot consistently
 // (SlotCopy) and the value of a slot whose keyHash matches. The walk is trusted only when the
-// bucket file's sizeWord was even before it and unchanged after it (no rehash ran meanwhile).
+// bucket file's sizeWord was even before it and unchanged after it (no rehash ran meanwhile): the
+// walk runs under a SeqRead of that word (format/SeqRead.h).
 //
 // A writer relinking chains concurrently can lead a walk through a stale link, so an anomaly is
 // re-checked before it is reported: the walk is retried (yielding in between) and only an anomaly
@@ -33,9 +34,9 @@
 
 #include "Loom/CorruptionException.h"
 #include "Spoor/Trace.h"
+#include "store/KeyTraits.h"
 #include "store/reader/BucketReader.h"
 #include "store/reader/IterHint.h"
-#include "store/KeyTraits.h"
 #include "store/reader/SlotCopy.h"
 
 namespace Dock {
@@ -86,7 +87,7 @@ class ReaderHashMap {
       const uint32_t hash = KeyTraits<K>::hash(key, seed_);
       std::string anomaly;
       for (uint32_t attempt = 0;; ++attempt) {
-         const uint64_t version = stableVersion();
+         const SeqRead<uint64_t> guard = stableBuckets();
          const uint32_t bucket = hash & (buckets_.numBuckets() - 1);
          std::optional<uint32_t> found;
          const bool clean = walk(
@@ -99,7 +100,7 @@ class ReaderHashMap {
                 return true;
              },
              keyText(key), anomaly);
-         if (buckets_.sizeWord() != version) continue;  // a rehash ran: walk again
+         if (!guard.unchanged()) continue;  // a rehash ran: walk again
          if (clean) return found;
          if (attempt + 1 >= kCorruptRetries) throw Loom::CorruptionException(anomaly);
          std::this_thread::yield();
@@ -143,12 +144,17 @@ class ReaderHashMap {
   private:
    static Spoor::Handle& trace() { return Spoor::handle("DockReader"); }
 
-   uint64_t stableVersion() {
+   // A walk's guard: a SeqRead of the bucket file's sizeWord begun while no rehash runs (an even
+   // resize counter), with the bucket count followed first (following may re-map the file, so
+   // the guard is taken on the new mapping and must see the same word). The writer brackets a
+   // rehash with two counter increments, fencing after the first (BucketWriter).
+   SeqRead<uint64_t> stableBuckets() {
       for (uint32_t tries = 1;; ++tries) {
-         const uint64_t v = buckets_.sizeWord();
-         if ((sizeWordCounter(v) & 1) == 0) {
-            buckets_.follow(sizeWordNumSlots(v));
-            return v;
+         const uint64_t seen = buckets_.sizeWord();
+         if ((sizeWordCounter(seen) & 1) == 0) {
+            buckets_.follow(sizeWordNumSlots(seen));
+            SeqRead<uint64_t> read(buckets_.header()->sizeWord);
+            if (read.begin() == seen) return read;
          }
          if (tries % SlotCopyPolicy::kYieldAfter == 0) std::this_thread::yield();
       }
@@ -186,7 +192,7 @@ class ReaderHashMap {
    // still in the chain.
    bool scanFrom(uint32_t bucket, uint32_t after, IterHint& hint, V& value) {
       for (uint32_t attempt = 0;; ++attempt) {
-         const uint64_t version = stableVersion();
+         const SeqRead<uint64_t> guard = stableBuckets();
          const uint32_t count = buckets_.numBuckets();
          bool found = false;
          std::string anomaly;
@@ -214,7 +220,7 @@ class ReaderHashMap {
                 },
                 "", anomaly);
          }
-         if (buckets_.sizeWord() != version) continue;
+         if (!guard.unchanged()) continue;
          if (clean) {
             if (!found) hint = IterHint{};
             return found;

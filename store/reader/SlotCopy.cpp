@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "Loom/CorruptionException.h"
+#include "store/herald/Herald.h"
 #include "store/slab/ReaderAllocator.h"
 
 namespace Dock {
@@ -15,21 +16,29 @@ void copySlot(const SlotTableHeader& header, const Slot* slots, uint32_t index, 
    }
 }
 
+bool writerRestarted(uint32_t relume, const SlotTableHeader& slots, const HeraldHeader* herald) {
+   // Acquire, both: pairs with the restarted writer's release stores of its relume.
+   if (herald && Herald::relumeOf(*herald) != relume) return true;
+   return slots.relume.load(std::memory_order_acquire) != relume;
+}
+
 bool copySlotValue(const SlotTableHeader& header, const Slot* slots, uint32_t index,
                    Tessel::ReaderAllocator& allocator, SlotImage& image,
                    std::vector<uint8_t>& bytes) {
    uint32_t stableFailures = 0;
    for (uint32_t tries = 1;; ++tries) {
       if (tries % SlotCopyPolicy::kYieldAfter == 0) std::this_thread::yield();
-      if (!trySlotCopy(header, slots[index], index, image)) continue;
-      if (!image.occupied()) return false;
+      const SeqRead<uint32_t> read(slots[index].flags);
+      if (!readSlotWords(read, header, slots[index], index, image)) continue;
+      if (!image.occupied()) {
+         if (read.unchanged()) return false;
+         continue;
+      }
       if (bytes.size() < image.length) bytes.resize(image.length);
       uint32_t clientData = kNone;
       const int64_t got = allocator.copy(Tessel::Offset::fromWord(image.offset), bytes.data(),
                                          image.length, clientData);
-      // ReaderAllocator::copy ends with an acquire fence: this load is ordered after the bytes.
-      const bool changed = slots[index].flags.load(std::memory_order_relaxed) != image.flags;
-      if (changed) continue;
+      if (!read.unchanged()) continue;
       std::string reason;
       if (got < 0) {
          reason = fmt::format("slot:{} offset:{} cannot be read", index,
@@ -45,11 +54,11 @@ bool copySlotValue(const SlotTableHeader& header, const Slot* slots, uint32_t in
          return true;
       }
       // A restarted writer re-stamps the slot table before any slab, so a slab that fails the
-      // reader's relume shows here as a new relume. Acquire pairs with the writer's release store.
-      const uint32_t relume = header.relume.load(std::memory_order_acquire);
-      if (relume != allocator.relume()) {
+      // reader's relume shows here as a restart.
+      if (writerRestarted(allocator.relume(), header, nullptr)) {
          throw WriterRestarted(fmt::format("slot:{} relume changed from {} to {}", index,
-                                           allocator.relume(), relume));
+                                           allocator.relume(),
+                                           header.relume.load(std::memory_order_relaxed)));
       }
       if (++stableFailures >= SlotCopyPolicy::kCorruptAfter) {
          throw Loom::CorruptionException(reason);

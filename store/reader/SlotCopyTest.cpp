@@ -18,17 +18,15 @@ TEST(SlotCopy, HeaderCopyIsRetriedUntilTheVersionWordIsStable) {
    h.occupiedSlots.store(10);
    // The "writer" resizes during the first three copies (between the two version loads).
    int resizes = 3;
-   const auto copy = safeHeaderCopy(
-       &h, [](const SlotTableHeader& x) { return x.sizeWord.load(std::memory_order_acquire); },
-       [&] {
-          if (resizes > 0) {
-             --resizes;
-             const uint32_t c = sizeWordCounter(h.sizeWord.load());
-             h.occupiedSlots.store(20 + c);
-             h.sizeWord.store(makeSizeWord(c + 1, 128));
-          }
-          return size_t(4096);
-       });
+   const auto copy = safeHeaderCopy(&h, h.sizeWord, [&] {
+      if (resizes > 0) {
+         --resizes;
+         const uint32_t c = sizeWordCounter(h.sizeWord.load());
+         h.occupiedSlots.store(20 + c);
+         h.sizeWord.store(makeSizeWord(c + 1, 128));
+      }
+      return size_t(4096);
+   });
    EXPECT_EQ(copy.tries, 4u);
    EXPECT_EQ(copy.version, makeSizeWord(7, 128));
    EXPECT_EQ(copy.header->occupiedSlots.load(), 26u);

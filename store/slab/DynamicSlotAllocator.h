@@ -7,7 +7,7 @@
 
 #include "Loom/CorruptionException.h"
 #include "store/format/Layout.h"
-#include "store/slab/SlabBytes.h"
+#include "store/format/SharedBytes.h"
 #include "store/slab/WriterAllocator.h"
 
 namespace Tessel {
@@ -23,7 +23,7 @@ class DynamicSlotAllocator {
       SlabEntryHeader* entry = allocator_.lookup(offset);
       const uint32_t length = uint32_t(entry->payloadSize.load(std::memory_order_relaxed));
       scratch_.resize(length);
-      copyFromShared(scratch_.data(), allocator_.payload(offset), length);
+      Dock::copyFromShared(scratch_.data(), allocator_.payload(offset), length);
       V value;
       value.deserialize(scratch_.data(), length);
       return value;

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "store/slab/LinearSizeConfig.h"
 #include "store/format/Offset.h"
+#include "store/slab/LinearSizeConfig.h"
 #include "store/slab/SlabReader.h"
 
 namespace Tessel {
@@ -18,15 +18,17 @@ class ReaderAllocator {
   public:
    ReaderAllocator(std::string dir, uint32_t relume);
 
-   // Copies the payload of `offset` into `out` (at most maxLen bytes) and returns the payload's
-   // size, or -1 when the entry cannot be read consistently right now: the slab is missing or
-   // invalid, the index lies beyond the slab even after following a resize, or the entry is free
-   // or claims more than its class holds. The copy may still be torn by a concurrent reuse of the
-   // entry; it ends with an acquire fence so that the caller's next load (its re-check of the
-   // slot's flags word) is ordered after every byte copied.
-   int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen);
-   // Also returns the entry's clientData (the slot the writer stored it for).
+   // Copies the payload of `offset` into `out` (at most maxLen bytes), sets clientData (the slot
+   // the writer stored the entry for) and returns the payload's size, or -1 when the entry cannot
+   // be read right now: the slab is missing or invalid, the index lies beyond the slab even after
+   // following a resize, or the entry is free or claims more than its class holds. The copy may be
+   // torn by a concurrent reuse of the entry: the caller copies under the flags word of the slot
+   // that names it (SeqRead), whose re-check then fails.
    int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen, uint32_t& clientData);
+   int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen) {
+      uint32_t clientData = 0;
+      return copy(offset, out, maxLen, clientData);
+   }
 
    void detach();
    uint32_t relume() const { return relume_; }

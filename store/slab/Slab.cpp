@@ -117,18 +117,4 @@ std::string slabHeaderString(const SlabHeader& h) {
                       h.freeList.load(std::memory_order_relaxed));
 }
 
-void copySlabHeader(const SlabHeader& from, SlabHeader& to) {
-   to.magic = loadMagic(from);
-   to.version = from.version;
-   to.relume = slabRelume(from);
-   to.resizeCounter.store(from.resizeCounter.load(std::memory_order_relaxed),
-                          std::memory_order_relaxed);
-   to.numEntries.store(from.numEntries.load(std::memory_order_relaxed), std::memory_order_relaxed);
-   to.numOccupied.store(from.numOccupied.load(std::memory_order_relaxed),
-                        std::memory_order_relaxed);
-   to.entrySize = from.entrySize;
-   to.hash = from.hash;
-   to.freeList.store(from.freeList.load(std::memory_order_relaxed), std::memory_order_relaxed);
-}
-
 }  // namespace Tessel

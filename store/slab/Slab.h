@@ -37,9 +37,6 @@ bool validateSlabHeader(const SlabHeader& header, size_t fileSize, uint32_t want
 // "magic:{:x} version:{} relume:{} numEntries:{} entrySize:{} freeList:{}"
 std::string slabHeaderString(const SlabHeader& header);
 
-// Copies every field of a (possibly mapped, possibly changing) header with atomic loads.
-void copySlabHeader(const SlabHeader& from, SlabHeader& to);
-
 // Relume stamping of a mapped header (a restarted writer re-stamps the files it keeps).
 uint32_t slabRelume(const SlabHeader& header);
 void stampSlabRelume(SlabHeader* header, uint32_t relume);

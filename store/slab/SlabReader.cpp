@@ -14,19 +14,10 @@ namespace Tessel {
 SlabReader::SlabReader(std::string path, uint32_t relume)
     : path_(std::move(path)), relume_(relume) {}
 
-void SlabReader::safeHeaderCopy(SlabHeader& out, size_t& fileSize) const {
+Dock::SafeHeader<SlabHeader, uint32_t> SlabReader::headerCopy() const {
    const auto* h = reinterpret_cast<const SlabHeader*>(file_.data());
-   // No retry limit: the counter changes only when the writer resizes, which is rare.
-   for (;;) {
-      // Acquire: pairs with the release store of the counter in SlabWriter::resize/shrink.
-      const uint32_t before = h->resizeCounter.load(std::memory_order_acquire);
-      copySlabHeader(*h, out);
-      fileSize = file_.fileSize();
-      // Acquire fence: pairs with the release fence after the counter store in SlabWriter; the
-      // second load sees the counter of any resize whose later stores the copy saw.
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (h->resizeCounter.load(std::memory_order_relaxed) == before) return;
-   }
+   // The writer's resize stores the counter with release and fences after it (SlabWriter::resize).
+   return Dock::safeHeaderCopy(h, h->resizeCounter, [this] { return file_.fileSize(); });
 }
 
 bool SlabReader::attach(std::string& reason) {
@@ -42,18 +33,16 @@ bool SlabReader::attach(std::string& reason) {
       file_.close();
       return false;
    }
-   SlabHeader copy;
-   size_t fileSize = 0;
-   safeHeaderCopy(copy, fileSize);
+   const auto copy = headerCopy();
    // The mapping may be shorter than the file if it grew since it was mapped.
-   if (fileSize > file_.size()) file_.remap();
-   if (!validateSlabHeader(copy, std::min(fileSize, file_.size()), relume_, reason)) {
+   if (copy.size > file_.size()) file_.remap();
+   if (!validateSlabHeader(*copy.header, std::min(copy.size, file_.size()), relume_, reason)) {
       file_.close();
       return false;
    }
-   entrySize_ = copy.entrySize;
-   resizeCounter_ = copy.resizeCounter.load(std::memory_order_relaxed);
-   mappedEntries_ = std::min<uint64_t>(copy.numEntries.load(std::memory_order_relaxed),
+   entrySize_ = copy.header->entrySize;
+   resizeCounter_ = copy.version;
+   mappedEntries_ = std::min<uint64_t>(copy.header->numEntries.load(std::memory_order_relaxed),
                                        entriesIn(file_.size(), entrySize_));
    return true;
 }
@@ -65,10 +54,9 @@ void SlabReader::detach() {
 
 bool SlabReader::doResize() {
    if (!file_) return false;
-   SlabHeader copy;
-   size_t fileSize = 0;
-   safeHeaderCopy(copy, fileSize);
-   const uint32_t counter = copy.resizeCounter.load(std::memory_order_relaxed);
+   const auto copy = headerCopy();
+   const uint32_t counter = copy.version;
+   const size_t fileSize = copy.size;
    if (counter != resizeCounter_ || fileSize > file_.size()) {
       const uint8_t* before = file_.data();
       try {
@@ -83,14 +71,14 @@ bool SlabReader::doResize() {
       }
    }
    std::string reason;
-   if (copy.entrySize != entrySize_ ||
-       !validateSlabHeader(copy, std::min(fileSize, file_.size()), relume_, reason)) {
+   if (copy.header->entrySize != entrySize_ ||
+       !validateSlabHeader(*copy.header, std::min(fileSize, file_.size()), relume_, reason)) {
       SPOOR_TRACE(Spoor::handle("Tessel"), 5, "{} after resize: {}", path_,
                   reason.empty() ? "entrySize changed" : reason);
       return false;
    }
    resizeCounter_ = counter;
-   mappedEntries_ = std::min<uint64_t>(copy.numEntries.load(std::memory_order_relaxed),
+   mappedEntries_ = std::min<uint64_t>(copy.header->numEntries.load(std::memory_order_relaxed),
                                        entriesIn(file_.size(), entrySize_));
    return true;
 }

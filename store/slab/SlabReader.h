@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Region/MappedFile.h"
+#include "store/format/SeqRead.h"
 #include "store/slab/Slab.h"
 
 namespace Tessel {
@@ -20,10 +21,6 @@ class SlabReader {
    bool attach(std::string& reason);
    void detach();
    bool attached() const { return bool(file_); }
-
-   // Consistent copy of the header (safeHeaderCopy): load the resize counter (acquire), copy the
-   // header and take the file's size, load the counter again; repeat until both loads agree.
-   void safeHeaderCopy(SlabHeader& out, size_t& fileSize) const;
 
    // Follows a resize: copies the header; when its resize counter differs from the one this
    // reader last saw, re-maps the file at its current size (tracing "base address moved from {}
@@ -41,6 +38,9 @@ class SlabReader {
    const Region::MappedFile& file() const { return file_; }
 
   private:
+   // The header and the file's size, copied under the resize counter (format/SeqRead.h).
+   Dock::SafeHeader<SlabHeader, uint32_t> headerCopy() const;
+
    std::string path_;
    uint32_t relume_;
    uint32_t entrySize_ = 0;

@@ -5,12 +5,11 @@
 
 #include <cstring>
 #include <functional>
-#include <set>
+#include <optional>
 #include <vector>
 
 #include "Loom/CorruptionException.h"
 #include "Region/Error.h"
-#include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
 #include "Vela/Hash.h"
 #include "store/slab/LinearSizeConfig.h"
@@ -28,7 +27,7 @@ using Tessel::SlabWriter;
 
 using Testing::errorText;
 
-TEST(LinearSizeConfig, ClassBoundariesOfTheTwoTableSizes) {
+TEST(LinearSizeConfig, ClassBoundariesAndEveryClassHoldsItsWholeRange) {
    struct Case {
       uint32_t m, width, classesInUse;
       std::vector<std::pair<uint32_t, uint32_t>> sizeAndClass;
@@ -41,9 +40,6 @@ TEST(LinearSizeConfig, ClassBoundariesOfTheTwoTableSizes) {
       EXPECT_EQ(l.classesInUse(), c.classesInUse);
       for (auto [size, k] : c.sizeAndClass) EXPECT_EQ(l.classOf(size), k) << size;
    }
-}
-
-TEST(LinearSizeConfig, EveryClassHoldsItsWholeRange) {
    for (uint32_t m : {1u, 31u, 32u, 33u, 704u, 46168u, 1u << 20}) {
       LinearSizeConfig c(m);
       EXPECT_EQ(c.width(), m / 32 + 1);
@@ -75,16 +71,10 @@ TEST(SlabHeader, FormatBytesAndString) {
    HeaderBuffer b;
    const auto* p = reinterpret_cast<const uint8_t*>(b.words);
    EXPECT_EQ(std::memcmp(p, "TESSLSLB", 8), 0);
-   uint32_t w[8];
-   std::memcpy(w, p + 8, 32);
-   EXPECT_EQ(w[0], 1u);                       // version
-   EXPECT_EQ(w[1], 5u);                       // relume
-   EXPECT_EQ(w[2], 0u);                       // resize counter
-   EXPECT_EQ(w[3], 8u);                       // numEntries
-   EXPECT_EQ(w[4], 0u);                       // numOccupied
-   EXPECT_EQ(w[5], 64u);                      // entrySize
-   EXPECT_EQ(w[6], Vela::oneAtATimeOf(64u));  // hash
-   EXPECT_EQ(w[7], kNone);                    // freeList
+   // version, relume, resize counter, numEntries, numOccupied, entrySize, hash, freeList
+   std::vector<uint32_t> words(8);
+   std::memcpy(words.data(), p + 8, 32);
+   EXPECT_EQ(words, (std::vector<uint32_t>{1, 5, 0, 8, 0, 64, Vela::oneAtATimeOf(64u), kNone}));
    EXPECT_EQ(Tessel::slabHeaderString(*b.header()),
              "magic:424c534c53534554 version:1 relume:5 numEntries:8 entrySize:64 "
              "freeList:4294967295");
@@ -160,16 +150,23 @@ class SlabWriterTest : public ::testing::Test {
    void occupy(SlabWriter& w, uint32_t index, int32_t size) {
       w.getEntry(index)->payloadSize.store(size);
    }
+   // A fresh slab.00 of 64-byte entries, relume 3.
+   SlabWriter& created() {
+      slab.emplace(path(), kEntry, 3);
+      slab->create();
+      return *slab;
+   }
    Testing::TempRoot root;
+   std::optional<SlabWriter> slab;
    static constexpr uint32_t kEntry = 64;
 };
 
-TEST_F(SlabWriterTest, CreateTracesAndChainsEveryEntryAscending) {
+TEST_F(SlabWriterTest, CreateChainsEveryEntryThenAllocFreeReuseAndGrowth) {
    Spoor::Capture cap;
-   SlabWriter w(path(), kEntry, 3);
-   w.create();
+   SlabWriter& w = created();
    const uint32_t n = Tessel::initialEntries(kEntry);
    EXPECT_EQ(n, (16384u - 40) / 64);
+   EXPECT_EQ(Tessel::initialEntries(16384), 8u);  // at least 8 entries, however large
    EXPECT_EQ(w.numEntries(), n);
    EXPECT_EQ(w.numOccupied(), 0u);
    EXPECT_EQ(w.file().fileSize(), 40u + n * kEntry);
@@ -181,28 +178,17 @@ TEST_F(SlabWriterTest, CreateTracesAndChainsEveryEntryAscending) {
       EXPECT_LT(w.getEntry(i)->payloadSize.load(), 0);
    }
    w.validate();
-   EXPECT_EQ(Tessel::initialEntries(16384), 8u);  // at least 8 entries, however large
-}
-
-TEST_F(SlabWriterTest, AllocFreeReuseAndGrowth) {
-   Spoor::Capture cap;
-   SlabWriter w(path(), kEntry, 3);
-   w.create();
-   const uint32_t n = w.numEntries();
-   std::set<uint32_t> got;
    for (uint32_t i = 0; i < n; ++i) {
       uint32_t idx = w.alloc();
       EXPECT_EQ(idx, i);
       EXPECT_EQ(w.getEntry(idx)->payloadSize.load(), 0);
       EXPECT_EQ(w.getEntry(idx)->clientData.load(), kNone);
-      got.insert(idx);
    }
    EXPECT_EQ(w.numOccupied(), n);
    EXPECT_EQ(w.header()->freeList.load(), kNone);
    EXPECT_EQ(w.header()->resizeCounter.load(), 0u);
    // The free list is empty: the next allocation doubles the slab.
-   uint32_t idx = w.alloc();
-   EXPECT_EQ(idx, n);
+   EXPECT_EQ(w.alloc(), n);
    EXPECT_EQ(w.numEntries(), 2 * n);
    EXPECT_EQ(w.header()->resizeCounter.load(), 1u);
    EXPECT_EQ(w.file().fileSize(), 40u + 2 * n * kEntry);
@@ -220,25 +206,16 @@ TEST_F(SlabWriterTest, AllocFreeReuseAndGrowth) {
    EXPECT_EQ(w.alloc(), 3u);
    EXPECT_EQ(w.alloc(), n + 1);
    w.validate();
-   EXPECT_DEATH(
-       {
-          w.free(5);
-          w.free(5);
-       },
-       "assertion failed: freeing unoccupied entry 5 of slab.00");
-}
-
-TEST_F(SlabWriterTest, GrowthStepsAreBounded) {
-   const uint32_t initial = Tessel::initialEntries(kEntry);
-   EXPECT_EQ(Tessel::growthStep(1, kEntry), initial);
+   EXPECT_DEATH((w.free(5), w.free(5)), "assertion failed: freeing unoccupied entry 5 of slab.00");
+   // Growth steps: at least the initial size, at most 2 MiB of entries.
+   EXPECT_EQ(Tessel::growthStep(1, kEntry), n);
    EXPECT_EQ(Tessel::growthStep(1000, kEntry), 1000u);
    EXPECT_EQ(Tessel::growthStep(10'000'000, kEntry), 2u * 1024 * 1024 / kEntry);
    EXPECT_EQ(Tessel::growthStep(100, 1 << 24), Tessel::initialEntries(1 << 24));
 }
 
 TEST_F(SlabWriterTest, LookupFailuresAndMisuseNameTheSlab) {
-   SlabWriter w(path(), kEntry, 3);
-   w.create();
+   SlabWriter& w = created();
    const uint32_t n = w.numEntries();
    uint32_t a = w.alloc();
    EXPECT_EQ(errorText([&] { w.getEntry(n); }),
@@ -258,60 +235,40 @@ TEST_F(SlabWriterTest, LookupFailuresAndMisuseNameTheSlab) {
              "slab.00::addFreeEntries() free-list isn't empty");
 }
 
-// Each case damages a fresh slab whose free list is 2, 6, 7, ... and returns the walk's finding.
+// Each case damages a fresh slab of 255 entries (56 payload bytes each) whose entries 0..5 were
+// taken and 2 given back, so that its free list is 2, 6, 7, ...; then the walk's finding.
 TEST_F(SlabWriterTest, ValidationWalkFindsEachDamage) {
-   const std::vector<std::function<std::string(SlabWriter&)>> cases = {
-       [&](SlabWriter& w) {
-          occupy(w, 6, 10);  // on the free list, but claims a payload
-          return std::string("slab.00::validate() found occupied entry with index: 6 on free-list");
-       },
-       [&](SlabWriter& w) {
-          occupy(w, 4, int32_t(w.maxPayload()) + 1);
-          return fmt::format(
-              "slab.00::validate() found occupied entry with payloadSize:{}, but max "
-              "payloadSize:{}",
-              w.maxPayload() + 1, w.maxPayload());
-       },
-       [](SlabWriter& w) {
-          w.header()->numOccupied.store(4);
-          return std::string(
-              "slab.00::validate() found 5 occupied entries, but header's numOccupied: 4");
-       },
-       [](SlabWriter& w) {
-          // Entry 2 leaks: dropped from the free list while still free.
-          w.header()->freeList.store(w.getEntry(2)->clientData.load());
-          return fmt::format(
-              "slab.00::validate() found {} entries on free-list and 5 occupied "
-              "entries, but header's numEntries: {}",
-              w.numEntries() - 6, w.numEntries());
-       },
-       [](SlabWriter& w) {
-          w.getEntry(w.numEntries() - 1)->clientData.store(2);  // the list loops back to its head
-          return std::string("slab.00::validate() free-list visits index: 2 twice");
-       },
-       [](SlabWriter& w) {
-          w.header()->relume = 4;
-          return std::string("bad relume:4 wanted:3");
-       },
+   const std::pair<std::function<void(SlabWriter&)>, std::string> cases[] = {
+       // On the free list, but claims a payload.
+       {[&](SlabWriter& w) { occupy(w, 6, 10); },
+        "slab.00::validate() found occupied entry with index: 6 on free-list"},
+       {[&](SlabWriter& w) { occupy(w, 4, 57); },
+        "slab.00::validate() found occupied entry with payloadSize:57, but max payloadSize:56"},
+       {[](SlabWriter& w) { w.header()->numOccupied.store(4); },
+        "slab.00::validate() found 5 occupied entries, but header's numOccupied: 4"},
+       // Entry 2 leaks: dropped from the free list while still free.
+       {[](SlabWriter& w) { w.header()->freeList.store(w.getEntry(2)->clientData.load()); },
+        "slab.00::validate() found 249 entries on free-list and 5 occupied entries, but header's "
+        "numEntries: 255"},
+       // The list loops back to its head.
+       {[](SlabWriter& w) { w.getEntry(w.numEntries() - 1)->clientData.store(2); },
+        "slab.00::validate() free-list visits index: 2 twice"},
+       {[](SlabWriter& w) { w.header()->relume = 4; }, "bad relume:4 wanted:3"},
    };
-   for (size_t k = 0; k < cases.size(); ++k) {
-      SCOPED_TRACE(k);
-      SlabWriter w(path(), kEntry, 3);
-      w.create();
+   for (const auto& [damage, want] : cases) {
+      SCOPED_TRACE(want);
+      SlabWriter& w = created();
       for (int i = 0; i < 6; ++i) w.alloc();
       w.free(2);
       EXPECT_NO_THROW(w.validate());
-      const std::string want = cases[k](w);
+      damage(w);
       EXPECT_EQ(errorText([&] { w.validate(); }), want);
    }
 }
 
 TEST_F(SlabWriterTest, AttachChecksTheHeaderAndRestampsTheRelume) {
-   {
-      SlabWriter w(path(), kEntry, 3);
-      w.create();
-      w.alloc();
-   }
+   created().alloc();
+   slab.reset();
    SlabWriter again(path(), kEntry, 9);
    again.attach();
    EXPECT_EQ(Tessel::slabRelume(*again.header()), 9u);
@@ -337,8 +294,7 @@ TEST_F(SlabWriterTest, AttachChecksTheHeaderAndRestampsTheRelume) {
 
 TEST_F(SlabWriterTest, ShrinkReleasesAFreeTail) {
    Spoor::Capture cap;
-   SlabWriter w(path(), kEntry, 3);
-   w.create();
+   SlabWriter& w = created();
    const uint32_t initial = w.numEntries();
    std::vector<uint32_t> all;
    for (uint32_t i = 0; i < initial * 8; ++i) all.push_back(w.alloc());
@@ -382,21 +338,15 @@ TEST_F(SlabWriterTest, ValidateUnattachedMessages) {
              fmt::format("slab.03::validateUnattached() cannot attach to shmem {} size:0: cannot "
                          "open {}: No such file or directory",
                          missing, missing));
-   {
-      SlabWriter w(path(), kEntry, 3);
-      w.create();
-      w.header()->freeList.store(w.numEntries() + 5);
-   }
+   created().header()->freeList.store(Tessel::initialEntries(kEntry) + 5);
+   slab.reset();
    EXPECT_EQ(errorText([&] { Tessel::validateUnattached(path(), kEntry); }),
              fmt::format("slab.00::validateUnattached, validation failed on an empty slab, reason: "
                          "bad freeList: {} maxIndex: {}",
                          Tessel::initialEntries(kEntry) + 5, Tessel::initialEntries(kEntry) - 1));
-   {
-      SlabWriter w(path(), kEntry, 3);
-      w.create();
-      w.alloc();
-      w.header()->numOccupied.store(2);
-   }
+   created().alloc();
+   slab->header()->numOccupied.store(2);
+   slab.reset();
    // Not empty: the walk's own text.
    EXPECT_EQ(errorText([&] { Tessel::validateUnattached(path(), kEntry); }),
              "slab.00::validate() found 1 occupied entries, but header's numOccupied: 2");

@@ -185,10 +185,10 @@ uint32_t SlabWriter::alloc() {
    if (e->payloadSize.load(std::memory_order_relaxed) >= 0) {
       corrupt(fmt::format("{}::alloc() free-list entry at index: {} is occupied", name_, index));
    }
-   // Release fence: pairs with the acquire fence at the end of ReaderAllocator::copy. A reader
-   // still copying this entry's previous value that sees any byte written from here on is then
-   // guaranteed to see the slot flags change that retired the previous value, and discards its
-   // copy.
+   // Release fence: pairs with the acquire fence of the reader's re-check (SeqRead::unchanged,
+   // format/SeqRead.h). A reader still copying this entry's previous value that sees any byte
+   // written from here on is then guaranteed to see the slot flags change that retired the
+   // previous value, and discards its copy.
    std::atomic_thread_fence(std::memory_order_release);
    // Bookkeeping, in this order, inside the intent record: freeList, clientData, payloadSize,
    // numOccupied.
@@ -260,8 +260,8 @@ void SlabWriter::resize(uint32_t newNumEntries) {
    SlabHeader* h = header();
    h->numEntries.store(newNumEntries, std::memory_order_relaxed);
    storePoint(StorePoint::kGrowCounted);
-   // Release: a reader that sees the new counter (acquire, SlabReader::safeHeaderCopy) sees the
-   // grown file's new entries and numEntries. The fence after it orders the counter before any
+   // Release: a reader that sees the new counter (SlabReader::headerCopy, format/SeqRead.h) sees
+   // the grown file's new entries and numEntries. The fence after it orders the counter before any
    // later header store, so a header copy that sees a later store also sees the new counter.
    h->resizeCounter.store(h->resizeCounter.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
@@ -296,7 +296,7 @@ bool SlabWriter::shrink() {
    storePoint(StorePoint::kShrinkHeaded);
    h->numEntries.store(target, std::memory_order_relaxed);
    storePoint(StorePoint::kShrinkCounted);
-   // Release: pairs with the acquire load in SlabReader::safeHeaderCopy (see resize).
+   // Release: pairs with the first load of SlabReader::headerCopy (see resize).
    h->resizeCounter.store(h->resizeCounter.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
    std::atomic_thread_fence(std::memory_order_release);

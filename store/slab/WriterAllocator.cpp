@@ -11,7 +11,7 @@
 #include "Region/StoreRoot.h"
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
-#include "store/slab/SlabBytes.h"
+#include "store/format/SharedBytes.h"
 
 namespace Tessel {
 
@@ -163,10 +163,12 @@ SlabWriter* WriterAllocator::firstUse(uint32_t s, bool create) {
 SlabValue WriterAllocator::store(uint32_t client, const uint8_t* bytes, uint32_t length) {
    // alloc's release fence (SlabWriter::alloc) orders the stores below after every earlier slot
    // flags store, so a reader still copying a reused entry sees its slot change on its re-check.
-   // The bytes go in with atomic stores (SlabBytes.h) since such a reader may be copying them.
+   // The bytes go in with atomic stores (format/SharedBytes.h) since such a reader may be copying
+   // them.
    const Offset offset = alloc(length + kEntryOverhead);
    SlabEntryHeader* entry = lookup(offset);
-   copyToShared(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes, length);
+   Dock::copyToShared(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes,
+                      length);
    entry->clientData.store(client, std::memory_order_relaxed);
    // Release: a reader that sees this size (acquire) sees the payload and clientData.
    entry->payloadSize.store(int32_t(length), std::memory_order_release);

@@ -706,7 +706,7 @@ class DockWriter {
       const uint32_t length =
           uint32_t(allocator_->lookup(fromOffset)->payloadSize.load(std::memory_order_relaxed));
       if (scratch_.size() < length) scratch_.resize(length);
-      Tessel::copyFromShared(scratch_.data(), allocator_->payload(fromOffset), length);
+      copyFromShared(scratch_.data(), allocator_->payload(fromOffset), length);
       const Tessel::SlabValue nv = storeEntry(to, length);
       ts.offset.store(nv.offset.value, std::memory_order_relaxed);
       ts.length.store(nv.length, std::memory_order_relaxed);

@@ -1,5 +1,6 @@
 // The single writer on its own: publishing order in the flags word, the index under growth and
-// shrinking, direct-mode pairing, the table bounds, restart and re-format, a second writer.
+// shrinking, direct-mode pairing, the table bounds, restart and re-format, damaged files, critical
+// tasks during long work; and its huge-page buffers.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,8 +16,9 @@
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
 #include "Vela/Hash.h"
-#include "store/writer/DockWriter.h"
 #include "store/StoreTestSupport.h"
+#include "store/writer/DockWriter.h"
+#include "store/writer/HugePageBuffer.h"
 #include "testing/Expect.h"
 #include "testing/TempRoot.h"
 
@@ -25,14 +27,26 @@ namespace {
 using DockTest::Value;
 using Writer = Dock::DockWriter<uint64_t, Value, DockTest::KeyOf>;
 
-Dock::DockConfig testConfig(uint32_t minSlots = 8, uint32_t maxSlots = 1 << 16) {
+Dock::DockConfig testConfig(uint32_t minSlots = 8, uint32_t maxSlots = 1 << 18) {
    return DockTest::tableConfig(minSlots, maxSlots);
 }
 
-TEST(DockWriter, InsertSetsOccupiedAndReplaceAdvancesFlagsByExactlyFour) {
+// A fresh store root, where start() starts (or restarts) the writer of table "t/entry".
+class DockWriter : public ::testing::Test {
+  protected:
+   Writer& start(const Dock::DockConfig& config = testConfig()) {
+      own.reset();
+      own = std::make_unique<Writer>(config);
+      own->initialize("t/entry");
+      return *own;
+   }
    Testing::TempRoot root;
-   Writer w(testConfig());
-   w.initialize("t/entry");
+   std::unique_ptr<Writer> own;
+};
+using DockWriterDeathTest = DockWriter;
+
+TEST_F(DockWriter, FlagsAdvanceByFourPerWriteAndEveryWritePostsOneNotification) {
+   Writer& w = start();
    EXPECT_EQ(w.mountStatus(), Dock::MountStatus::kCreated);
    w.write(Value(7, 1, 1));
    const uint32_t s = w.slotOf(7);
@@ -63,12 +77,8 @@ TEST(DockWriter, InsertSetsOccupiedAndReplaceAdvancesFlagsByExactlyFour) {
    EXPECT_EQ(w.writerCounters().inserts, 2u);
    EXPECT_EQ(w.writerCounters().replaces, 2u);
    EXPECT_EQ(w.writerCounters().removes, 1u);
-}
 
-TEST(DockWriter, EveryWritePostsOneNotificationAndFlushWakesOncePerBatch) {
-   Testing::TempRoot root;
-   Writer w(testConfig());
-   w.initialize("t/entry");
+   // One notification per write or removal; a flush wakes the readers once per batch.
    const uint64_t p0 = w.sequence();
    w.write(Value(1, 1, 1));
    w.write(Value(1, 2, 1));
@@ -97,7 +107,7 @@ TEST(DockWriter, EveryWritePostsOneNotificationAndFlushWakesOncePerBatch) {
 
 // The key hash is the one-at-a-time hash over the key's bytes from the table's seed, the same
 // value a reader computes with the library's hash, for 8-byte and wider keys.
-TEST(DockWriter, KeyHashIsOneAtATimeOverTheKeyBytes) {
+TEST_F(DockWriter, KeyHashIsOneAtATimeOverTheKeyBytes) {
    struct Wide {
       uint64_t a, b, c;
    };
@@ -113,11 +123,9 @@ TEST(DockWriter, KeyHashIsOneAtATimeOverTheKeyBytes) {
    EXPECT_EQ(Dock::KeyTraits<uint64_t>::hash(1, 0), Vela::oneAtATimeOf(uint64_t(1)));
 }
 
-TEST(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
-   Testing::TempRoot root;
+TEST_F(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
+   Writer& w = start();
    Spoor::Capture cap;
-   Writer w(testConfig(8, 1 << 18));
-   w.initialize("t/entry");
    EXPECT_EQ(w.buckets(), Dock::kInitialBuckets);
    for (uint64_t k = 1; k <= Dock::kInitialBuckets; ++k) w.write(Value(k, 1, 1));
    EXPECT_EQ(w.buckets(), Dock::kInitialBuckets);
@@ -169,11 +177,9 @@ TEST(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
    checkSharedChains();
 }
 
-TEST(DockWriter, IterationVisitsEveryKeyOnceAndSurvivesRemovalOfTheCurrentKey) {
-   Testing::TempRoot root;
+TEST_F(DockWriter, IterationVisitsEveryKeyOnceAndSurvivesRemovalOfTheCurrentKey) {
+   Writer& w = start();
    Spoor::Capture cap;
-   Writer w(testConfig());
-   w.initialize("t/entry");
    std::set<uint64_t> keys;
    for (uint64_t k = 1; k <= 200; ++k) {
       w.write(Value(k * 977, 1, 1));
@@ -225,10 +231,8 @@ TEST(DockWriter, IterationVisitsEveryKeyOnceAndSurvivesRemovalOfTheCurrentKey) {
    EXPECT_LT(w.buckets(), bucketsBefore);
 }
 
-TEST(DockWriter, SlotFileGrowsUpToMaxSlotsThenReportsTableFull) {
-   Testing::TempRoot root;
-   Writer w(testConfig(4, 20));
-   w.initialize("t/entry");
+TEST_F(DockWriter, SlotFileGrowsUpToMaxSlotsThenReportsTableFull) {
+   Writer& w = start(testConfig(4, 20));
    EXPECT_EQ(w.capacity(), 4u);
    for (uint64_t k = 0; k < 5; ++k) w.write(Value(k, 1, 1));
    EXPECT_EQ(w.capacity(), 8u);  // doubled
@@ -244,11 +248,9 @@ TEST(DockWriter, SlotFileGrowsUpToMaxSlotsThenReportsTableFull) {
    EXPECT_EQ(w.lookup(3)->count, 600u);
 }
 
-TEST(DockWriter, ShrinkMovesSlotsBelowTheTargetAndKeepsEveryKey) {
-   Testing::TempRoot root;
+TEST_F(DockWriter, ShrinkMovesSlotsBelowTheTargetAndKeepsEveryKey) {
+   Writer& w = start();
    Spoor::Capture cap;
-   Writer w(testConfig(8));
-   w.initialize("t/entry");
    w.autoShrinkIs(false);
    for (uint64_t k = 0; k < 300; ++k) w.write(Value(k, 1, 1 + k % 5));
    ASSERT_EQ(w.capacity(), 512u);
@@ -279,25 +281,19 @@ TEST(DockWriter, ShrinkMovesSlotsBelowTheTargetAndKeepsEveryKey) {
    for (uint64_t k = 1000; k < 1100; ++k) w.write(Value(k, 1, 1));
    EXPECT_TRUE(w.validateFiles(reason)) << reason;
    for (uint64_t k = 1000; k < 1100; ++k) ASSERT_TRUE(w.contains(k));
-}
-
-TEST(DockWriter, RemovalsShrinkAutomaticallyDownToMinSize) {
-   Testing::TempRoot root;
-   Writer w(testConfig(16));
-   w.initialize("t/entry");
-   for (uint64_t k = 0; k < 1000; ++k) w.write(Value(k, 1, 1));
-   for (uint64_t k = 0; k < 1000; ++k) w.remove(k);
-   EXPECT_EQ(w.capacity(), 16u);
-   EXPECT_GT(w.writerCounters().slotShrinks, 0u);
-   std::string reason;
+   // Left on, removals shrink the table down to its least size.
+   w.autoShrinkIs(true);
+   const uint64_t shrinks = w.writerCounters().slotShrinks;
+   for (uint64_t k = 1000; k < 1100; ++k) w.remove(k);
+   for (uint64_t k = 290; k < 300; ++k) w.remove(k);
+   EXPECT_EQ(w.capacity(), 8u);
+   EXPECT_GT(w.writerCounters().slotShrinks, shrinks);
    EXPECT_TRUE(w.validateFiles(reason)) << reason;
 }
 
-TEST(DockWriterDeathTest, DirectModeMustBePaired) {
+TEST_F(DockWriterDeathTest, DirectModeMustBePaired) {
    GTEST_FLAG_SET(death_test_style, "threadsafe");
-   Testing::TempRoot root;
-   Writer w(testConfig());
-   w.initialize("t/entry");
+   Writer& w = start();
    EXPECT_DEATH(w.directCommit(Value(1, 1, 1)),
                 "assertion failed: not in direct mode! Make sure the DirectIs/Commit are properly "
                 "paired!");
@@ -317,55 +313,44 @@ TEST(DockWriterDeathTest, DirectModeMustBePaired) {
    EXPECT_EQ(w.lookup(5)->version, 3u);
 }
 
-TEST(DockWriter, RestartKeepsEntriesUnderANewRelumeAndReformatsForAnotherValueType) {
-   Testing::TempRoot root;
-   uint32_t relume1;
-   {
-      Writer w(testConfig());
-      w.initialize("t/entry");
-      for (uint64_t k = 0; k < 100; ++k) w.write(Value(k, 1, 1 + k % 7));
-      for (uint64_t k = 0; k < 10; ++k) w.remove(k);
-      relume1 = w.relumeId();
-   }
+TEST_F(DockWriter, RestartKeepsEntriesUnderANewRelumeAndReformatsForAnotherValueType) {
+   Writer* w = &start();
+   for (uint64_t k = 0; k < 100; ++k) w->write(Value(k, 1, 1 + k % 7));
+   for (uint64_t k = 0; k < 10; ++k) w->remove(k);
+   const uint32_t relume1 = w->relumeId();
    {
       Spoor::Capture cap;
-      Writer w(testConfig());
-      w.initialize("t/entry");
-      EXPECT_EQ(w.mountStatus(), Dock::MountStatus::kReattached);
-      EXPECT_NE(w.relumeId(), relume1);
-      EXPECT_EQ(Region::RelumeFile::read(w.directory()), w.relumeId());
-      EXPECT_EQ(w.members(), 90u);
-      for (uint64_t k = 10; k < 100; ++k) ASSERT_EQ(*w.lookup(k), Value(k, 1, 1 + k % 7));
+      w = &start();
+      EXPECT_EQ(w->mountStatus(), Dock::MountStatus::kReattached);
+      EXPECT_NE(w->relumeId(), relume1);
+      EXPECT_EQ(Region::RelumeFile::read(w->directory()), w->relumeId());
+      EXPECT_EQ(w->members(), 90u);
+      for (uint64_t k = 10; k < 100; ++k) ASSERT_EQ(*w->lookup(k), Value(k, 1, 1 + k % 7));
       EXPECT_FALSE(cap.contains("will be lost"));
-      EXPECT_TRUE(w.validateVersionAnchor());
+      EXPECT_TRUE(w->validateVersionAnchor());
    }
    Spoor::Capture cap;
    auto c = testConfig();
    c.typeName = "Other";
-   Writer w(c);
-   w.initialize("t/entry");
-   EXPECT_EQ(w.mountStatus(), Dock::MountStatus::kReformatted);
+   w = &start(c);
+   EXPECT_EQ(w->mountStatus(), Dock::MountStatus::kReformatted);
    EXPECT_EQ(cap.count("Dock", "failed to validate existing files"), 1u);
    EXPECT_EQ(cap.count("Dock", "all entries from t/entry will be lost"), 1u);
    EXPECT_EQ(cap.count("Dock", "re-formatted successfully"), 1u);
-   EXPECT_EQ(w.members(), 0u);
+   EXPECT_EQ(w->members(), 0u);
 }
 
 // Flips bytes of the files one at a time and restarts the writer on each damaged copy, in a child
 // so that a crash is a failure: the restart either keeps exactly the entries or re-formats.
-TEST(DockWriter, DamagedFilesAreKeptOrReformattedNeverACrash) {
-   Testing::TempRoot root;
+TEST_F(DockWriter, DamagedFilesAreKeptOrReformattedNeverACrash) {
+   Writer& first = start();
    std::map<uint64_t, Value> want;
-   std::string dir;
-   {
-      Writer w(testConfig());
-      w.initialize("t/entry");
-      for (uint64_t k = 0; k < 40; ++k) {
-         want[k] = Value(k, 1, 1 + k % 3);
-         w.write(want[k]);
-      }
-      dir = w.directory();
+   for (uint64_t k = 0; k < 40; ++k) {
+      want[k] = Value(k, 1, 1 + k % 3);
+      first.write(want[k]);
    }
+   const std::string dir = first.directory();
+   own.reset();
    const std::string saved = root.path() + "/saved";
    ASSERT_EQ(std::system(("cp -r " + dir + " " + saved).c_str()), 0);
    const size_t slotsSize = Dock::SlotTable::fileSizeFor(64);
@@ -384,8 +369,7 @@ TEST(DockWriter, DamagedFilesAreKeptOrReformattedNeverACrash) {
       }
       const pid_t child = Testing::forkChild([&] {
          Spoor::Capture cap;
-         Writer w(testConfig());
-         w.initialize("t/entry");
+         Writer& w = start();
          if (w.mountStatus() == Dock::MountStatus::kReformatted) {
             if (!cap.contains("all entries from t/entry will be lost") ||
                 !cap.contains("re-formatted successfully") || w.members() != 0) {
@@ -412,7 +396,7 @@ TEST(DockWriter, DamagedFilesAreKeptOrReformattedNeverACrash) {
    EXPECT_GT(reformatted, 0);
 }
 
-TEST(DockWriter, CriticalTasksRunEveryTenMillisecondsOfLongWork) {
+TEST_F(DockWriter, CriticalTasksRunEveryTenMillisecondsOfLongWork) {
    // Critical tasks pending while a long operation checks its budget run inside it, each budget
    // once. (Loop until they did rather than for a fixed span: on a loaded machine the thread may
    // be preempted across most of a span.)
@@ -435,6 +419,43 @@ TEST(DockWriter, CriticalTasksRunEveryTenMillisecondsOfLongWork) {
    Dock::CriticalYield off(false);
    off.check();
    EXPECT_EQ(off.yields(), 0u);
+}
+
+// Whole 2 MiB units, 2 MiB aligned (or whole pages when asked for no huge pages), zero-filled,
+// and moved without copying.
+TEST(HugePageBuffer, IsAlignedZeroFilledAndRoundedToWholeHugePages) {
+   constexpr size_t kHuge = Dock::HugePageBuffer::kHugePage;
+   Dock::HugePageBuffer none;
+   EXPECT_EQ(none.data(), nullptr);
+   EXPECT_EQ(Dock::HugePageBuffer(0).size(), 0u);
+   for (size_t bytes : {size_t(1), kHuge - 1, kHuge, kHuge + 1, 3 * kHuge + 5}) {
+      Dock::HugePageBuffer b(bytes);
+      ASSERT_NE(b.data(), nullptr);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(b.data()) % kHuge, 0u) << bytes;
+      EXPECT_EQ(b.size(), (bytes + kHuge - 1) / kHuge * kHuge) << bytes;
+      EXPECT_EQ(b.data()[0], 0);
+      EXPECT_EQ(b.data()[b.size() - 1], 0);
+      b.data()[b.size() - 1] = 7;  // the whole rounded size is writable
+   }
+   // Without huge pages: whole 4 KiB pages, nothing more.
+   const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+   for (size_t bytes : {size_t(1), page, page + 1}) {
+      Dock::HugePageBuffer b(bytes, false);
+      EXPECT_EQ(b.size(), (bytes + page - 1) / page * page) << bytes;
+      EXPECT_EQ(b.data()[b.size() - 1], 0);
+      b.data()[b.size() - 1] = 7;
+   }
+   Dock::HugePageBuffer a(100);
+   a.as<uint32_t>()[3] = 42;
+   uint8_t* const at = a.data();
+   Dock::HugePageBuffer moved(std::move(a));
+   EXPECT_EQ(a.data(), nullptr);
+   EXPECT_EQ(moved.data(), at);
+   EXPECT_EQ(moved.as<uint32_t>()[3], 42u);
+   Dock::HugePageBuffer other(1);
+   other = std::move(moved);
+   EXPECT_EQ(other.data(), at);
+   EXPECT_EQ(other.as<uint32_t>()[3], 42u);
 }
 
 }  // namespace

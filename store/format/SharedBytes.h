@@ -1,7 +1,7 @@
-// Copying payload bytes in and out of shared slab entries.
+// SharedBytes: copying bytes in and out of shared memory (slab payloads, headers).
 //
 // A reader may copy an entry while the writer reuses it for another value (the reader's re-check
-// of the slot's flags word then discards the copy). Both sides therefore move payload bytes with
+// of the slot's flags word then discards the copy: SeqRead.h). Both sides therefore move payload bytes with
 // relaxed atomic accesses: 8-byte words while both addresses allow it, single bytes otherwise.
 // This is what the hardware does for a memcpy anyway; spelling it as atomics keeps the protocol a
 // data-race-free program (and ThreadSanitizer quiet). Ordering comes from the fences and version
@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace Tessel {
+namespace Dock {
 
 // dst is shared memory.
 inline void copyToShared(uint8_t* dst, const uint8_t* src, size_t len) {
@@ -47,4 +47,4 @@ inline void copyFromShared(uint8_t* dst, const uint8_t* src, size_t len) {
    }
 }
 
-}  // namespace Tessel
+}  // namespace Dock
