@@ -30,7 +30,6 @@
 #include <cstring>
 #include <string_view>
 #include <tuple>
-#include <type_traits>
 #include <utility>
 #include <vector>
 

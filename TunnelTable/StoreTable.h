@@ -20,7 +20,6 @@
 // (-> entryNotifyQuiesced).
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <type_traits>

@@ -10,7 +10,6 @@
 // programming error and asserts.
 #pragma once
 
-#include <mutex>
 #include <string_view>
 #include <vector>
 

@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <thread>
+
 #include "Loom/CorruptionException.h"
 #include "store/herald/Herald.h"
 #include "store/slab/ReaderAllocator.h"

@@ -21,9 +21,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Vela/Exception.h"
