@@ -77,8 +77,8 @@ class DockMap {
    // ---- writer ----
 
    // Inserts or replaces. With `notify`, readers are woken for it: at the end of this event-loop
-   // turn when a loop runs on this thread, else at once. Without, it waits for the next flush.
-   // Throws TableFullError.
+   // turn when a loop runs on this thread, else at once. Without, it waits for the next flush
+   // (or the end of the turn). The herald decides (HeraldWriter). Throws TableFullError.
    void safeWrite(const V& value, bool notify = true) {
       VELA_ASSERT(writer_ && "safeWrite on a store that is not the writer");
       try {
@@ -86,7 +86,7 @@ class DockMap {
       } catch (const Loom::CorruptionException& e) {
          doCorruptionDetected(e.what());
       }
-      if (notify && !Loom::EventLoop::current()) writer_->flush();
+      if (notify) writer_->wakeSoon();
    }
 
    bool safeRemove(const K& key, V* removed = nullptr) {
@@ -97,7 +97,7 @@ class DockMap {
       } catch (const Loom::CorruptionException& e) {
          doCorruptionDetected(e.what());
       }
-      if (found && !Loom::EventLoop::current()) writer_->flush();
+      if (found) writer_->wakeSoon();
       return found;
    }
 
@@ -111,7 +111,7 @@ class DockMap {
       } catch (const Loom::CorruptionException& e) {
          doCorruptionDetected(e.what());
       }
-      if (!Loom::EventLoop::current()) writer_->flush();
+      writer_->wakeSoon();
    }
 
    void flush() {

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "Loom/EventLoop.h"
 #include "Region/Error.h"
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
@@ -20,7 +21,9 @@ Spoor::Handle& trace() {
 }  // namespace
 
 HeraldWriter::HeraldWriter() = default;
-HeraldWriter::~HeraldWriter() = default;
+HeraldWriter::~HeraldWriter() {
+   *alive_ = false;
+}
 
 void HeraldWriter::create(const std::string& dir, uint32_t relume, uint32_t capacity) {
    if (capacity == 0) capacity = kDefaultHeraldCapacity;
@@ -125,10 +128,31 @@ void HeraldWriter::shrinkEnd() {
    header_->shrinkEnd.store(pos, std::memory_order_release);
 }
 
+void HeraldWriter::scheduleFlush() {
+   if (Loom::EventLoop* loop = Loom::EventLoop::current()) {
+      flushPosted_ = true;
+      std::weak_ptr<bool> alive = alive_;
+      loop->post([this, alive] {
+         if (auto a = alive.lock(); a && *a) flush();
+      });
+   }
+}
+
+void HeraldWriter::wakeSoon() {
+   if (!Loom::EventLoop::current()) flush();
+}
+
+void HeraldWriter::flush() {
+   flushPosted_ = false;
+   wake();
+}
+
 void HeraldWriter::wake() {
+   // Detached, pos_ and wokenPos_ are both 0: nothing to wake.
    if (pos_ == wokenPos_) return;
    wokenPos_ = pos_;
    wakeReaders(header_);
+   ++wakes_;
 }
 
 void HeraldWriter::wakeReaders(HeraldHeader* header) {

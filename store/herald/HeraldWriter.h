@@ -11,7 +11,14 @@
 // one datagram to each reader's socket in the table's wake directory (WakeFanout), after a
 // non-blocking read of the process's inotify instance that tells it of readers joining and leaving.
 // A reader's event loop watches its socket directly, so a notification costs the reader one
-// wake-up. The table's writer calls wake() when its event-loop turn ends or on an explicit flush.
+// wake-up.
+//
+// When readers are woken is decided here and nowhere else; the position last woken is tracked
+// only here. A change posted with postChange() is woken for: when an event loop runs on this
+// thread, by a task that the first such post since the last flush posts to the loop and that
+// flushes at the end of the turn (so one wake per turn); without a loop, at once when the caller
+// asks for it (wakeSoon()), else at the caller's next explicit flush(). The writer is quiesced
+// when everything posted was woken for.
 //
 // Restart: create() always lays down a fresh file (a new inode, renamed into place), so readers
 // still mapping the previous one are not disturbed; before returning it stores the new relume into
@@ -85,9 +92,29 @@ class HeraldWriter {
    void shrinkStart();
    void shrinkEnd();
 
+   // Appends a notification that `slot` changed (as post) and sees that readers are woken for
+   // it: with an event loop on this thread, the first such post since the last flush posts the
+   // task that flushes at the end of the turn.
+   uint64_t postChange(uint32_t slot) {
+      const uint64_t pos = post(slot);
+      if (!flushPosted_) scheduleFlush();
+      return pos;
+   }
+   // The caller wants readers to learn promptly of what was posted: when a loop runs on this
+   // thread the end-of-turn task does it, else the wake happens now.
+   void wakeSoon();
+   // The explicit flush (and the end-of-turn task's): one wake for everything posted since the
+   // last one, nothing when nothing was posted or the file is not attached.
+   void flush();
+
    // One wake of every reader for everything posted since the last wake; nothing when nothing
    // was posted.
    void wake();
+   // Whether every notification posted has been woken for (true while not attached).
+   bool quiesced() const { return pos_ == wokenPos_; }
+   // Wakes of readers by wake() and flush() since this object was made (restart wakes by
+   // create() and attach() not counted).
+   uint64_t wakes() const { return wakes_; }
    // The readers this writer wakes, as it last saw its wake directory.
    const WakeFanout& fanout() const { return fanout_; }
 
@@ -101,6 +128,8 @@ class HeraldWriter {
   private:
    void mapFile(const std::string& path);
    void wakeReaders(HeraldHeader* header);
+   // With a loop on this thread, posts the end-of-turn flush to it.
+   void scheduleFlush();
 
    std::unique_ptr<Region::MappedFile> file_;
    HeraldHeader* header_ = nullptr;
@@ -110,6 +139,10 @@ class HeraldWriter {
    uint64_t seqBase_ = 0;
    uint64_t pos_ = 0;
    uint64_t wokenPos_ = 0;  // pos_ at the last wake
+   uint64_t wakes_ = 0;
+   bool flushPosted_ = false;  // an end-of-turn flush task is queued on this thread's loop
+   // Expires with this object: a queued flush task that outlives it does nothing.
+   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
    WakeFanout fanout_;
 };
 

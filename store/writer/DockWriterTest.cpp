@@ -17,6 +17,7 @@
 #include "Spoor/Trace.h"
 #include "Vela/Hash.h"
 #include "store/StoreTestSupport.h"
+#include "store/format/SlotTable.h"
 #include "store/writer/DockWriter.h"
 #include "store/writer/HugePageBuffer.h"
 #include "testing/Expect.h"

@@ -1,8 +1,8 @@
 // SlotWriterTable: the writer's hold on a table's slot file, plus its private per-slot records.
 //
-// The shared file (SlotTableHeader, then numSlots Slots; see store/format/Layout.h) is what readers copy.
-// The writer alone stores to it. Next to it the writer keeps one private Record per slot - the
-// chain link and the key - so that its own lookups never deserialize a value from a slab. The
+// The shared file (SlotTableHeader, then numSlots Slots; see store/format/Layout.h) is what readers
+// copy. The writer alone stores to it. Next to it the writer keeps one private Record per slot -
+// the chain link and the key - so that its own lookups never deserialize a value from a slab. The
 // shared slot's `next` word mirrors Record::next so that plain readers can walk the same chains.
 //
 // Free slots form a list through the shared `next` words, headed by header.freeSlots. Allocation
@@ -27,10 +27,10 @@
 #include <vector>
 
 #include "Vela/Exception.h"
-#include "store/writer/CriticalYield.h"
 #include "store/DockConfig.h"
-#include "store/writer/HugePageBuffer.h"
 #include "store/format/Layout.h"
+#include "store/writer/CriticalYield.h"
+#include "store/writer/HugePageBuffer.h"
 
 namespace Region {
 class MappedFile;
@@ -169,19 +169,10 @@ class SlotWriterTable : public SlotFile {
    Slots& records() { return records_; }
    const Slots& records() const { return records_; }
 
-   // Keeps the records as long as the file (call after create/attach/growth).
+   // Keeps the records as long as the file (call after create/attach/growth; the writer's
+   // allocation of a slot that grows the file calls it within the growth's yield budget).
    void syncRecords(CriticalYield* yield = nullptr) {
       if (records_.size() < numSlots()) records_.resize(numSlots(), yield);
-   }
-
-   uint32_t allocSlot(const std::string& name, bool criticalCheck = false) {
-      if (header()->freeSlots.load(std::memory_order_relaxed) != kNone) {
-         return SlotFile::allocSlot(name);
-      }
-      CriticalYield yield(criticalCheck);  // one budget for the file and the records
-      const uint32_t s = SlotFile::allocSlot(name, &yield);
-      syncRecords(&yield);
-      return s;
    }
 
   private:
