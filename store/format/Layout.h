@@ -19,7 +19,7 @@
 // All multi-byte fields are little-endian (the only byte order this library runs on; checked
 // below). Every word that can change while another process maps the file is a std::atomic of a
 // width that is always lock-free, so the layout is also the memory model: the writer publishes
-// with release stores, readers copy under a version word (reader/SeqLock.h). That includes the
+// with release stores, readers copy under a version word (SeqRead.h). That includes the
 // magic and relume words a writer rewrites in place (re-formatting a file readers still map,
 // re-stamping the relume after a restart). Fields written only while a file is not yet published
 // (before its magic, or before it is renamed into place) are plain.
