@@ -13,8 +13,8 @@
 
 #include "Region/MappedFile.h"
 #include "store/DeepValidate.h"
-#include "store/slab/Slab.h"
 #include "store/format/SlotTable.h"
+#include "store/slab/Slab.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // SharedBytes: copying bytes in and out of shared memory (slab payloads, headers).
 //
 // A reader may copy an entry while the writer reuses it for another value (the reader's re-check
-// of the slot's flags word then discards the copy: SeqRead.h). Both sides therefore move payload bytes with
-// relaxed atomic accesses: 8-byte words while both addresses allow it, single bytes otherwise.
-// This is what the hardware does for a memcpy anyway; spelling it as atomics keeps the protocol a
-// data-race-free program (and ThreadSanitizer quiet). Ordering comes from the fences and version
-// words around the copy, never from these accesses.
+// of the slot's flags word then discards the copy: SeqRead.h). Both sides therefore move payload
+// bytes with relaxed atomic accesses: 8-byte words while both addresses allow it, single bytes
+// otherwise. This is what the hardware does for a memcpy anyway; spelling it as atomics keeps the
+// protocol a data-race-free program (and ThreadSanitizer quiet). Ordering comes from the fences and
+// version words around the copy, never from these accesses.
 #pragma once
 
 #include <atomic>

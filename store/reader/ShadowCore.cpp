@@ -84,7 +84,7 @@ bool ShadowCore::quiesced() const {
 }
 
 uint32_t ShadowCore::capacity() const {
-   return header_ ? SlotTable::numSlots(*header_) : 0;
+   return header_ ? numSlots() : 0;
 }
 
 uint32_t ShadowCore::numSlots() const {

@@ -26,9 +26,9 @@
 #include <memory>
 #include <string>
 
+#include "store/format/Layout.h"
 #include "store/writer/CriticalYield.h"
 #include "store/writer/HugePageBuffer.h"
-#include "store/format/Layout.h"
 
 namespace Region {
 class MappedFile;

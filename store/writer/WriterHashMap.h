@@ -31,8 +31,8 @@
 #include <type_traits>
 
 #include "Spoor/Trace.h"
-#include "store/writer/BucketWriter.h"
 #include "store/KeyTraits.h"
+#include "store/writer/BucketWriter.h"
 #include "store/writer/SlotWriterTable.h"
 
 namespace Dock {

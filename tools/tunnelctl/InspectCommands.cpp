@@ -23,8 +23,8 @@
 #include "StrictJson.h"
 #include "store/DeepValidate.h"
 #include "store/format/Layout.h"
-#include "store/slab/LinearSizeConfig.h"
 #include "store/format/SlotTable.h"
+#include "store/slab/LinearSizeConfig.h"
 
 namespace TunnelCtl {
 
