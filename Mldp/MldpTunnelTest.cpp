@@ -9,9 +9,9 @@
 #include "Mldp/MldpTunnelTable.h"
 #include "Mldp/MldpTunnelTableEntry.h"
 #include "TunnelTable/TunnelMount.h"
-#include "TunnelTable/TunnelTableFamilyTests.h"
 #include "Vela/ArraySizeError.h"
 #include "testing/Expect.h"
+#include "testing/TunnelTableFamilyTests.h"
 
 namespace Tunnel::TunnelTable {
 

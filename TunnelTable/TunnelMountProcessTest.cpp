@@ -18,11 +18,11 @@
 #include "Loom/EventLoop.h"
 #include "Region/Error.h"
 #include "TunnelTable/TunnelMount.h"
-#include "TunnelTable/TunnelTableFamilyTests.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vault/MountService.h"
 #include "Vela/TypeRegistry.h"
 #include "testing/TempRoot.h"
+#include "testing/TunnelTableFamilyTests.h"
 
 namespace {
 

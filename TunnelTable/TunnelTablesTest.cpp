@@ -8,8 +8,8 @@
 
 #include "Spoor/Trace.h"
 #include "TunnelTable/EvpnVxlanTunnelTable.h"
-#include "TunnelTable/TunnelTableFamilyTests.h"
 #include "TunnelTable/TunnelTables.h"
+#include "testing/TunnelTableFamilyTests.h"
 
 namespace Tunnel::TunnelTable {
 namespace FamilyTest {

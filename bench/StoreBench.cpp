@@ -28,7 +28,7 @@
 #include "Loom/Clock.h"
 #include "Loom/EventLoop.h"
 #include "store/DockMap.h"
-#include "store/WriterTestValue.h"
+#include "testing/WriterTestValue.h"
 
 namespace {
 

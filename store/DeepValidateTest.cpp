@@ -13,9 +13,9 @@
 #include "Region/StoreRoot.h"
 #include "store/DeepValidate.h"
 #include "store/format/SlotTable.h"
-#include "store/slab/SlabTestValue.h"
 #include "store/slab/WriterAllocator.h"
 #include "testing/Expect.h"
+#include "testing/SlabTestValue.h"
 #include "testing/TempRoot.h"
 
 namespace {

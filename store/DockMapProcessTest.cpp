@@ -23,7 +23,7 @@
 #include "Region/RelumeFile.h"
 #include "Region/StoreRoot.h"
 #include "store/DockMap.h"
-#include "store/StoreTestSupport.h"
+#include "testing/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace {

@@ -20,12 +20,12 @@
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
 #include "Vela/Exception.h"
-#include "store/StoreTestSupport.h"
 #include "store/reader/DockReader.h"
 #include "store/reader/DockShadow.h"
 #include "store/reader/ShadowHashMap.h"
 #include "store/writer/DockWriter.h"
 #include "testing/Expect.h"
+#include "testing/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace Dock {

@@ -27,16 +27,16 @@
 
 #include "Loom/CorruptionException.h"
 #include "Spoor/Trace.h"
-#include "store/StoreTestSupport.h"
 #include "store/format/SeqRead.h"
 #include "store/slab/DynamicSlotAllocator.h"
 #include "store/slab/ReaderAllocator.h"
 #include "store/slab/SlabIntent.h"
 #include "store/slab/SlabReader.h"
-#include "store/slab/SlabTestValue.h"
 #include "store/slab/WriterAllocator.h"
 #include "store/writer/DockWriter.h"
 #include "testing/Expect.h"
+#include "testing/SlabTestValue.h"
+#include "testing/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace {

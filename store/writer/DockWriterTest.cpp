@@ -16,11 +16,11 @@
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
 #include "Vela/Hash.h"
-#include "store/StoreTestSupport.h"
 #include "store/format/SlotTable.h"
 #include "store/writer/DockWriter.h"
 #include "store/writer/HugePageBuffer.h"
 #include "testing/Expect.h"
+#include "testing/StoreTestSupport.h"
 #include "testing/TempRoot.h"
 
 namespace {

@@ -9,8 +9,8 @@
 
 #include "Loom/EventLoop.h"
 #include "store/DockConfig.h"
-#include "store/WriterTestValue.h"
 #include "store/format/Layout.h"
+#include "testing/WriterTestValue.h"
 
 namespace DockTest {
 
