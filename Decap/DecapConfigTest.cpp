@@ -13,10 +13,13 @@
 #include "Vault/MountService.h"
 #include "Vela/TypeRegistry.h"
 #include "testing/Expect.h"
+#include "testing/RunUntil.h"
 #include "testing/TempRoot.h"
 
 namespace Tunnel::Decap {
 namespace {
+
+using Testing::runUntil;
 
 using Wirekit::IpGenPrefix;
 
@@ -108,29 +111,6 @@ TEST(DecapConfigDeathTest, KeyCheckAssertsOnAMismatch) {
 
 // ---- a writer process and a reader's copy ----
 
-struct Pipe {
-   int fds[2] = {-1, -1};
-   Pipe() { EXPECT_EQ(::pipe(fds), 0); }
-   ~Pipe() {
-      ::close(fds[0]);
-      ::close(fds[1]);
-   }
-   bool send() const { return ::write(fds[1], "x", 1) == 1; }
-   bool receive() const {
-      char c;
-      return ::read(fds[0], &c, 1) == 1;
-   }
-};
-
-bool runUntil(Loom::EventLoop& loop, const std::function<bool()>& done) {
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-   while (!done()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      loop.runOnce(std::chrono::milliseconds(10));
-   }
-   return true;
-}
-
 using Content = std::map<std::string, std::string>;
 Content contentOf(const Config& c) {
    Content out;
@@ -147,7 +127,7 @@ Vela::Ptr<Config> mount(Vault::MountService& service, bool writer, Loom::EventLo
 
 TEST(DecapConfigProcess, AReaderFollowsTheWriterKeyByKey) {
    Testing::TempRoot root;
-   Pipe mounted, filled, go;
+   Testing::Pipe mounted, filled, go;
    const pid_t writer = Testing::forkChild([&] {
       ::alarm(60);
       Loom::EventLoop loop;
@@ -182,7 +162,6 @@ TEST(DecapConfigProcess, AReaderFollowsTheWriterKeyByKey) {
                         {"group:g1", valueToStrep(*group("g1"))},
                         {"group:g2", valueToStrep(*group("g2", "2001:db8::/32"))}};
    EXPECT_TRUE(runUntil(loop, [&] { return copy->ready() && contentOf(*copy) == loaded; }));
-   EXPECT_EQ(contentOf(*copy), loaded);
    EXPECT_EQ(
        early.heard,
        (std::map<std::string, int>{

@@ -12,10 +12,13 @@
 #include "Loom/EventLoop.h"
 #include "Pike/PikeCollection.h"
 #include "testing/Expect.h"
+#include "testing/RunUntil.h"
 #include "testing/TempRoot.h"
 
 namespace Pike {
 namespace {
+
+using Testing::runUntil;
 
 constexpr Vela::AttributeId attrChild{900};
 constexpr Vela::AttributeId attrValue{901};
@@ -52,15 +55,6 @@ struct Counting : Vela::Entity::Notifiee {
    void onAttribute(Vela::AttributeId attr, const void*) override { ++calls[attr.value]; }
    std::map<uint32_t, int> calls;
 };
-
-bool runUntil(Loom::EventLoop& loop, const std::function<bool()>& done, int seconds = 20) {
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-   while (!done()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      loop.runOnce(std::chrono::milliseconds(5));
-   }
-   return true;
-}
 
 TEST(PikeRecord, ByteFormRoundTripsAndRejectsWhatDoesNotAddUp) {
    PikeRecord r;

@@ -1,6 +1,6 @@
 // The FIB builder and the re-resolving client, with the protocol tables written by other
-// processes: shared encapsulations written before their first user and removed after their last,
-// each entry kind's form, refusals; and random churn of RSVP, LDP and BGP labelled-unicast tunnels
+// processes: shared, counted encapsulations written before their first user and removed after
+// their last, a refusal; random churn of RSVP, LDP and BGP labelled-unicast tunnels
 // riding on each other (loops made and broken, inner labels changed, stacks too deep), checked
 // step by step against a brute-force model, with the tables' writer killed and replaced midway.
 #include <gtest/gtest.h>
@@ -20,10 +20,13 @@
 #include "TunnelTable/TunnelTables.h"
 #include "Vault/MountService.h"
 #include "Wirekit/Errors.h"
+#include "testing/RunUntil.h"
 #include "testing/TempRoot.h"
 
 namespace Tunnel::TunnelFib {
 namespace {
+
+using Testing::runUntil;
 
 using namespace TunnelTable;
 using Wirekit::IntfId;
@@ -74,15 +77,6 @@ struct OrderChecker : Vela::Entity::Notifiee {
    std::vector<std::string> faults;
 };
 
-// Runs `loop` until `done` or 15 s; returns done().
-bool runUntil(Loom::EventLoop& loop, const std::function<bool()>& done) {
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-   while (!done() && std::chrono::steady_clock::now() < deadline) {
-      loop.runOnce(std::chrono::milliseconds(5));
-   }
-   return done();
-}
-
 // A tables writer in a child process: `steps` run one by one, each when the parent says go, the
 // child answering on `done` after each.
 struct ChildWriter {
@@ -125,6 +119,7 @@ Vela::Ptr<Table> writerOf(const TunnelTableMounter& m, TunnelTableIdentifier id)
 }
 
 constexpr int kRsvp = 4, kLdp = 8, kBgp = 6;
+const TunnelId kDeep = tid(TunnelType::bgpLuTunnel, kBgp + 1);
 
 // What one tunnel is: the tunnel (or none) its single via rides on, and the labels it pushes.
 struct Spec {
@@ -221,84 +216,6 @@ void write(const TunnelTableMounter& m, const Op& op) {
    }
 }
 
-TEST(TunnelFibBuilder, EncapsulationsAreSharedCountedAndWrittenAroundTheirEntries) {
-   Testing::TempRoot root;
-   const TunnelId ldp1 = tid(TunnelType::ldpTunnel, 1), ldp2 = tid(TunnelType::ldpTunnel, 2);
-   const TunnelId frr = tid(TunnelType::rsvpFrrTunnel, 1),
-                  gre = tid(TunnelType::staticInterfaceTunnel, 1);
-   const TunnelId lu = tid(TunnelType::bgpLuTunnel, 1), deep = tid(TunnelType::bgpLuTunnel, 2);
-   GreTunnelInfo greInfo;
-   greInfo.dstAddrIs(IpGenAddr::ipv4(0x0B000001));
-   ChildWriter child;
-   child.start(
-       {[&](const TunnelTableMounter& m) {
-           // Two LDP tunnels to 10.0.0.1 on Ethernet1 pushing 100.
-           write(m, {ldp1, Spec{{}, 1, {100}}}), write(m, {ldp2, Spec{{}, 1, {100}}});
-           RsvpFrrTunnelTableEntry f(frr);
-           f.viaIs(
-               MplsVia(IpGenAddr::ipv4(0x0A000002), ethernet(2), MplsLabelOperation::push({7})));
-           f.backupViaIs(MplsVia(IpGenAddr::ipv4(0x0A000003), ethernet(3)));
-           f.seqNoIs(TunnelEntrySequenceNumber(9));
-           writerOf<RsvpFrrTunnelTable>(m, TunnelTableIdentifier::rsvpFrrTunnelTable)->entryIs(f);
-           GreIntfTunnelTableEntry g(gre);
-           g.viaIs(0, Via(IpGenAddr::ipv4(0x0A000004), ethernet(4)));
-           g.viaIs(1, Via(IpGenAddr::ipv4(0x0A000005), ethernet(5)));
-           g.tunnelInfoIs(greInfo);
-           writerOf<GreIntfTunnelTable>(m, TunnelTableIdentifier::greIntfTunnelTable)->entryIs(g);
-           write(m, {lu, Spec{ldp1, 0, {300}}});
-           write(m, {deep, Spec{ldp1, 0, std::vector<uint32_t>(1100, 16)}});
-        },
-        [&](const TunnelTableMounter& m) {
-           write(m, {ldp2, Spec{{}, 1, {101}}}), write(m, {ldp1, std::nullopt});
-        }});
-   ASSERT_TRUE(child.stepDone());
-
-   Loom::EventLoop loop;
-   auto service = Vela::makePtr<Vault::MountService>();
-   TunnelTableMounter mounter(service, loop);
-   TunnelFibBuilder builder(mounter);
-   TunnelFib& fib = *builder.tunnelFib();
-   OrderChecker order(fib);
-   fib.notifieeAdd(&order);
-   ASSERT_TRUE(runUntil(loop, [&] { return builder.settled() && fib.entryCount() == 5; }));
-
-   // Equal stacks share one encapsulation; its references are the vias naming it.
-   const EncapId shared = fib.entry(ldp1).tunnelVia(0).encapId();
-   EXPECT_EQ(shared.encapType(), EncapType::labelStack);
-   EXPECT_EQ(fib.entry(ldp2).tunnelVia(0).encapId(), shared);
-   EXPECT_EQ(builder.encapReferences(shared), 2u);
-   EXPECT_EQ(fib.labelStackEncap(shared).labelStack(), pushOf({100}));
-   const TunnelFibEntry f = fib.entry(frr);
-   EXPECT_FALSE(f.arePrimaryViasUsable());
-   EXPECT_EQ(f.seqNo(), TunnelEntrySequenceNumber(9));
-   EXPECT_EQ(f.backupTunnelVia().count(), 1u);
-   EXPECT_EQ(f.backupTunnelVia(0).encapId(), EncapId());  // no labels, no encapsulation
-   const TunnelFibEntry g = fib.entry(gre);
-   ASSERT_EQ(g.tunnelVia().count(), 2u);
-   EXPECT_EQ(g.tunnelVia(0).encapId(), g.tunnelVia(1).encapId());
-   EXPECT_EQ(fib.greEncap(g.tunnelVia(0).encapId()).tunnelInfo(), greInfo);
-   // The BGP labelled-unicast tunnel stays tunnel over tunnel; the deep one is refused.
-   const TunnelVia luVia = fib.entry(lu).tunnelVia(0);
-   EXPECT_EQ(luVia.intfId(), riding(ldp1));
-   EXPECT_EQ(fib.labelStackEncap(luVia.encapId()).labelStack(), pushOf({300}));
-   EXPECT_FALSE(fib.entryHas(deep));
-   ASSERT_EQ(builder.refused().count(deep), 1u);
-   EXPECT_EQ(
-       builder.refused().at(deep),
-       "a label stack of 1100 labels, deeper than the 1024 a label stack encapsulation holds");
-
-   child.next();
-   ASSERT_TRUE(child.stepDone());
-   ASSERT_TRUE(runUntil(loop, [&] { return builder.settled() && !fib.entryHas(ldp1); }));
-   EXPECT_FALSE(fib.labelStackEncapHas(shared));  // its last user went
-   EXPECT_EQ(fib.labelStackEncap(fib.entry(ldp2).tunnelVia(0).encapId()).labelStack(),
-             pushOf({101}));
-   EXPECT_EQ(fib.labelStackEncapCount(), 3u);  // 101, the FRR's 7 and BGP-LU's 300
-   EXPECT_EQ(order.faults, std::vector<std::string>());
-   fib.notifieeDel(&order);
-   child.kill();
-}
-
 // ---- churn against a model ----
 
 // The brute-force resolution of one tunnel: its final vias, nothing (no entry, a loop, an inner
@@ -340,10 +257,12 @@ bool reachesLoop(const Model& model, TunnelId t) {
 }
 
 // The first difference between the FIB and client and what the model says, or "".
-std::string mismatch(const Model& model, const TunnelFib& fib,
+std::string mismatch(const Model& model, const TunnelFibBuilder& builder,
                      const TunnelResolutionClient& client) {
+   const TunnelFib& fib = *builder.tunnelFib();
    if (fib.entryCount() != model.size()) return "entry count " + std::to_string(fib.entryCount());
    std::set<UnboundedMplsLabelOperation> stacks;
+   std::map<EncapId, uint32_t> references;  // equal stacks share one encapsulation
    for (const auto& [id, spec] : model) {
       const std::string name = valueToStrep(id);
       const std::optional<TunnelFibEntry> e = fib.entryIf(id);
@@ -353,6 +272,7 @@ std::string mismatch(const Model& model, const TunnelFib& fib,
       if (labels != pushOf(spec.labels)) return name + ": labels " + valueToStrep(labels);
       if (spec.inner != TunnelId() && v.intfId() != riding(spec.inner)) return name + ": inner";
       stacks.insert(labels);
+      ++references[v.encapId()];
       std::vector<TunnelId> path;
       const Resolution want = resolve(model, id, path);
       const auto got = client.result(id);
@@ -362,7 +282,12 @@ std::string mismatch(const Model& model, const TunnelFib& fib,
       if (got && std::set<MplsVia>(got->viaInfo().begin(), got->viaInfo().end()) != want.set)
          return name + ": resolved vias differ";
    }
-   if (fib.labelStackEncapCount() != stacks.size()) return "orphan or missing label stacks";
+   if (fib.labelStackEncapCount() != stacks.size() || references.size() != stacks.size()) {
+      return "orphan, missing or unshared label stacks";
+   }
+   for (const auto& [id, n] : references) {
+      if (builder.encapReferences(id) != n) return "references of " + valueToStrep(id);
+   }
    return "";
 }
 
@@ -380,6 +305,8 @@ TEST(TunnelFibBuilder, ChurnOfTablesInAnotherProcessResolvesAsTheModelSays) {
             writerOf<LdpTunnelTable>(m, TunnelTableIdentifier::ldpTunnelTable)->entryDelAll();
             writerOf<BgpLuTunnelTable>(m, TunnelTableIdentifier::bgpLuTunnelTable)->entryDelAll();
             for (const auto& [id, spec] : *restart) write(m, Op{id, spec});
+            // Too deep a stack for an encapsulation: refused, no entry.
+            write(m, Op{kDeep, Spec{tid(TunnelType::ldpTunnel, 1), 0, std::vector(1100, 16u)}});
          });
       }
       for (int i = from; i < to; ++i) {
@@ -416,10 +343,17 @@ TEST(TunnelFibBuilder, ChurnOfTablesInAnotherProcessResolvesAsTheModelSays) {
       std::string last;
       runUntil(loop, [&] {
          if (!builder.settled() || client.pending()) return false;
-         last = mismatch(model, *builder.tunnelFib(), client);
+         last = mismatch(model, builder, client);
          return last.empty();
       });
       ASSERT_EQ(last, "");
+      if (i == kKillAfter) {
+         EXPECT_EQ(
+             builder.refused(),
+             (std::map<TunnelId, std::string>{{kDeep,
+                                               "a label stack of 1100 labels, deeper than the "
+                                               "1024 a label stack encapsulation holds"}}));
+      }
       for (const auto& [id, spec] : model) {
          sawError = sawError || client.error(id).has_value();
          if (reachesLoop(model, id)) {

@@ -1,7 +1,7 @@
 // The command-line tunnel RIB tree: get-or-create without a second notification, the
 // re-creation error that changes nothing, tunnelIdIs notifying every time, deletion of subtrees
-// down to the store's records, the candidates' presentation order, the type names and the
-// factory by type name.
+// down to the store's records, the candidates' presentation order (the candidate key's order),
+// the type names and the factory by type name.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -31,8 +31,6 @@ TEST(TunnelPikeStatus, GetOrCreateNotifiesOnceReCreationChangesNothingAndTypeNam
    auto rib = status->cliTunnelRibCollIs("tunnelRib", TunnelRibId(0));
    EXPECT_EQ(status->cliTunnelRibCollIs("tunnelRib", TunnelRibId(0)), rib);
    EXPECT_EQ(onStatus.calls[attrCliTunnelRibColl.value], 1);
-   EXPECT_EQ(rib->parent(), status.get());
-   EXPECT_EQ(rib->id(), TunnelRibId(0));
 
    EXPECT_EQ(Testing::errorText<Vela::RecreationException>(
                  [&] { status->cliTunnelRibCollIs("coloredTunnelRib", TunnelRibId(0)); }),
@@ -42,25 +40,16 @@ TEST(TunnelPikeStatus, GetOrCreateNotifiesOnceReCreationChangesNothingAndTypeNam
    EXPECT_EQ(status->cliTunnelRibColl().size(), 1u);
    EXPECT_EQ(onStatus.calls[attrCliTunnelRibColl.value], 1);
 
-   Counting onRib, onEntry, onCandidate;
-   rib->notifieeAdd(&onRib);
    auto entry = rib->entryIs(kTep);
    EXPECT_EQ(rib->entryIs(kTep), entry);
-   EXPECT_EQ(onRib.calls[Vela::attrEntry.value], 1);
-   EXPECT_EQ(entry->coloredTep(), kTep);
-   entry->notifieeAdd(&onEntry);
    auto candidate = entry->candidatesIs(kLdp);
-   EXPECT_EQ(entry->candidatesIs(kLdp), candidate);
-   EXPECT_EQ(onEntry.calls[attrCandidates.value], 1);
-
+   // tunnelIdIs notifies every time, even with the id already there.
+   Counting onCandidate;
    candidate->notifieeAdd(&onCandidate);
    candidate->tunnelIdIs(kTunnel);
    candidate->tunnelIdIs(kTunnel);
    EXPECT_EQ(candidate->tunnelId().size(), 1u);
    EXPECT_EQ(onCandidate.calls[attrTunnelId.value], 2);
-   candidate->tunnelIdDel(kTunnel);
-   candidate->tunnelIdDel(kTunnel);
-   EXPECT_EQ(onCandidate.calls[attrTunnelId.value], 3);
 
    // The type names the tree is stored under, and the names of its nodes.
    EXPECT_EQ(status->fwkType(), "Tunnel::TunnelTable::TunnelPikeStatus");
@@ -75,9 +64,10 @@ TEST(TunnelPikeStatus, GetOrCreateNotifiesOnceReCreationChangesNothingAndTypeNam
    EXPECT_EQ(created->name(), "cli");
 }
 
-// Candidates are presented best first: entryPref, then the type's default preference (RSVP 45
-// before LDP 55 before IS-IS SR 65, though RSVP's number is the highest), then entryMetric, then
-// the type number (IS-IS SR 7 before flex-algo 21, which share 65).
+// Candidates are presented best first: entryPref, whatever the rest, then the type's default
+// preference (RSVP 45 before LDP 55 before IS-IS SR 65, though RSVP's number is the highest), not
+// the type number, then entryMetric, then the type number (IS-IS SR 7 before flex-algo 21, which
+// share 65). Every pair is compared both ways; each key is equal only to itself.
 TEST(TunnelPikeStatus, CandidatesInPresentationOrder) {
    auto entry = Vela::makePtr<InternalCliTunnelRibEntry>(kTep);
    const std::vector<InternalTunnelCandidateId> ordered = {
@@ -85,6 +75,7 @@ TEST(TunnelPikeStatus, CandidatesInPresentationOrder) {
        {TunnelType::ldpTunnel, 1, 6},          {TunnelType::isisSrTunnel, 1, 3},
        {TunnelType::isisFlexAlgoTunnel, 1, 3}, {TunnelType::rsvpLerTunnel, 2, 0},
    };
+   Testing::expectStrictOrder(ordered);
    for (auto it = ordered.rbegin(); it != ordered.rend(); ++it) entry->candidatesIs(*it);
    EXPECT_EQ(entry->candidatesInOrder(), ordered);
    entry->candidatesDel(ordered[2]);

@@ -18,6 +18,7 @@
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vault/MountService.h"
+#include "testing/RunUntil.h"
 #include "testing/TempRoot.h"
 
 namespace Tunnel::TunnelTable {
@@ -191,18 +192,8 @@ TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndA
       return writeOps<SrTePolicyTunnelTable>(TunnelTableIdentifier::srTePolicyTunnelTable,
                                              policyOps, 0, policyOps.size(), policyEntry);
    });
-   const auto runFor = [&](pid_t pid) {
-      // The builder's loop runs while the child writes, so its readers keep up.
-      int code = -1;
-      while (code < 0) {
-         loop.runOnce(std::chrono::milliseconds(5));
-         int status = 0;
-         if (::waitpid(pid, &status, WNOHANG) == pid) {
-            code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-         }
-      }
-      return code;
-   };
+   // The builder's loop runs while the child writes, so its readers keep up.
+   const auto runFor = [&](pid_t pid) { return Testing::runUntilExit(loop, pid); };
    EXPECT_EQ(runFor(ldp1), 128 + SIGKILL);
    const pid_t ldp2 = Testing::forkChild([&] {
       return writeOps<LdpTunnelTable>(TunnelTableIdentifier::ldpTunnelTable, ldpOps, 200,
@@ -219,7 +210,6 @@ TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndA
    const auto expected = model(all);
 
    // Settled, and every table's final content taken in.
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
    const auto matches = [&] {
       if (!builder.settled()) return false;
       size_t n = 0;
@@ -232,10 +222,7 @@ TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndA
       }
       return n == builder.tunnelRib()->entryCount() + builder.coloredTunnelRib()->entryCount();
    };
-   while (!matches() && std::chrono::steady_clock::now() < deadline) {
-      loop.runOnce(std::chrono::milliseconds(10));
-   }
-   ASSERT_TRUE(matches());
+   ASSERT_TRUE(Testing::runUntil(loop, matches));
    EXPECT_FALSE(builder.tunnelRib()->tunnelRibEntryHas(endpointPrefix(99)));
    EXPECT_GT(builder.coloredTunnelRib()->entryCount(), 0u);
    EXPECT_GE(builder.counters().reconciles, 1u);
@@ -265,13 +252,10 @@ TEST(TunnelRibBuilder, RibsMatchABruteForceModelAfterChurnFromOtherProcessesAndA
          }
          return got;
       };
-      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-      while (tree() != classes && std::chrono::steady_clock::now() < until) {
-         readerLoop.runOnce(std::chrono::milliseconds(10));
-      }
-      return tree() == classes ? 0 : 1;
+      return Testing::runUntil(readerLoop, [&] { return tree() == classes; }) ? 0 : 1;
    });
-   EXPECT_EQ(Testing::waitChild(reader), 0);
+   // The builder's loop keeps running: the tree's last changes reach the store from it.
+   EXPECT_EQ(runFor(reader), 0);
 }
 
 }  // namespace

@@ -87,23 +87,16 @@ TEST(TunnelRibEntryDeathTest, StringConstructorAsserts) {
                 "\\(Tunnel/TunnelTable:");
 }
 
-TEST(TunnelRibEntryTest, DeletionTrimsTrailingHolesOnly) {
-   TunnelRibEntry e = withIds({1, 0, 2}, {1, 0, 2});
-   EXPECT_EQ(num(e.tunnelIdDel(2)) + num(e.tunnelBwDel(e.tunnelBw().begin() + 2)), 4);
+// Each deletion reaches its array (the deletion rule itself is FixedArray's, pinned by its own
+// test); hasTunnelId looks at live places only.
+TEST(TunnelRibEntryTest, DeletionsAndLivePlaces) {
+   TunnelRibEntry e = withIds({1, 2, 3}, {1, 0, 2});
+   EXPECT_EQ(num(e.tunnelIdDel(2)) + num(e.tunnelBwDel(e.tunnelBw().begin() + 2)), 5);
+   EXPECT_EQ(num(e.tunnelIdDel(e.tunnelId().begin() + 1)), 2);
    EXPECT_EQ(live(e.tunnelId()), std::vector<double>{1});
    EXPECT_EQ(live(e.tunnelBw()), std::vector<double>{1});
-   e = withIds({1, 2});
-   EXPECT_EQ(num(e.tunnelIdDel(e.tunnelId().begin())) + num(e.tunnelIdDel(5)), 1);
-   EXPECT_EQ(live(e.tunnelId()), (std::vector<double>{0, 2}));
-
-   // A shrunk count keeps old contents: writing past it revives them, but not in a copy.
-   e = withIds({1, 2, 3});
-   e.tunnelIdDel(2), e.tunnelIdDel(1);
-   TunnelRibEntry copy = e;
-   EXPECT_FALSE(e.hasTunnelId(ldp(2)));
-   e.tunnelIdIs(3, ldp(4)), copy.tunnelIdIs(3, ldp(4));
-   EXPECT_EQ(live(e.tunnelId()), (std::vector<double>{1, 2, 3, 4}));
-   EXPECT_EQ(live(copy.tunnelId()), (std::vector<double>{1, 0, 0, 4}));
+   EXPECT_FALSE(e.hasTunnelId(ldp(2)));  // still in a stale place
+   EXPECT_TRUE(e.hasTunnelId(ldp(1)));
 }
 
 TEST(TunnelRibEntryTest, AddTunnelWithBw) {

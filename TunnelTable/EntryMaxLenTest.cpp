@@ -4,7 +4,7 @@
 // room.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <map>
 #include <string_view>
 #include <vector>
 
@@ -78,33 +78,27 @@ uint32_t largestWrittenLen() {
    return n;
 }
 
-struct Kind {
-   std::string_view entryTypeName;
-   uint32_t (*largestWrittenLen)();
-};
-
+// Each kind's type name with the length of its largest entry.
 template <typename... E>
-std::vector<Kind> kinds() {
-   return {Kind{E::kTypeName, &largestWrittenLen<E>}...};
+std::map<std::string_view, uint32_t> largestWrittenLens() {
+   return {{E::kTypeName, largestWrittenLen<E>()}...};
 }
 
 TEST(EntryMaxLen, EveryTableIsSizedForTheLargestEntryOfItsKind) {
-   const std::vector<Kind> all =
-       kinds<BgpLuTunnelTableEntry, BgpLuPushTunnelTableEntry, LdpTunnelTableEntry,
-             SrTunnelTableEntry, RsvpFrrTunnelTableEntry, RsvpLerSubTunnelTableEntry,
-             TiLfaTunnelTableEntry, RsvpLerTunnelTableEntry, StaticTunnelTableEntry,
-             NexthopGroupTunnelTableEntry, SrTeSegmentListTunnelTableEntry, GreIntfTunnelTableEntry,
-             IpsecVtiIntfTunnelTableEntry, IpsecGreIntfTunnelTableEntry, SrTePolicyTunnelTableEntry,
-             NimboSdkSbfdSessionTunnelTableEntry, FlexAlgoTunnelTableEntry, EvpnVxlanTunnelEntry>();
+   const auto largest = largestWrittenLens<
+       BgpLuTunnelTableEntry, BgpLuPushTunnelTableEntry, LdpTunnelTableEntry, SrTunnelTableEntry,
+       RsvpFrrTunnelTableEntry, RsvpLerSubTunnelTableEntry, TiLfaTunnelTableEntry,
+       RsvpLerTunnelTableEntry, StaticTunnelTableEntry, NexthopGroupTunnelTableEntry,
+       SrTeSegmentListTunnelTableEntry, GreIntfTunnelTableEntry, IpsecVtiIntfTunnelTableEntry,
+       IpsecGreIntfTunnelTableEntry, SrTePolicyTunnelTableEntry,
+       NimboSdkSbfdSessionTunnelTableEntry, FlexAlgoTunnelTableEntry, EvpnVxlanTunnelEntry>();
    const std::vector<TableRow> rows = TableRegistry::rows();
    ASSERT_FALSE(rows.empty());
    for (const TableRow& row : rows) {
       SCOPED_TRACE(row.type->typeName);
-      const auto kind = std::find_if(all.begin(), all.end(), [&](const Kind& k) {
-         return k.entryTypeName == row.type->entryTypeName;
-      });
-      ASSERT_NE(kind, all.end()) << "no largest entry made for " << row.type->entryTypeName;
-      EXPECT_EQ(row.type->maxEntryLen, kind->largestWrittenLen());
+      const auto kind = largest.find(row.type->entryTypeName);
+      ASSERT_NE(kind, largest.end()) << "no largest entry made for " << row.type->entryTypeName;
+      EXPECT_EQ(row.type->maxEntryLen, kind->second);
    }
 }
 

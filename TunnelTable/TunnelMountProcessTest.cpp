@@ -4,23 +4,20 @@
 // quiesced, also while the table is still empty; the writer restarts under them; cleanup removes
 // the files. Every child is bounded by an alarm and every wait by a deadline.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <thread>
 
 #include "Loom/EventLoop.h"
 #include "Region/Error.h"
 #include "TunnelTable/TunnelMount.h"
 #include "TunnelTable/TunnelTables.h"
 #include "Vault/MountService.h"
-#include "Vela/TypeRegistry.h"
+#include "testing/RunUntil.h"
 #include "testing/TempRoot.h"
 #include "testing/TunnelTableFamilyTests.h"
 
@@ -29,7 +26,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace Tunnel::TunnelTable;
 using std::chrono::milliseconds;
-using Tunnel::TunnelTable::FamilyTest::runUntil;
+using Testing::Pipe;
+using Testing::runUntil;
 
 constexpr TunnelTableIdentifier kLdp = TunnelTableIdentifier::ldpTunnelTable;
 constexpr uint64_t kSentinel = 9999;  // its igpMetric names the writer phase that wrote last
@@ -55,28 +53,6 @@ std::map<uint64_t, uint32_t> finalMetrics() {
    m[kSentinel] = 2;
    return m;
 }
-
-// ---- pipes between the test and its agents ----
-
-struct Pipe {
-   int r = -1, w = -1;
-   Pipe() {
-      int fds[2];
-      if (::pipe(fds) == 0) r = fds[0], w = fds[1];
-   }
-   ~Pipe() {
-      ::close(r);
-      ::close(w);
-   }
-   void send(char c) const { (void)!::write(w, &c, 1); }
-   // The next byte, or 0 when none came within `timeout`.
-   char receive(milliseconds timeout) const {
-      pollfd p{r, POLLIN, 0};
-      if (::poll(&p, 1, int(timeout.count())) != 1) return 0;
-      char c = 0;
-      return ::read(r, &c, 1) == 1 ? c : 0;
-   }
-};
 
 struct KeyCounter : Vela::Entity::Notifiee {
    std::map<uint64_t, int> perIndex;
@@ -201,28 +177,21 @@ TEST(TunnelMountProcess, KeyshadowReadersFollowWritersAcrossARestartAndCleanupRe
    for (pid_t& r : readers) {
       r = Testing::forkChild([&] { return readerAgent(readersReady, readersGo); });
    }
-   auto killAll = [&] {
+   // On a failure every child is killed; the waits below then report how each one ended.
+   const auto killAll = [&](const char* what) {
       for (pid_t p : {writer1, readers[0], readers[1]}) ::kill(p, SIGKILL);
+      ADD_FAILURE() << what;
    };
-   for (int i = 0; i < 2; ++i) {
-      if (readersReady.receive(milliseconds(30000)) != 'r') {
-         killAll();
-         for (pid_t p : readers) EXPECT_EQ(Testing::waitChild(p), 0) << "reader " << p;
-         Testing::waitChild(writer1);
-         FAIL() << "readers did not synchronise on the empty table";
-      }
-   }
+   const auto fromBothReaders = [&](char c) {
+      return readersReady.receive(milliseconds(30000)) == c &&
+             readersReady.receive(milliseconds(30000)) == c;
+   };
+   if (!fromBothReaders('r')) killAll("readers did not synchronise on the empty table");
    readersGo.send('g');
    readersGo.send('g');
    writerGo.send('g');
-   ASSERT_EQ(writerReady.receive(milliseconds(30000)), 'd');
-   for (int i = 0; i < 2; ++i) {
-      if (readersReady.receive(milliseconds(30000)) != 'p') {
-         killAll();
-         ADD_FAILURE() << "readers did not see the first writer's entries";
-         break;
-      }
-   }
+   EXPECT_EQ(writerReady.receive(milliseconds(30000)), 'd');
+   if (!fromBothReaders('p')) killAll("readers did not see the first writer's entries");
    ::kill(writer1, SIGKILL);
    EXPECT_EQ(Testing::waitChild(writer1), 128 + SIGKILL);
 
@@ -239,7 +208,9 @@ TEST(TunnelMountProcess, KeyshadowReadersFollowWritersAcrossARestartAndCleanupRe
    EXPECT_FALSE(mounter.cleanup(kLdp));
 }
 
-TEST(TunnelMountProcess, SecondWriterInAnotherProcessIsRefusedUntilTheFirstUnmounts) {
+// One writer per table across processes: another process's writer is refused while this one is
+// mounted and takes the table once it unmounts.
+TEST(TunnelMountProcess, WriterMountIsSharedAndRefusedToAnotherProcessUntilUnmounted) {
    registerTunnelTableTypes();
    Testing::TempRoot root;
    Loom::EventLoop loop;
@@ -271,88 +242,6 @@ TEST(TunnelMountProcess, SecondWriterInAnotherProcessIsRefusedUntilTheFirstUnmou
    EXPECT_FALSE(sr->hasStore());
    EXPECT_FALSE(mounter.unmount(TunnelTableIdentifier::isisSrTunnelTable));
    EXPECT_EQ(Testing::waitChild(otherWriter()), 0);
-}
-
-class NotATable : public Vela::Entity, public Vault::Mountable {
-  public:
-   using Vela::Entity::Entity;
-   void controlIs(const Vela::String&, const Vela::Ptr<VelaDock::CollectionControl>&) override {}
-   void handleParent(const Vela::Ptr<Vela::Entity>&) override {}
-   void unmountIs() override {}
-};
-
-TEST(TunnelMountProcess, MountedEntityThatIsNotATableYieldsNoTable) {
-   Testing::TempRoot root;
-   Vela::TypeRegistry::instance().typeIs(
-       "Test::NotATable", [](const Vela::String& n) { return Vela::makePtr<NotATable>(n); });
-   Loom::EventLoop loop;
-   auto service = Vela::makePtr<Vault::MountService>();
-   TunnelTableMounter mounter(service, loop);
-   const TunnelTableInfo info("Test::NotATable", "odd");
-   EXPECT_FALSE(mounter.readMountTable(info));
-   EXPECT_TRUE(service->mounted("tunnel/table/odd"));
-   VelaDock::MountInfo entry;
-   entry.collectionIs("entry", 8);
-   EXPECT_FALSE(mounter.writeMountTable(TunnelTableInfo("Test::NotATable", "odd2"), entry));
-   Vela::TypeRegistry::instance().typeDel("Test::NotATable");
-}
-
-// The same mounts with the writer agent and a reader agent as threads of one process, each with its
-// own event loop and mount service (run under ThreadSanitizer too).
-TEST(TunnelMountThreads, ReaderThreadFollowsWriterThread) {
-   registerTunnelTableTypes();
-   Testing::TempRoot root;
-   std::atomic<bool> writerMounted{false};
-   std::atomic<bool> readerSynced{false};
-   std::atomic<bool> readerDone{false};
-   std::atomic<int> writerResult{-1};
-   std::atomic<int> readerResult{-1};
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-   auto waitFor = [&](const std::atomic<bool>& flag) {
-      while (!flag.load(std::memory_order_acquire)) {
-         if (std::chrono::steady_clock::now() > deadline) return false;
-         std::this_thread::sleep_for(milliseconds(1));
-      }
-      return true;
-   };
-
-   std::thread writer([&] {
-      Loom::EventLoop loop;
-      TunnelTableMounter mounter(Vela::makePtr<Vault::MountService>(), loop);
-      auto table = Vela::dynamicPtrCast<LdpTunnelTable>(mounter.mountWriter(kLdp));
-      writerMounted.store(true, std::memory_order_release);
-      if (!table || !waitFor(readerSynced)) return writerResult.store(1);
-      for (uint64_t k = 1; k <= 100; ++k) table->entryIs(ldpEntry(k, uint32_t(k)));
-      for (uint64_t k = 1; k <= 20; ++k) table->entryDel(ldpId(k));
-      table->entryIs(ldpEntry(kSentinel, 2));
-      // The writer stays mounted until the reader has looked.
-      writerResult.store(waitFor(readerDone) ? 0 : 2);
-   });
-   std::thread reader([&] {
-      if (!waitFor(writerMounted)) return readerResult.store(1);
-      Loom::EventLoop loop;
-      TunnelTableMounter mounter(Vela::makePtr<Vault::MountService>(), loop);
-      auto table = Vela::dynamicPtrCast<LdpTunnelTable>(mounter.mountKeyshadow(kLdp));
-      if (!table) return readerResult.store(2);
-      auto control = table->entryControl();
-      const auto synced = [&] { return control->quiesced(); };
-      if (!runUntil(loop, synced, milliseconds(20000))) return readerResult.store(3);
-      readerSynced.store(true, std::memory_order_release);
-      const auto last = [&] { return table->entry(ldpId(kSentinel)).igpMetric() == 2; };
-      if (!runUntil(loop, last, milliseconds(20000))) return readerResult.store(4);
-      for (uint64_t k = 1; k <= 100; ++k) {
-         const auto got = table->entryIf(ldpId(k));
-         if (k <= 20 ? got.has_value() : !(got && *got == ldpEntry(k, uint32_t(k)))) {
-            return readerResult.store(5);
-         }
-      }
-      readerResult.store(table->entryCount() == 81 ? 0 : 6);
-   });
-   reader.join();
-   readerDone.store(true, std::memory_order_release);
-   writer.join();
-   EXPECT_EQ(writerResult.load(), 0);
-   EXPECT_EQ(readerResult.load(), 0);
 }
 
 }  // namespace

@@ -56,7 +56,7 @@ TEST(TunnelMount, EveryIdentifierGivesItsTypeMountNamePathAndEntryCollection) {
    }
 }
 
-TEST(TunnelMount, MountInfoTextAndTruth) {
+TEST(TunnelMount, MountInfoTextAndTruthAndMounterTruth) {
    const auto ldp = TunnelTableMounter::getMountInfo(TunnelTableIdentifier::ldpTunnelTable);
    const std::string text =
        "Value('Tunnel::TunnelTable::TunnelTableMountInfo', ** {'tableInfo': "
@@ -71,10 +71,8 @@ TEST(TunnelMount, MountInfoTextAndTruth) {
 
    // Its equality is the defaulted field-by-field one; truth is a type name being set.
    EXPECT_FALSE(TunnelTableMountInfo());
-}
 
-// (Its equality is the defaulted one over the handles.)
-TEST(TunnelMount, MounterIsTrueOnlyWithItsHandles) {
+   // The mounter (equality: the defaulted one over the handles) is true only with its handles.
    EXPECT_FALSE(TunnelTableMounter());
    Loom::EventLoop loop;
    auto service = Vela::makePtr<Vault::MountService>();

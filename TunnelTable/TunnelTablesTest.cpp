@@ -1,7 +1,6 @@
 // The family's shared behaviour over every protocol member (and the SR and flex-algo bases); what
-// the interface and EVPN tables add to it, the tables' traces and assertions, and a reader mounted
-// before its writer. (Readers following a restarting writer, in processes and in threads, are
-// checked through the mounter in TunnelMountProcessTest.cpp.)
+// the interface and EVPN tables add to it, and the tables' traces and assertions. (Readers
+// following a restarting writer are checked through the mounter in TunnelMountProcessTest.cpp.)
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -33,8 +32,6 @@ namespace {
 
 using FamilyTest::mountTable;
 using FamilyTest::Recorder;
-using FamilyTest::runUntil;
-using FamilyTest::waitChildFor;
 
 TunnelId ldpId(uint64_t index) {
    return TunnelId(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, index));
@@ -103,9 +100,10 @@ TEST(EvpnVxlanTunnelTableDeathTest, ExhaustedCounterAsserts) {
 
 class TunnelTableStore : public ::testing::Test {
   protected:
-   Vela::Ptr<LdpTunnelTable> writer(const std::string& path = "tunnel/table/ldp") {
+   Vela::Ptr<LdpTunnelTable> writer() {
       auto t = ldpTunnelTableFactory("ldp");
-      control_ = mountTable(t, VelaDock::writer(), root_.path(), path, loop_, parent_);
+      control_ =
+          mountTable(t, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop_, parent_);
       return t;
    }
    Testing::TempRoot root_;
@@ -129,6 +127,7 @@ TEST_F(TunnelTableStore, MountStatusAndQuiescedAreTracedAtLevel5) {
    auto t = writer();
    EXPECT_GE(atLevel5("mountStatus"), 1u);
    EXPECT_EQ(control_->mountStatus(), 1u);  // fresh files
+   EXPECT_EQ(t->mountParent(), parent_.get());
 
    cap.clear();
    t->entryIs(ldpEntry(1, 1));
@@ -142,6 +141,9 @@ TEST_F(TunnelTableStore, MountStatusAndQuiescedAreTracedAtLevel5) {
    t->entryNotifyMountStatus();
    t->getCurrentQuiescedState();
    EXPECT_EQ(cap.count("TunnelTable", ""), 0u);
+   t->unmountIs();
+   EXPECT_FALSE(t->hasStore());
+   EXPECT_EQ(t->mountParent(), nullptr);
 }
 
 TEST_F(TunnelTableStore, ControlChangeIsNotifiedAndOtherCollectionsRefused) {
@@ -158,50 +160,12 @@ TEST_F(TunnelTableStore, ControlChangeIsNotifiedAndOtherCollectionsRefused) {
    t->notifieeDel(&rec);
 }
 
-TEST_F(TunnelTableStore, SecondWriterIsRefusedAndUnmountReleasesTheFiles) {
-   auto first = writer();
-   first->entryIs(ldpEntry(1, 1));
-   auto second = ldpTunnelTableFactory("ldp2");
-   EXPECT_ANY_THROW(
-       mountTable(second, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop_, parent_));
-   EXPECT_FALSE(second->hasStore());
-   first->unmountIs();
-   EXPECT_FALSE(first->hasStore());
-   EXPECT_EQ(first->mountParent(), nullptr);
-   auto third = ldpTunnelTableFactory("ldp3");
-   mountTable(third, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop_, parent_);
-   EXPECT_TRUE(third->entry(ldpId(1)) == ldpEntry(1, 1));  // re-attached, entries kept
-   EXPECT_EQ(third->mountParent(), parent_.get());
-}
-
-TEST_F(TunnelTableStore, ReaderMountedBeforeTheWriterAttachesOnceFilesExist) {
-   auto reader = ldpTunnelTableFactory("reader");
-   auto rc =
-       mountTable(reader, VelaDock::keyshadow(), root_.path(), "tunnel/table/ldp", loop_, parent_);
-   EXPECT_FALSE(rc->quiesced());
-   const pid_t w = Testing::forkChild([&]() -> int {
-      Loom::EventLoop loop;
-      auto t = ldpTunnelTableFactory("ldp");
-      mountTable(t, VelaDock::writer(), root_.path(), "tunnel/table/ldp", loop, parent_);
-      t->entryIs(ldpEntry(3, 3));
-      return 0;
-   });
-   EXPECT_EQ(waitChildFor(w), 0);
-   EXPECT_TRUE(runUntil(loop_, [&] { return reader->entry(ldpId(3)) == ldpEntry(3, 3); }));
-   EXPECT_TRUE(runUntil(loop_, [&] { return rc->quiesced(); }));
-}
-
-TEST_F(TunnelTableStore, WritesOnATableThatIsNotTheWriterAssert) {
+TEST_F(TunnelTableStore, WritesByANonWriterAndCorruptionEndTheProcess) {
    GTEST_FLAG_SET(death_test_style, "threadsafe");
-   auto bare = ldpTunnelTableFactory("bare");
-   EXPECT_DEATH(bare->entryIs(ldpEntry(1, 1)),
+   EXPECT_DEATH(ldpTunnelTableFactory("bare")->entryIs(ldpEntry(1, 1)),
                 "assertion failed: entryIs on Tunnel::TunnelTable::LdpTunnelTable bare, which is "
                 "not the writer of its store");
-   EXPECT_DEATH(bare->entryDel(ldpId(1)), "entryDel on Tunnel::TunnelTable::LdpTunnelTable bare");
-}
 
-TEST_F(TunnelTableStore, CorruptionEndsTheProcessInNoMansLand) {
-   GTEST_FLAG_SET(death_test_style, "threadsafe");
    auto t = writer();
    t->entryIs(ldpEntry(1, 1));
    auto* w = t->store()->writer();

@@ -1,15 +1,15 @@
 // What the store's writer and reader tests share: a table configuration for DockTest::Value, the
-// writer's content as a map, an event-loop pump with a deadline, and the bit mixer the churn tests
-// derive their operations from.
+// writer's content as a map, the bit mixer the churn tests derive their operations from, and a
+// Value stored into a slab entry.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <map>
+#include <vector>
 
-#include "Loom/EventLoop.h"
 #include "store/DockConfig.h"
 #include "store/format/Layout.h"
+#include "store/slab/WriterAllocator.h"
 #include "testing/WriterTestValue.h"
 
 namespace DockTest {
@@ -39,23 +39,20 @@ std::map<uint64_t, Value> contents(W& w) {
    return out;
 }
 
-// Runs turns of `loop` until pred() holds; false when it still does not after `seconds`.
-template <class Pred>
-bool pump(Loom::EventLoop& loop, Pred pred, int seconds = 10) {
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-   while (!pred()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      loop.runOnce(std::chrono::milliseconds(50));
-   }
-   return true;
-}
-
 // splitmix64's finalizer: churn operations as a pure function of (seed, op index).
 inline uint64_t mix(uint64_t x) {
    x += 0x9e3779b97f4a7c15ull;
    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
    return x ^ (x >> 31);
+}
+
+// Serializes `v` into a new entry of `allocator` naming `slot`, as the table's writer does.
+inline Tessel::SlabValue storeValue(Tessel::WriterAllocator& allocator, uint32_t slot,
+                                    const Value& v) {
+   std::vector<uint8_t> bytes(v.serializeLen());
+   v.serialize(bytes.data());
+   return allocator.store(slot, bytes.data(), uint32_t(bytes.size()));
 }
 
 }  // namespace DockTest

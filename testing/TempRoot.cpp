@@ -1,5 +1,6 @@
 #include "testing/TempRoot.h"
 
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,6 +71,27 @@ int waitChild(pid_t pid) {
    if (WIFEXITED(status)) return WEXITSTATUS(status);
    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
    return -1;
+}
+
+Pipe::Pipe() {
+   int fds[2];
+   if (::pipe(fds) == 0) read_ = fds[0], write_ = fds[1];
+}
+
+Pipe::~Pipe() {
+   ::close(read_);
+   ::close(write_);
+}
+
+bool Pipe::send(char c) const {
+   return ::write(write_, &c, 1) == 1;
+}
+
+char Pipe::receive(std::chrono::milliseconds timeout) const {
+   pollfd p{read_, POLLIN, 0};
+   if (::poll(&p, 1, int(timeout.count())) != 1) return 0;
+   char c = 0;
+   return ::read(read_, &c, 1) == 1 ? c : 0;
 }
 
 std::string sourcePath(const std::string& relative) {

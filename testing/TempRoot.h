@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -29,6 +30,22 @@ pid_t forkChild(const std::function<int()>& body);
 
 // Waits for a child; returns its exit code, or 128 + signal number if a signal ended it.
 int waitChild(pid_t pid);
+
+// A pipe over which a test and its child processes say "ready" and "go" to each other, one byte
+// at a time; made before the fork, so both sides hold both ends.
+class Pipe {
+  public:
+   Pipe();
+   ~Pipe();
+   Pipe(const Pipe&) = delete;
+   Pipe& operator=(const Pipe&) = delete;
+   bool send(char c = 'x') const;
+   // The next byte, or 0 when none came within `timeout` (or the pipe failed).
+   char receive(std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+
+  private:
+   int read_ = -1, write_ = -1;
+};
 
 // Path of a file shipped with the sources (relative to the repository root).
 std::string sourcePath(const std::string& relative);

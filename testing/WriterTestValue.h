@@ -1,14 +1,7 @@
-// A value type for the store's writer tests: a 64-bit key and 1 to 600 "vias" of 76 bytes, with
-// its own checksum, so that any torn or foreign copy a reader makes is detected by deserialize().
-//
-//   struct Bytes { uint64_t key; uint32_t version; uint32_t count; uint8_t vias[count][76];
-//                  uint32_t check; }   // check: checkOf() over everything before it
-//
-// The check works on 8-byte words (a multiply and a shift per word) rather than byte by byte:
-// a byte-wise hash cost about 200 ns for a 1-via value, more than the store's own work for a
-// replacement, and it is not what the store measures. Any change confined to one word always
-// changes the check (each step is a bijection of the running state); the via bytes are also
-// compared one by one on deserialize, so a torn copy is caught either way.
+// A value type for the store's writer tests, so that deserialize() detects any torn or foreign
+// copy: { uint64 key; uint32 version; uint32 count; uint8 vias[count][76]; uint32 check }, where
+// check is checkOf() over all before it (by 8-byte words: cheap, and any change within one word
+// changes it) and every via byte is a function of (key, version, index), compared one by one.
 #pragma once
 
 #include <cstdint>

@@ -15,8 +15,6 @@ namespace {
 TEST(RelumeFile, WriteReadAndRejectDamage) {
    Testing::TempRoot root;
    EXPECT_EQ(Region::RelumeFile::read(root.path()), 0u);
-   Region::RelumeFile::write(root.path(), 0x12345678);
-   EXPECT_EQ(Region::RelumeFile::read(root.path()), 0x12345678u);
    Region::RelumeFile::write(root.path(), 7);
    EXPECT_EQ(Region::RelumeFile::read(root.path()), 7u);
 
@@ -44,11 +42,9 @@ TEST(RelumeFile, NextDiffersFromPreviousAndIsNeverZero) {
    std::set<uint32_t> seen;
    uint32_t r = 0;
    for (int i = 0; i < 1000; ++i) {
-      uint32_t n = Region::RelumeFile::next(r);
-      EXPECT_NE(n, 0u);
-      EXPECT_NE(n, r);
-      seen.insert(n);
-      r = n;
+      const uint32_t n = Region::RelumeFile::next(r);
+      EXPECT_TRUE(n != 0 && n != r) << n;
+      seen.insert(r = n);
    }
    EXPECT_GT(seen.size(), 990u);  // random, not a counter stuck on a few values
 }

@@ -17,26 +17,23 @@ using Wirekit::IpGenAddr;
 
 namespace {
 
+// Canonical text (lower case, longest zero run folded, IPv4 tail kept) through text, stream and
+// bytes. The exact byte form is pinned by the prefix test, which embeds the address form.
 TEST(IpGenAddr, TextValueAndBytesRoundTripInCanonicalForms) {
-   struct Row {
+   const struct {
       const char* in;
       const char* canonical;
       AddressFamily family;
-   };
-   const std::vector<Row> rows = {
-       {"10.0.0.1", "10.0.0.1", AddressFamily::ipv4},
-       {"0.0.0.0", "0.0.0.0", AddressFamily::ipv4},
+   } rows[] = {
        {"255.255.255.255", "255.255.255.255", AddressFamily::ipv4},
-       {"2001:db8::1", "2001:db8::1", AddressFamily::ipv6},
        {"2001:0DB8:0000:0000:0000:0000:0000:0001", "2001:db8::1", AddressFamily::ipv6},
        {"::", "::", AddressFamily::ipv6},
-       {"::1", "::1", AddressFamily::ipv6},
        {"1:0:0:1:0:0:0:1", "1:0:0:1::1", AddressFamily::ipv6},
        {"1:2:3:4:5:6:7:8", "1:2:3:4:5:6:7:8", AddressFamily::ipv6},
        {"::ffff:1.2.3.4", "::ffff:1.2.3.4", AddressFamily::ipv6},
        {"none", "none", AddressFamily::none},
    };
-   for (const Row& r : rows) {
+   for (const auto& r : rows) {
       SCOPED_TRACE(r.in);
       const IpGenAddr a(r.in);
       EXPECT_EQ(a.family(), r.family);
@@ -47,102 +44,55 @@ TEST(IpGenAddr, TextValueAndBytesRoundTripInCanonicalForms) {
    }
 }
 
-TEST(IpGenAddr, ByteFormIsFamilyThenNetworkOrderBytes) {
-   const std::array<uint8_t, 20> v4 = {4, 0, 0, 0, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-   EXPECT_EQ(bytesOf(IpGenAddr("10.0.0.1")), v4);
-   const std::array<uint8_t, 20> v6 = {6, 0, 0, 0, 0x20, 0x01, 0x0d, 0xb8, 0, 0,
-                                       0, 0, 0, 0, 0,    0,    0,    0,    0, 0x01};
-   EXPECT_EQ(bytesOf(IpGenAddr("2001:db8::1")), v6);
-   EXPECT_EQ(bytesOf(IpGenAddr()), (std::array<uint8_t, 20>{}));
-}
-
 TEST(IpGenAddr, RejectsInvalidTextWithParseError) {
    EXPECT_EQ(Wirekit::printableText(std::string("a\0b\n\x80", 5)), "a?b??");
-   const auto rejected = [](const std::string& t) {
-      SCOPED_TRACE(t);
+   for (const std::string& t : std::vector<std::string>{
+            "", " 10.0.0.1", "10.0.0.256", "010.0.0.1", "1.2.3.4.5", "2001:db8:::1",
+            "1:2:3:4:5:6:7:8:9", "None", std::string("10.0.0.1\0", 9)}) {
       EXPECT_EQ(Testing::errorText<Vela::ParseException>([&] { IpGenAddr{t}; }),
                 "invalid IP address '" + Wirekit::printableText(t) + "'");
-   };
-   for (const char* t : {"", " 10.0.0.1", "10.0.0.1 ", "10.0.0", "10.0.0.256", "010.0.0.1",
-                         "1.2.3.4.5", "10.0.0.-1", "2001:db8:::1", "2001:db8::1%eth0", "g::1",
-                         "1:2:3:4:5:6:7:8:9", "None", "none ", "10.0.0.1/32"}) {
-      rejected(t);
    }
-   rejected(std::string("10.0.0.1\0", 9));
-   rejected(std::string(80, '1'));
 }
 
-TEST(IpGenAddr, DefaultIsFamilyNoneAndHashIsOneAtATimeOverTheFamilysBytes) {
-   const IpGenAddr none;
-   EXPECT_TRUE(none.isNone());
-   EXPECT_FALSE(none.isUnspecified());
-   EXPECT_EQ(none.hash(), 0u);
-   EXPECT_EQ(none.byteLength(), 0u);
+// Unspecified is the all-zero address of a family, never none; the hash is one-at-a-time over the
+// family's bytes only, and 0 for none; the order is by family (none first), then bytes.
+TEST(IpGenAddr, AccessorsFactoriesHashAndOrder) {
+   EXPECT_FALSE(IpGenAddr().isUnspecified());
    EXPECT_TRUE(IpGenAddr("0.0.0.0").isUnspecified());
    EXPECT_TRUE(IpGenAddr("::").isUnspecified());
-   EXPECT_NE(IpGenAddr("0.0.0.0"), none);
-   EXPECT_NE(IpGenAddr("::"), IpGenAddr("0.0.0.0"));
-
+   EXPECT_FALSE(IpGenAddr("::1").isUnspecified());
+   EXPECT_EQ(IpGenAddr().hash(), 0u);
    const uint8_t v4[4] = {10, 0, 0, 1};
-   EXPECT_EQ(IpGenAddr("10.0.0.1").hash(), Vela::oneAtATime(v4, 4));
-   const auto v6 = IpGenAddr("2001:db8::1");
-   EXPECT_EQ(v6.hash(), Vela::oneAtATime(v6.bytes().data(), 16));
-   EXPECT_EQ(std::hash<IpGenAddr>()(v6), v6.hash());
-}
-
-TEST(IpGenAddr, OrdersByFamilyThenBytes) {
-   std::vector<IpGenAddr> sorted{IpGenAddr()};
-   for (const char* a : {"0.0.0.0", "9.255.255.255", "10.0.0.0", "10.0.0.1", "255.255.255.255",
-                         "::", "::1", "2001:db8::1", "ffff::"}) {
-      sorted.emplace_back(a);
-   }
-   Testing::expectStrictOrder(sorted);
-}
-
-TEST(IpGenAddr, V4AccessorAndFactoryAgree) {
-   const IpGenAddr a = IpGenAddr::ipv4(0x0A000001);
-   EXPECT_EQ(a, IpGenAddr("10.0.0.1"));
-   EXPECT_EQ(a.v4(), 0x0A000001u);
-   EXPECT_EQ(IpGenAddr::ipv4(0xC0A80102).stringValue(), "192.168.1.2");
+   EXPECT_EQ(IpGenAddr::ipv4(0x0A000001).hash(), Vela::oneAtATime(v4, 4));
    std::array<uint8_t, 16> b{};
    b[15] = 1;
    EXPECT_EQ(IpGenAddr::ipv6(b), IpGenAddr("::1"));
+   EXPECT_EQ(std::hash<IpGenAddr>()(IpGenAddr::ipv6(b)), Vela::oneAtATime(b.data(), 16));
+   EXPECT_EQ(IpGenAddr("192.168.1.2").v4(), 0xC0A80102u);
    EXPECT_DEATH(IpGenAddr("::1").v4(), "IpGenAddr::v4 of an address that is not IPv4");
-   EXPECT_DEATH(IpGenAddr().v4(), "IpGenAddr::v4 of an address that is not IPv4");
+   Testing::expectStrictOrder(std::vector<IpGenAddr>{IpGenAddr(), IpGenAddr("9.255.255.255"),
+                                                     IpGenAddr("10.0.0.0"), IpGenAddr("::"),
+                                                     IpGenAddr("::1"), IpGenAddr("ffff::")});
 }
 
+// The family is a 32-bit word of 0, 4 or 6; IPv4 leaves bytes 8-19 zero, none all address bytes.
 TEST(IpGenAddr, DeserializeRejectsUnknownFamiliesAndStrayBytes) {
-   std::array<uint8_t, 20> b{};
-   // Every family code but 0, 4 and 6, in each byte of the family word.
-   for (int pos = 0; pos < 4; ++pos) {
-      for (int v = 1; v < 256; ++v) {
-         b.fill(0);
-         b[pos] = static_cast<uint8_t>(v);
-         if (pos == 0 && (v == 4 || v == 6)) {
-            EXPECT_NO_THROW(IpGenAddr::deserialize(b.data()));
-         } else {
-            EXPECT_THROW(IpGenAddr::deserialize(b.data()), FormatError) << pos << " " << v;
-         }
-      }
+   const struct {
+      std::array<uint8_t, 20> bytes;
+      const char* error;
+   } cases[] = {
+       {{9}, "unknown address family 9"},
+       {{4, 0, 0, 1}, "unknown address family 16777220"},
+       {{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
+        "address bytes set for family none"},
+       {{4, 0, 0, 0, 0, 0, 0, 0, 1}, "bytes beyond an IPv4 address are set"},
+   };
+   for (const auto& c : cases) {
+      EXPECT_EQ(Testing::errorText<FormatError>([&] { IpGenAddr::deserialize(c.bytes.data()); }),
+                std::string("Wirekit::IpGenAddr: ") + c.error);
    }
-   b.fill(0);
-   b[0] = 9;
-   EXPECT_EQ(Testing::errorText<FormatError>([&] { IpGenAddr::deserialize(b.data()); }),
-             "Wirekit::IpGenAddr: unknown address family 9");
-   // Family none carries no address; IPv4 none beyond its 4 bytes.
-   for (int pos = 4; pos < 20; ++pos) {
-      b.fill(0);
-      b[pos] = 1;
-      EXPECT_THROW(IpGenAddr::deserialize(b.data()), FormatError) << pos;
-      b[0] = 4;
-      if (pos < 8) {
-         EXPECT_NO_THROW(IpGenAddr::deserialize(b.data())) << pos;
-      } else {
-         EXPECT_THROW(IpGenAddr::deserialize(b.data()), FormatError) << pos;
-      }
-      b[0] = 6;
-      EXPECT_NO_THROW(IpGenAddr::deserialize(b.data())) << pos;
-   }
+   const std::array<uint8_t, 20> lastV4Byte{4, 0, 0, 0, 0, 0, 0, 1};
+   EXPECT_EQ(IpGenAddr::deserialize(lastV4Byte.data()), IpGenAddr("0.0.0.1"));
 }
 
 }  // namespace

@@ -142,18 +142,4 @@ std::string headerString(const Header& h) {
        h.mostSlots.load(std::memory_order_relaxed), h.hashSeed, numSlots(h));
 }
 
-void linkFreeSlots(Header* h, uint32_t from, uint32_t to) {
-   Slot* s = slots(h);
-   uint32_t head = h->freeSlots.load(std::memory_order_relaxed);
-   for (uint32_t i = to; i-- > from;) {
-      // Keep the write counter (bits 2..31): a reader's copy of the slot's previous life must not
-      // validate against a recycled flags word.
-      s[i].flags.store(s[i].flags.load(std::memory_order_relaxed) & ~(kOccupied | kLookaside),
-                       std::memory_order_relaxed);
-      s[i].next.store(head, std::memory_order_relaxed);
-      head = i;
-   }
-   h->freeSlots.store(head, std::memory_order_release);
-}
-
 }  // namespace Dock::SlotTable

@@ -57,8 +57,4 @@ inline uint32_t resizeCounter(const Header& header) {
    return sizeWordCounter(header.sizeWord.load(std::memory_order_acquire));
 }
 
-// Writer helper: clears slots [from, to) and pushes them on the free list so that the list
-// yields them in ascending order (from first). REQUIRES: from <= to <= numSlots, slots unused.
-void linkFreeSlots(Header* header, uint32_t from, uint32_t to);
-
 }  // namespace Dock::SlotTable

@@ -1,5 +1,6 @@
-// The slot table header: format-time bytes, the checksum, the human-readable form and every
-// validation failure reached by a crafted header, in order.
+// The slot table header: format-time bytes, the checksum (against an independent reference over
+// exactly the constant fields), the human-readable form and every validation failure reached by a
+// crafted header.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -19,10 +20,10 @@ namespace SlotTable = Dock::SlotTable;
 constexpr uint32_t kSlots = 10;
 constexpr size_t kFileSize = SlotTable::fileSizeFor(kSlots);
 
-// An 8-byte aligned buffer of 0xEE bytes holding a header and 10 slots, formatted unless asked.
+// An 8-byte aligned buffer of 0xEE bytes holding a formatted header and 10 slots.
 struct Buffer {
-   explicit Buffer(bool formatted = true) : words((kFileSize + 7) / 8, 0xEEEEEEEEEEEEEEEEull) {
-      if (formatted) SlotTable::format(header(), "Test::Value", 48, 1000, 0x3, 5, 0xabcdef, kSlots);
+   Buffer() : words((kFileSize + 7) / 8, 0xEEEEEEEEEEEEEEEEull) {
+      SlotTable::format(header(), "Test::Value", 48, 1000, 0x3, 5, 0xabcdef, kSlots);
    }
    SlotTableHeader* header() { return reinterpret_cast<SlotTableHeader*>(words.data()); }
    uint8_t* bytes() { return reinterpret_cast<uint8_t*>(words.data()); }
@@ -52,7 +53,7 @@ uint32_t referenceChecksum(const uint8_t* file) {
    return h;
 }
 
-TEST(SlotTable, FormatLaysDownTheFormatTimeBytesAndPrintsThem) {
+TEST(SlotTable, FormatLaysDownTheFormatTimeBytesPrintsThemAndBoundsTheTypeName) {
    Buffer b;
    EXPECT_EQ(std::memcmp(b.bytes(), "DOCKSLOT", 8), 0);
    EXPECT_STREQ(reinterpret_cast<const char*>(b.bytes() + 20), "Test::Value");
@@ -81,38 +82,11 @@ TEST(SlotTable, FormatLaysDownTheFormatTimeBytesAndPrintsThem) {
                          referenceChecksum(b.bytes())));
    EXPECT_EQ(Dock::slabFileName(0), "slab.00");
    EXPECT_EQ(Dock::slabFileName(31), "slab.31");
-}
-
-TEST(SlotTable, ChecksumCoversTheConstantFieldsOnly) {
-   Buffer b;
-   const uint32_t sum = SlotTable::checksum(*b.header());
-   EXPECT_EQ(sum, referenceChecksum(b.bytes()));
-   // Mutable fields (and relume, magic, version, platform) are outside it.
-   for (size_t offset :
-        {0, 8, 12, 16, 546, 548, 552, 556, 560, 568, 572, 576, 580, 584, 588, 592, 596}) {
-      Buffer c = b;
-      c.bytes()[offset] ^= 0x5a;
-      EXPECT_EQ(SlotTable::checksum(*c.header()), sum) << "offset " << offset;
-   }
-   // Every byte of the covered fields is inside.
-   for (auto [from, len] : kCovered) {
-      for (size_t offset = from; offset < from + len; ++offset) {
-         Buffer c = b;
-         c.bytes()[offset] ^= 0x01;
-         ASSERT_NE(SlotTable::checksum(*c.header()), sum) << "offset " << offset;
-      }
-   }
-}
-
-TEST(SlotTable, TypeNameOf511IsAcceptedAnd512Refused) {
-   Buffer b(false);
+   // The longest type name, 511 characters, fits with its terminator; 512 are refused.
    const std::string n511(511, 'x');
    SlotTable::format(b.header(), n511, 8, 10, 0, 1, 0, kSlots);
    EXPECT_EQ(std::string(b.header()->valueType), n511);
-   EXPECT_EQ(b.header()->valueType[511], '\0');
    EXPECT_TRUE(b.valid(kFileSize, 0)) << b.reason;
-   EXPECT_NE(SlotTable::headerString(*b.header()).find("valueType:\"" + n511 + "\""),
-             std::string::npos);
    const std::string n512(512, 'y');
    EXPECT_EQ(Testing::errorText<Vela::Exception>(
                  [&] { SlotTable::format(b.header(), n512, 8, 10, 0, 1, 0, kSlots); }),
@@ -121,13 +95,12 @@ TEST(SlotTable, TypeNameOf511IsAcceptedAnd512Refused) {
    EXPECT_EQ(std::string(b.header()->valueType), n511);
 }
 
-struct Fault {
-   const char* name;
-   std::function<void(SlotTableHeader*, size_t& fileSize, uint32_t& wanted)> apply;
-   std::string message;
-};
-
-TEST(SlotTable, EveryValidationFailureIsReachedInOrderAndBoundariesPass) {
+TEST(SlotTable, EveryValidationFailureIsReachedAndBoundariesPass) {
+   struct Fault {
+      const char* name;
+      std::function<void(SlotTableHeader*, size_t& fileSize, uint32_t& wanted)> apply;
+      std::string message;
+   };
    const std::vector<Fault> all = {
        {"magic", [](SlotTableHeader* h, size_t&, uint32_t&) { h->magic = 0x1234; },
         "bad magic: 1234"},
@@ -169,27 +142,9 @@ TEST(SlotTable, EveryValidationFailureIsReachedInOrderAndBoundariesPass) {
       }
       EXPECT_FALSE(b.valid(fileSize, wanted)) << all[k].name;
       EXPECT_EQ(b.reason, want) << all[k].name;
-      // Any later fault as well does not change the report: the checks stop at the first.
-      for (size_t j = k + 1; j < all.size(); ++j) {
-         Buffer c;
-         size_t size2 = kFileSize;
-         uint32_t wanted2 = 5;
-         all[k].apply(c.header(), size2, wanted2);
-         all[j].apply(c.header(), size2, wanted2);
-         EXPECT_FALSE(c.valid(size2, wanted2));
-         // Faults that set the same input overwrite each other: the file size, and numSlots
-         // (which the slot-count checks compare against).
-         const std::string kn = all[k].name, jn = all[j].name;
-         if (kn == "headerSize" || kn == "fileSize" || (kn == "numSlots" && jn == "shmemSize") ||
-             (jn == "numSlots" && (kn == "occupied" || kn == "freeSlots" || kn == "mostSlots"))) {
-            continue;
-         }
-         EXPECT_EQ(c.reason, want) << all[k].name << " + " << all[j].name;
-      }
    }
-   // Boundary headers that are valid.
+   // Boundary headers that are valid. (Any relume when none is wanted: the type name check.)
    Buffer b;
-   EXPECT_TRUE(b.valid(kFileSize, 0));  // any relume is accepted when none is wanted
    // A full table: no free slot, every slot occupied.
    b.header()->occupiedSlots = kSlots;
    b.header()->freeSlots = Dock::kNone;
@@ -203,21 +158,6 @@ TEST(SlotTable, EveryValidationFailureIsReachedInOrderAndBoundariesPass) {
    b.header()->occupiedSlots = 3;
    b.header()->freeSlots = 3;
    EXPECT_TRUE(b.valid()) << b.reason;
-}
-
-TEST(SlotTable, LinkFreeSlotsYieldsAscendingOrderAndKeepsCounters) {
-   Buffer b;
-   Dock::Slot* s = SlotTable::slots(b.header());
-   for (uint32_t i = 0; i < kSlots; ++i) s[i].flags.store(8 | Dock::kOccupied | Dock::kLookaside);
-   SlotTable::linkFreeSlots(b.header(), 4, kSlots);
-   SlotTable::linkFreeSlots(b.header(), 0, 2);
-   std::vector<uint32_t> order;
-   for (uint32_t i = b.header()->freeSlots.load(); i != Dock::kNone; i = s[i].next.load()) {
-      order.push_back(i);
-      EXPECT_EQ(s[i].flags.load(), 8u);
-   }
-   EXPECT_EQ(order, (std::vector<uint32_t>{0, 1, 4, 5, 6, 7, 8, 9}));
-   EXPECT_EQ(s[2].flags.load(), 8u | Dock::kOccupied | Dock::kLookaside);
 }
 
 }  // namespace
