@@ -173,38 +173,31 @@ TEST(Pike, ReaderSeesAFlushAtATimeAndFollowsDeletions) {
 // another: the reader's copy follows each step; the new writer's ids are all new.
 TEST(Pike, ReaderInAnotherProcessFollowsChangesAndAWriterRestart) {
    Testing::TempRoot root;
-   int toWriter[2], fromWriter[2];
-   ASSERT_EQ(::pipe(toWriter), 0);
-   ASSERT_EQ(::pipe(fromWriter), 0);
-   const auto step = [](int fd) {
-      char c = 0;
-      return ::read(fd, &c, 1) == 1;
-   };
-   const auto say = [](int fd) { return ::write(fd, "x", 1) == 1; };
+   Testing::Pipe toWriter, fromWriter;
    const pid_t first = Testing::forkChild([&] {
       PikeWriter writer("pike/p");
       auto tree = Vela::makePtr<Node>("root", 0u);
       writer.rootIs(*tree);
       for (uint32_t i = 1; i <= 50; ++i) tree->childIs(i)->values.insert(i);
       tree->handleFlush();
-      say(fromWriter[1]);
-      step(toWriter[0]);
+      fromWriter.send();
+      toWriter.receive();
       for (uint32_t i = 1; i <= 25; ++i) tree->children.del(i);
       tree->childIs(50)->values.insert(5000);
       tree->handleFlush();
-      say(fromWriter[1]);
-      step(toWriter[0]);  // killed here
+      fromWriter.send();
+      toWriter.receive();  // killed here
       return 0;
    });
    Loom::EventLoop loop;
-   ASSERT_TRUE(step(fromWriter[0]));
+   ASSERT_TRUE(fromWriter.receive());
    PikeReader reader("pike/p", loop);
    auto copy = Vela::makePtr<Node>("root", 0u);
    reader.rootIs(*copy);
    ASSERT_TRUE(runUntil(loop, [&] { return copy->children.size() == 50; }));
    const uint64_t firstRootId = copy->pikeId();
-   say(toWriter[1]);
-   ASSERT_TRUE(step(fromWriter[0]));
+   toWriter.send();
+   ASSERT_TRUE(fromWriter.receive());
    ASSERT_TRUE(runUntil(loop, [&] {
       return copy->children.size() == 25 && copy->children.find(50) &&
              copy->children.find(50)->values.contains(5000);

@@ -110,8 +110,7 @@ TEST(TunnelFib, WriterOperationsNotifyByAttributeAndNeverCascade) {
 // that takes the files over from a killed one.
 TEST(TunnelFib, AReaderInAnotherProcessFollowsAWriterAndItsReplacement) {
    Testing::TempRoot root;
-   int ready[2];
-   ASSERT_EQ(::pipe(ready), 0);
+   Testing::Pipe ready;
    const auto writer = [&](std::function<void(TunnelFib&)> write) {
       return Testing::forkChild([&ready, write] {
          Loom::EventLoop loop;
@@ -119,8 +118,7 @@ TEST(TunnelFib, AReaderInAnotherProcessFollowsAWriterAndItsReplacement) {
          auto fib = mountTunnelFib(*service, true, loop);
          write(*fib);
          loop.runOnce(std::chrono::milliseconds(0));
-         char c = 1;
-         if (::write(ready[1], &c, 1) != 1) return 3;
+         if (!ready.send()) return 3;
          for (;;) loop.runOnce(std::chrono::milliseconds(10));
       });
    };
@@ -130,8 +128,7 @@ TEST(TunnelFib, AReaderInAnotherProcessFollowsAWriterAndItsReplacement) {
       fib.greEncapIs(GreEncap(EncapId(EncapType::gre, 2), greInfo(9)));
       for (uint64_t i = 1; i <= 3; ++i) fib.entryIs(entryOf(i, 1));
    });
-   char c;
-   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+   ASSERT_TRUE(ready.receive());
 
    Spoor::Capture capture(5);
    Loom::EventLoop loop;

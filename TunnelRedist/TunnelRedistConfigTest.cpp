@@ -131,9 +131,7 @@ TEST(TunnelRedistConfig, ANewWriterLeavesInTheStoreOnlyWhatItHolds) {
 
 TEST(TunnelRedistConfig, AReaderInAnotherProcessFollowsTheWriterAndRefusesWrites) {
    Testing::TempRoot root;
-   int ready[2], go[2];
-   ASSERT_EQ(::pipe(ready), 0);
-   ASSERT_EQ(::pipe(go), 0);
+   Testing::Pipe ready, go;
    // The writer: a first content, then (on the parent's word) a member moves and an entry goes.
    const pid_t writer = Testing::forkChild([&] {
       Loom::EventLoop loop;
@@ -144,8 +142,7 @@ TEST(TunnelRedistConfig, AReaderInAnotherProcessFollowsTheWriterAndRefusesWrites
       a->memberTunnelInfoIs(TunnelInfo(ldp(2), 20));
       config->entryIs(tep(2))->memberTunnelInfoIs(TunnelInfo(ldp(3), 30));
       loop.runOnce(std::chrono::milliseconds(0));
-      char c = 1;
-      if (::write(ready[1], &c, 1) != 1 || ::read(go[0], &c, 1) != 1) return 3;
+      if (!ready.send() || !go.receive()) return 3;
       a->memberTunnelInfoIs(TunnelInfo(ldp(2), 21));
       a->memberTunnelInfoDel(ldp(1));
       config->entryDel(tep(2));
@@ -153,8 +150,7 @@ TEST(TunnelRedistConfig, AReaderInAnotherProcessFollowsTheWriterAndRefusesWrites
       for (int i = 0; i < 100; ++i) loop.runOnce(std::chrono::milliseconds(10));
       return 0;
    });
-   char c;
-   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+   ASSERT_TRUE(ready.receive());
 
    Loom::EventLoop loop;
    auto service = Vela::makePtr<Vault::MountService>();
@@ -166,7 +162,7 @@ TEST(TunnelRedistConfig, AReaderInAnotherProcessFollowsTheWriterAndRefusesWrites
    EXPECT_EQ(until({{"10.0.0.1/32", {{1, 10}, {2, 20}}}, {"10.0.0.2/32", {{3, 30}}}}),
              (Content{{"10.0.0.1/32", {{1, 10}, {2, 20}}}, {"10.0.0.2/32", {{3, 30}}}}));
    EXPECT_TRUE(copy->synchronized());
-   ASSERT_EQ(::write(go[1], &c, 1), 1);
+   ASSERT_TRUE(go.send());
    const Content after{{"10.0.0.1/32", {{2, 21}}}, {"10.0.0.4/32", {{4, 40}}}};
    EXPECT_EQ(until(after), after);
    EXPECT_DEATH(copy->entryIs(tep(5)),
