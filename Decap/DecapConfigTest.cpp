@@ -103,10 +103,14 @@ TEST(DecapConfig, GroupsAreReplacedByIdentity) {
    config->notifieeDel(&r);
 }
 
-TEST(DecapConfigDeathTest, KeyCheckAssertsOnAMismatch) {
+// The group map's key check, and a group (it holds a collection) has no text constructor.
+TEST(DecapConfigDeathTest, KeyCheckAndGroupTextConstructorAssert) {
    checkDecapGroupKey("g1", *group("g1"));
    EXPECT_DEATH(checkDecapGroupKey("g1", *group("g2")),
                 "assertion failed: fwkKey\\(\\) == KeyFunktor\\(\\)\\( _value \\)");
+   const Vela::String text = "Value('Tunnel::Decap::DecapGroup', ** {})";
+   EXPECT_DEATH(Vela::makePtr<const DecapGroup>(text.begin(), text.end()),
+                "assertion failed: No String constructor for DecapGroup - has collection");
 }
 
 // ---- a writer process and a reader's copy ----

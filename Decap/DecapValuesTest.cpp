@@ -83,34 +83,6 @@ TEST(DecapGroup, TextFormAndContentEquality) {
    EXPECT_NE(*g, *decapGroupFactory("g1", DecapTunnelType::gre, g->decapIps()));
 }
 
-TEST(DecapGroupDeathTest, NoStringConstructor) {
-   const Vela::String text = "Value('Tunnel::Decap::DecapGroup', ** {})";
-   EXPECT_DEATH(Vela::makePtr<const DecapGroup>(text.begin(), text.end()),
-                "assertion failed: No String constructor for DecapGroup - has collection");
-}
-
-TEST(DecapRecords, GroupRecordRoundTripsIntoANewGroup) {
-   const DecapGroupRecord record{
-       decapGroupFactory("g1", DecapTunnelType::udp, prefixes(2), "blue")};
-   const uint32_t len = record.serializeLen();
-   ASSERT_EQ(len, 4u + 2 + 4 + 48);
-   std::vector<uint8_t> bytes(len + 8, 0xEE);
-   record.serialize(bytes.data());
-   EXPECT_EQ(Testing::hexBytes("03 02 04 02 6731 626c7565"),
-             std::vector<uint8_t>(bytes.begin(), bytes.begin() + 10));
-   EXPECT_EQ(DecapGroupRecord::deserializeLen(bytes.data(), len - 1), 0u);
-   EXPECT_EQ(DecapGroupRecord::deserializeLen(bytes.data(), len + 8), len);
-   DecapGroupRecord back;
-   back.deserialize(bytes.data(), len);
-   EXPECT_EQ(back, record);
-   EXPECT_NE(back.group, record.group);  // a new object
-   EXPECT_EQ(back.key(), DecapGroupName("g1"));
-
-   const DecapGroupRecord largest{decapGroupFactory(Vela::String(255, 'n'), DecapTunnelType::gre,
-                                                    prefixes(64), Vela::String(100, 'v'))};
-   EXPECT_EQ(largest.serializeLen(), DecapGroupRecord::kMaxSerializedLen);
-}
-
 // Bytes of a good byte form overwritten, and its length changed.
 struct Damage {
    const char* what;
@@ -134,9 +106,26 @@ void expectRefused(const Record& good, const std::vector<Damage>& damages) {
    }
 }
 
-TEST(DecapRecords, DamagedBytesAreRefused) {
+// Each record's byte form read back into an equal record, and refused when damaged.
+TEST(DecapRecords, ByteFormsReadBackAndDamagedBytesAreRefused) {
    // Header: type, name length, vrf length, count; name "g1", vrf "blue", two prefixes.
    const DecapGroupRecord group{decapGroupFactory("g1", DecapTunnelType::udp, prefixes(2), "blue")};
+   const uint32_t len = group.serializeLen();
+   ASSERT_EQ(len, 4u + 2 + 4 + 48);
+   std::vector<uint8_t> bytes(len + 8, 0xEE);
+   group.serialize(bytes.data());
+   EXPECT_EQ(Testing::hexBytes("03 02 04 02 6731 626c7565"),
+             std::vector<uint8_t>(bytes.begin(), bytes.begin() + 10));
+   EXPECT_EQ(DecapGroupRecord::deserializeLen(bytes.data(), len - 1), 0u);
+   EXPECT_EQ(DecapGroupRecord::deserializeLen(bytes.data(), len + 8), len);
+   DecapGroupRecord back;
+   back.deserialize(bytes.data(), len);
+   EXPECT_EQ(back, group);
+   EXPECT_NE(back.group, group.group);  // a new object
+   EXPECT_EQ(back.key(), DecapGroupName("g1"));
+   const DecapGroupRecord largest{decapGroupFactory(Vela::String(255, 'n'), DecapTunnelType::gre,
+                                                    prefixes(64), Vela::String(100, 'v'))};
+   EXPECT_EQ(largest.serializeLen(), DecapGroupRecord::kMaxSerializedLen);
    expectRefused(group, {{"short", 0, 0, 0, -1},
                          {"long", 0, 0, 0, 1},
                          {"tunnel type", 0, 1, 4, 0},
@@ -149,23 +138,21 @@ TEST(DecapRecords, DamagedBytesAreRefused) {
    expectRefused(ReadyRecord{true},
                  {{"short", 0, 0, 0, -1}, {"long", 0, 0, 0, 1}, {"not a bool", 0, 1, 2, 0}});
 
-   uint8_t bytes[3];
-   DestPortRecord{0x12B5, PayloadType::ethernet}.serialize(bytes);
-   EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 3), Testing::hexBytes("b512 04"));
+   uint8_t portBytes[3];
+   DestPortRecord{0x12B5, PayloadType::ethernet}.serialize(portBytes);
+   EXPECT_EQ(std::vector<uint8_t>(portBytes, portBytes + 3), Testing::hexBytes("b512 04"));
    DestPortRecord port;
-   port.deserialize(bytes, 3);
+   port.deserialize(portBytes, 3);
    EXPECT_EQ(port, (DestPortRecord{4789, PayloadType::ethernet}));
-}
 
-TEST(DecapRecords, GroupNameKeyHasAFixedByteForm) {
-   const auto bytes = Testing::bytesOf(DecapGroupName("ab"));
-   EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 4), Testing::hexBytes("02616200"));
-   EXPECT_EQ(DecapGroupName::deserialize(bytes.data()), DecapGroupName("ab"));
-   EXPECT_EQ(DecapGroupName::deserialize(bytes.data()).name(), "ab");
-   auto padded = bytes;
+   // The group name key: a length byte, the name, zero padding; a padded or empty name is refused.
+   const auto name = Testing::bytesOf(DecapGroupName("ab"));
+   EXPECT_EQ(std::vector<uint8_t>(name.begin(), name.begin() + 4), Testing::hexBytes("02616200"));
+   EXPECT_EQ(DecapGroupName::deserialize(name.data()).name(), "ab");
+   auto padded = name;
    padded[255] = 1;
    EXPECT_THROW(DecapGroupName::deserialize(padded.data()), Vela::Exception);
-   auto empty = bytes;
+   auto empty = name;
    empty[0] = 0;
    empty[1] = empty[2] = 0;
    EXPECT_THROW(DecapGroupName::deserialize(empty.data()), Vela::Exception);

@@ -1,13 +1,15 @@
 // The command-line tunnel RIB tree: get-or-create without a second notification, the
 // re-creation error that changes nothing, tunnelIdIs notifying every time, deletion of subtrees
 // down to the store's records, the candidates' presentation order (the candidate key's order),
-// the type names and the factory by type name.
+// the type names and the factory by type name; the candidate key's text form and parser errors.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
 
 #include "Pike/PikeWriter.h"
 #include "TunnelRib/TunnelPikeStatus.h"
+#include "Vela/Exception.h"
 #include "Vela/TypeRegistry.h"
 #include "testing/Expect.h"
 #include "testing/TempRoot.h"
@@ -119,6 +121,33 @@ TEST(TunnelPikeStatus, DeletionsReachTheStore) {
    status->cliTunnelRibCollDelAll();
    status->handleFlush();
    EXPECT_EQ(writer.map().members(), 2u);
+}
+
+TEST(InternalTunnelCandidateId, TextFormRoundTripsAndNamesTheAttributeThatFails) {
+   const InternalTunnelCandidateId id(TunnelType::rsvpLerTunnel, 7, 4000000000u);
+   const Vela::String text =
+       "Value('Tunnel::TunnelTable::InternalTunnelCandidateId', ** {'tunnelType': rsvpLerTunnel, "
+       "'entryPref': 7, 'entryMetric': 4000000000})";
+   EXPECT_EQ(valueToStrep(id), text);
+   EXPECT_EQ(InternalTunnelCandidateId(text.cbegin(), text.cend()), id);
+
+   const std::pair<const char*, const char*> bad[] = {
+       {"{'tunnelType': noSuchTunnel, 'entryPref': 7, 'entryMetric': 1}",
+        "cannot read attribute 'tunnelType' of "
+        "Tunnel::TunnelTable::InternalTunnelCandidateId: unknown tunnel type 'noSuchTunnel'"},
+       {"{'tunnelType': ldpTunnel, 'entryPref': x, 'entryMetric': 1}",
+        "cannot read attribute 'entryPref'"},
+       {"{'tunnelType': ldpTunnel, 'entryPref': 7, 'entryMetric': -1}",
+        "cannot read attribute 'entryMetric'"},
+   };
+   for (const auto& [fields, attribute] : bad) {
+      const Vela::String t =
+          Vela::String("Value('Tunnel::TunnelTable::InternalTunnelCandidateId', ** ") + fields +
+          ")";
+      EXPECT_THAT(Testing::errorText<Vela::Exception>(
+                      [&] { InternalTunnelCandidateId(t.cbegin(), t.cend()); }),
+                  ::testing::HasSubstr(attribute));
+   }
 }
 
 }  // namespace

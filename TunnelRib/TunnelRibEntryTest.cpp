@@ -1,13 +1,23 @@
+// The RIB entry's forms, operations and refusals; the two RIB tables: counted writes and deletes
+// with their asymmetries, the dump lines, and a reader in another process that sees what the
+// writer wrote.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
+#include "Loom/EventLoop.h"
+#include "TunnelRib/TunnelRib.h"
 #include "TunnelRib/TunnelRibEntry.h"
+#include "TunnelTable/TunnelMount.h"
+#include "Vault/MountService.h"
 #include "testing/Expect.h"
+#include "testing/RunUntil.h"
+#include "testing/TempRoot.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -143,28 +153,14 @@ TEST(TunnelRibEntryTest, EqualityComparesBandwidthsAsFloats) {
    EXPECT_FALSE(a == a || a == b);
 }
 
-TEST(TunnelRibEntryTest, ByteForm) {
+// The padding after entryPref is carried as it is, both ways; a refused record changes nothing;
+// the places of the value read into are not revived.
+TEST(TunnelRibEntryTest, ByteFormAndTheReadersRefusals) {
    std::vector<uint8_t> bytes(kSampleBytes.size(), 0xEE);
    ASSERT_EQ(sample().serializeLen(), bytes.size());
    sample().serialize(bytes.data());
    EXPECT_EQ(bytes, kSampleBytes);
    EXPECT_EQ(withIds({1, 2}).serializeLen(), 84u);
-
-   bytes[53] = 0xab, bytes[55] = 0xcd;  // the padding after entryPref is carried as it is
-   TunnelRibEntry back = withIds({1, 2, 3, 4});
-   back.deserialize(bytes.data(), uint32_t(bytes.size()));
-   EXPECT_EQ(back, sample());
-   std::vector<uint8_t> again(bytes.size());
-   back.serialize(again.data());
-   EXPECT_EQ(again, bytes);
-   back.tunnelIdIs(3, ldp(1));  // the old value's places do not revive
-   EXPECT_EQ(live(back.tunnelId()), (std::vector<double>{7, 9, 0, 1}));
-   back.tunnelIdDel(3), back.serialize(&back);  // onto itself: not even stale places change
-   back.tunnelIdIs(4, ldp(2));
-   EXPECT_EQ(live(back.tunnelId()), (std::vector<double>{7, 9, 0, 1, 2}));
-}
-
-TEST(TunnelRibEntryTest, ReadersRefuseBadRecords) {
    const uint32_t ok = sizeof(TunnelRibEntry);
    const std::string tooMany = "expected size <= 600, instead got 601. Buffer is at address: ";
    const struct {
@@ -172,7 +168,7 @@ TEST(TunnelRibEntryTest, ReadersRefuseBadRecords) {
       uint32_t value, length, deserializeLen;
       std::string error;  // "{}": the address of the bytes from `at` on
    } cases[] = {
-       {0, 4, 88, ok, "(no exception)"},
+       {52, 0xcd00ab06, 88, ok, "(no exception)"},
        {0, 4, 87, 0, "byte form truncated: 4 bytes needed at offset 84 of 87"},
        {0, 4, 63, 0, "byte form truncated: 4 bytes needed at offset 60 of 63"},
        {0, 4, 89, ok, "TunnelRibEntry record ends at byte 88, 1 bytes before its length"},
@@ -185,19 +181,114 @@ TEST(TunnelRibEntryTest, ReadersRefuseBadRecords) {
         "Tunnel::TunnelTable::TunnelId::maxValue not allowed"},
    };
    for (const auto& c : cases) {
-      std::vector<uint8_t> bytes = kSampleBytes;
+      bytes = kSampleBytes;
       bytes.resize(std::max<size_t>(bytes.size(), c.length));
       std::memcpy(bytes.data() + c.at, &c.value, 4);
       EXPECT_EQ(TunnelRibEntry::deserializeLen(bytes.data(), c.length), c.deserializeLen);
       std::string error = c.error;
       if (const size_t p = error.find("{}"); p != std::string::npos)
          error.replace(p, 2, fmt::format("{}", fmt::ptr(bytes.data() + c.at)));
-      TunnelRibEntry e = withIds({5});
+      TunnelRibEntry e = withIds({1, 2, 3, 4});
       const TunnelRibEntry expected = c.error == "(no exception)" ? sample() : e;
       EXPECT_EQ(Testing::errorText<Vela::Exception>([&] { e.deserialize(bytes.data(), c.length); }),
                 error);
-      EXPECT_EQ(e, expected);  // a refused record changes nothing
+      EXPECT_EQ(e, expected);
+      if (c.error != "(no exception)") continue;
+      std::vector<uint8_t> again(bytes.size());
+      e.serialize(again.data());
+      EXPECT_EQ(again, bytes);
+      e.tunnelIdIs(3, ldp(1));
+      EXPECT_EQ(live(e.tunnelId()), (std::vector<double>{7, 9, 0, 1}));
+      e.tunnelIdDel(3), e.serialize(&e);  // onto itself: not even stale places change
+      e.tunnelIdIs(4, ldp(2));
+      EXPECT_EQ(live(e.tunnelId()), (std::vector<double>{7, 9, 0, 1, 2}));
    }
+}
+
+// Counts notifications by attribute.
+struct Recorder : Vela::Entity::Notifiee {
+   void onAttribute(Vela::AttributeId attr, const void*) override { events.push_back(attr.value); }
+   size_t count(Vela::AttributeId attr) const {
+      return size_t(std::count(events.begin(), events.end(), attr.value));
+   }
+   std::vector<uint32_t> events;
+};
+
+Wirekit::IpGenPrefix prefix(uint32_t n) {
+   return Wirekit::IpGenPrefix(Wirekit::IpGenAddr::ipv4(0x0A000000u + n * 256), 24);
+}
+
+TunnelRibEntry entryOf(const ColoredTunnelEndpoint& tep, uint64_t tunnel) {
+   TunnelRibEntry e(tep);
+   e.metricIs(7);
+   e.addTunnelWithBw(ldp(tunnel), 1.5f);
+   return e;
+}
+
+struct RibTest : ::testing::Test {
+   Testing::TempRoot root;
+   Loom::EventLoop loop;
+   Vela::Ptr<Vault::MountService> service = Vela::makePtr<Vault::MountService>();
+   TunnelTableMounter mounter{service, loop};
+   Recorder recorder;
+};
+
+// The update counter: the plain RIB skips an equal write, the colored one counts it again; a
+// delete counts even when nothing is there. The plain RIB ignores the color asked about.
+TEST_F(RibTest, CountedWritesAndDeletesWithTheirAsymmetries) {
+   auto plain = mounter.mountWriterOf<TunnelRib>();
+   auto colored = mounter.mountWriterOf<ColoredTunnelRib>();
+   ASSERT_TRUE(plain && colored);
+   plain->notifieeAdd(&recorder);
+   const ColoredTunnelEndpoint red(prefix(1), 5), blue(prefix(1), 6);
+   plain->tunnelRibEntryIs(entryOf(prefix(1), 1));
+   plain->tunnelRibEntryIs(entryOf(prefix(1), 1));
+   EXPECT_EQ(plain->tunnelRibUpdateCounter(), 1u);
+   EXPECT_EQ(recorder.count(Vela::attrEntry), 1u);
+   EXPECT_EQ(recorder.count(attrTunnelRibUpdateCounter), 1u);
+   EXPECT_TRUE(plain->tunnelRibEntry(blue) == entryOf(prefix(1), 1));
+   colored->tunnelRibEntryIs(entryOf(red, 2));
+   colored->tunnelRibEntryIs(entryOf(red, 2));
+   EXPECT_EQ(colored->tunnelRibUpdateCounter(), 2u);
+   EXPECT_FALSE(colored->tunnelRibEntryHas(blue));
+   plain->tunnelRibEntryDel(prefix(9));
+   plain->tunnelRibEntryDel(blue);
+   EXPECT_EQ(plain->tunnelRibUpdateCounter(), 3u);
+   EXPECT_FALSE(plain->tunnelRibEntryHas(red));
+   plain->notifieeDel(&recorder);
+}
+
+TEST_F(RibTest, DumpLinesAndAReaderInAnotherProcess) {
+   auto colored = mounter.mountWriterOf<ColoredTunnelRib>();
+   colored->idIs(TunnelRibId(3));
+   colored->tunnelRibEntryIs(entryOf(ColoredTunnelEndpoint(prefix(1), 5), 4));
+   Vela::String dump;
+   colored->dumpState(dump, 2);
+   EXPECT_EQ(dump,
+             "  ColoredTunnelRib id 3\n"
+             "    tunnelRibUpdateCounter=1\n"
+             "    ColoredTunnelRibEntries dock seqno " +
+                 std::to_string(colored->storeSequence()) +
+                 "\n"
+                 "    entries #1\n"
+                 "    TunnelRibEntry 10.0.1.0/24 color 5 metric 7 metric2 0 pref 0 pref2 0\n"
+                 "      tunnelIds #1\n"
+                 "        type ldpTunnel index 4\n");
+   EXPECT_GT(colored->storeSequence(), 0u);
+
+   const TunnelRibEntry expected = entryOf(ColoredTunnelEndpoint(prefix(1), 5), 4);
+   const pid_t child = Testing::forkChild([&] {
+      Loom::EventLoop childLoop;
+      auto childService = Vela::makePtr<Vault::MountService>();
+      TunnelTableMounter childMounter(childService, childLoop);
+      auto reader = childMounter.mountKeyshadowOf<ColoredTunnelRib>();
+      if (!reader || reader->isWriter()) return 2;
+      // What was there at attach is taken in by the mount itself; per-key changes after it
+      // reach the RIB builder's tests.
+      if (!Testing::runUntil(childLoop, [&] { return reader->entryCount() == 1; })) return 3;
+      return reader->tunnelRibEntry(ColoredTunnelEndpoint(prefix(1), 5)) == expected ? 0 : 4;
+   });
+   EXPECT_EQ(Testing::waitChild(child), 0);
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
-// Test helpers for tunnel FIB entries: label-stack encapsulation ids, final vias, vias riding on
-// another tunnel, and entries made of them.
+// Test helpers for tunnel FIB entries: label-stack encapsulation ids, final vias and vias riding
+// on another tunnel.
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
 #include "TunnelFib/TunnelFibEntry.h"
 #include "Wirekit/IntfId.h"

@@ -29,7 +29,11 @@ bool runUntil(Loom::EventLoop& loop, const std::function<bool()>& done,
    return done();
 }
 
-TEST(EventLoopTasks, CriticalTasksRunBeforeNormalOnesAndEachPriorityKeepsPostingOrder) {
+// Critical tasks run first; each priority keeps posting order. A long task polling as the store
+// does while it rehashes runs the critical tasks then pending only, and one that polls in turn
+// gets 0, not a recursion. The polling finds the loop running on this thread (the innermost: a
+// round of another loop inside does not change it; other threads have none).
+TEST(EventLoopTasks, CriticalTasksRunFirstAlsoInsideALongTaskButNeverRecursively) {
    Loom::EventLoop loop;
    Strings order;
    auto note = [&](std::string s) { return [&order, s] { order.push_back(s); }; };
@@ -57,6 +61,39 @@ TEST(EventLoopTasks, CriticalTasksRunBeforeNormalOnesAndEachPriorityKeepsPosting
    start = Clock::now();
    EXPECT_FALSE(loop.runOnce(20500us));
    EXPECT_GE(Clock::now() - start, 20500us);
+
+   order.clear();
+   Loom::EventLoop inner;
+   size_t ranInside = 99, nested = 99;
+   EXPECT_EQ(Loom::EventLoop::current(), nullptr);  // not current outside its rounds
+   EXPECT_EQ(Loom::runPendingCriticalTasks(), 0u);
+   loop.post([&] {
+      order.push_back("long:start");
+      loop.post(note("normal"));
+      loop.postCritical([&] {
+         order.push_back("critical");
+         loop.postCritical(note("posted meanwhile"));
+         nested = Loom::runPendingCriticalTasks();
+      });
+      inner.post([&] { EXPECT_EQ(Loom::EventLoop::current(), &inner); });
+      EXPECT_TRUE(inner.runOnce(0ns));
+      std::thread([] { EXPECT_EQ(Loom::EventLoop::current(), nullptr); }).join();
+      ranInside = Loom::runPendingCriticalTasks();
+      order.push_back("long:end");
+   });
+   EXPECT_TRUE(loop.runOnce(0ns));
+   EXPECT_EQ(Loom::EventLoop::current(), nullptr);
+   EXPECT_EQ(ranInside, 1u);
+   EXPECT_EQ(nested, 0u);
+   EXPECT_EQ(order, (Strings{"long:start", "critical", "long:end"}));
+   EXPECT_TRUE(loop.runOnce(0ns));
+   EXPECT_EQ(order, (Strings{"long:start", "critical", "long:end", "posted meanwhile", "normal"}));
+   // Called directly while no thread runs the loop: only the critical tasks.
+   loop.post(note("n"));
+   loop.postCritical(note("c"));
+   EXPECT_EQ(loop.runCriticalTasks(), 1u);
+   EXPECT_EQ(order.back(), "c");
+   EXPECT_EQ(loop.pendingTasks(), 1u);
 }
 
 // A task or a timer from another thread wakes a loop blocked for 20 s; without the wake-up each
@@ -203,46 +240,6 @@ TEST(EventLoopFdHandlers, RefusedFdsRaiseAClearError) {
    EXPECT_EQ(refusal(fd),
              "event loop: epoll_ctl for fd " + std::to_string(fd) + " failed: Bad file descriptor");
    EXPECT_FALSE(loop.fdHandlerHas(fd));
-}
-
-// A long task polls as the store does while it rehashes: the critical tasks pending then run, the
-// normal ones and those posted meanwhile wait, and a critical task that reaches a long operation
-// gets 0 instead of a recursion. The polling finds the loop as the one running on this thread
-// (the innermost: a round of another loop inside does not change it; other threads have none).
-TEST(EventLoopCriticalTasks, LongTaskRunsPendingCriticalTasksOnlyAndNeverRecursively) {
-   Loom::EventLoop loop, inner;
-   Strings order;
-   size_t ranInside = 99, nested = 99;
-   auto note = [&](std::string s) { return [&order, s] { order.push_back(s); }; };
-   EXPECT_EQ(Loom::EventLoop::current(), nullptr);  // creating a loop does not make it current
-   EXPECT_EQ(Loom::runPendingCriticalTasks(), 0u);
-   loop.post([&] {
-      order.push_back("long:start");
-      loop.post(note("normal"));
-      loop.postCritical([&] {
-         order.push_back("critical");
-         loop.postCritical(note("posted meanwhile"));
-         nested = Loom::runPendingCriticalTasks();
-      });
-      inner.post([&] { EXPECT_EQ(Loom::EventLoop::current(), &inner); });
-      EXPECT_TRUE(inner.runOnce(0ns));
-      std::thread([] { EXPECT_EQ(Loom::EventLoop::current(), nullptr); }).join();
-      ranInside = Loom::runPendingCriticalTasks();
-      order.push_back("long:end");
-   });
-   EXPECT_TRUE(loop.runOnce(0ns));
-   EXPECT_EQ(Loom::EventLoop::current(), nullptr);
-   EXPECT_EQ(ranInside, 1u);
-   EXPECT_EQ(nested, 0u);
-   EXPECT_EQ(order, (Strings{"long:start", "critical", "long:end"}));
-   EXPECT_TRUE(loop.runOnce(0ns));
-   EXPECT_EQ(order, (Strings{"long:start", "critical", "long:end", "posted meanwhile", "normal"}));
-   // Called directly while no thread runs the loop: only the critical tasks.
-   loop.post(note("n"));
-   loop.postCritical(note("c"));
-   EXPECT_EQ(loop.runCriticalTasks(), 1u);
-   EXPECT_EQ(order.back(), "c");
-   EXPECT_EQ(loop.pendingTasks(), 1u);
 }
 
 TEST(EventLoopDeathTest, MisuseIsAnAssertion) {

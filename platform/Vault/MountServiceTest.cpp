@@ -1,6 +1,7 @@
-// The mount service against a small real mountable that, as writer, takes the owner file in each
-// collection's directory under the store root. (A writer in another process is refused by the
-// owner file, OwnerFileTest; through the mounter, TunnelMountProcessTest.)
+// Mount descriptions, collection controls, the database, and the mount service against a small
+// real mountable that, as writer, takes the owner file in each collection's directory under the
+// store root. (A writer in another process is refused by the owner file, OwnerFileTest; through
+// the mounter, TunnelMountProcessTest.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -11,7 +12,9 @@
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
 #include "Vault/MountError.h"
+#include "Vault/MountInfo.h"
 #include "Vault/MountService.h"
+#include "Vela/Exception.h"
 #include "Vela/TypeRegistry.h"
 #include "testing/Expect.h"
 #include "testing/TempRoot.h"
@@ -132,6 +135,7 @@ TEST_F(MountServiceTest, WriterMountBuildsThroughRegistryHandsControlsAndAttache
 
    auto control = service->control("tunnel/table/ldp", "entry");
    ASSERT_TRUE(control);
+   EXPECT_EQ(t->controls_.size(), 1u);  // the described collections replace the entity's
    EXPECT_EQ(t->controls_["entry"], control);
    EXPECT_EQ(control->eventLoop(), &loop);
    EXPECT_TRUE(
@@ -147,6 +151,15 @@ TEST_F(MountServiceTest, WriterMountBuildsThroughRegistryHandsControlsAndAttache
                      "Test::RefusingTable"),
              "cannot mount 'tunnel/table/ldp' with type 'Test::RefusingTable': already mounted "
              "with type 'Test::FileTable'");
+   // With no collections described, a reader mounts the entity's own, sized 0.
+   auto* r = asTable(mount(*service, "tunnel/table/a", VelaDock::keyshadow(), {}));
+   ASSERT_EQ(r->controls_.size(), 2u);
+   EXPECT_EQ(r->controls_["status"]->sizing(), 0u);
+   EXPECT_EQ(r->controls_["status"]->mode(), VelaDock::keyshadow());
+   // Destroying the service unmounts what is still mounted and lets go of the store.
+   service = nullptr;
+   EXPECT_EQ(t->unmounts_, 1);
+   EXPECT_NO_THROW(Region::OwnerFile::acquire(root.path() + "/tunnel/table/ldp/entry"));
 }
 
 TEST_F(MountServiceTest, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
@@ -164,6 +177,8 @@ TEST_F(MountServiceTest, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
    }
    EXPECT_EQ(refusal(service, "tunnel/table/x", writer, entryInfo(), "Test::RefusingTable"),
              "store refused");
+   EXPECT_EQ(Testing::errorText<Vault::MountError>([&] { service.cleanup("../etc"); }),
+             "invalid mount path '../etc'");  // cleanup stays in the root
    EXPECT_EQ(service.mountCount(), 0u);
    EXPECT_EQ(service.mountGroup()->childCount(), 0u);
    EXPECT_EQ(service.database()->entityCount(), 0u);
@@ -173,21 +188,6 @@ TEST_F(MountServiceTest, BadMountsFailWithTheirReasonAndLeaveNothingBehind) {
    EXPECT_THROW(mount(service, "config/decap"), Vela::RecreationException);
    EXPECT_FALSE(service.unmount("config/decap"));
    EXPECT_TRUE(service.database()->entity("config/decap"));
-}
-
-// With no collections described, a reader mounts the entity's own, sized 0; described
-// collections replace the entity's.
-TEST_F(MountServiceTest, ReaderMountServesTheEntityCollectionsOrTheDescribedOnes) {
-   Vault::MountService readers;
-   auto* t = asTable(mount(readers, "tunnel/table/a", VelaDock::keyshadow(), {}));
-   ASSERT_EQ(t->controls_.size(), 2u);
-   EXPECT_EQ(t->controls_["status"]->sizing(), 0u);
-   EXPECT_EQ(t->controls_["status"]->mode(), VelaDock::keyshadow());
-   VelaDock::MountInfo one;
-   one.collectionIs("status", 5);
-   auto* r = asTable(mount(readers, "tunnel/table/a2", VelaDock::reader(), one));
-   ASSERT_EQ(r->controls_.size(), 1u);
-   EXPECT_EQ(r->controls_["status"]->sizing(), 5u);
 }
 
 TEST_F(MountServiceTest, UnmountDetachesAndTheLastReferenceHandsTheEntityBack) {
@@ -209,19 +209,6 @@ TEST_F(MountServiceTest, UnmountDetachesAndTheLastReferenceHandsTheEntityBack) {
    // A new mount after the unmount builds a new entity.
    EXPECT_EQ(asTable(mount(service, "tunnel/table/ldp"))->handleParentCalls_, 1);
    EXPECT_NE(service.control("tunnel/table/ldp", "entry"), control);
-}
-
-// Destroying the service unmounts what is still mounted; cleanup refuses a path out of the root
-// (the removal of a table's files and emptied parents is checked by the tunnel table mount tests).
-TEST_F(MountServiceTest, DestroyingTheServiceUnmountsAndCleanupStaysInTheRoot) {
-   Vela::Ptr<Vela::Entity> kept;
-   {
-      Vault::MountService service;
-      kept = mount(service, "t/a");
-      EXPECT_THROW(service.cleanup("../etc"), Vault::MountError);
-   }
-   EXPECT_EQ(asTable(kept)->unmounts_, 1);
-   EXPECT_NO_THROW(Region::OwnerFile::acquire(root.path() + "/t/a/entry"));  // released
 }
 
 TEST(Database, PathsAndEntities) {
@@ -247,6 +234,70 @@ TEST(Database, PathsAndEntities) {
    EXPECT_TRUE(db.entityDel("config/x"));
    EXPECT_FALSE(db.entityDel("config/x"));
    EXPECT_EQ(e->references(), 1u);
+}
+
+TEST(MountInfo, CollectionsKeepOrderReplaceSizingAndRenderTheirText) {
+   VelaDock::MountInfo info;
+   EXPECT_TRUE(info.empty());
+   EXPECT_EQ(info.stringValue(), "Value('VelaDock::MountInfo', ** {'collection': []})");
+
+   info.collectionIs("entry", 1024);  // one collection's text: in the tunnel table mount test
+   info.collectionIs("status", 7);
+   info.collectionIs("entry", 2048);  // replaces, keeps the place
+   ASSERT_EQ(info.collectionCount(), 2u);
+   EXPECT_EQ(info.collections()[0], (VelaDock::CollectionInfo{"entry", 2048}));
+   EXPECT_EQ(info.collections()[1], (VelaDock::CollectionInfo{"status", 7}));
+   EXPECT_EQ(info.collection("status")->sizing, 7u);
+   EXPECT_FALSE(info.collection("nothing").has_value());
+   // Equality is member-wise, so the order of the collections counts.
+   VelaDock::MountInfo reversed;
+   reversed.collectionIs("status", 7);
+   reversed.collectionIs("entry", 2048);
+   EXPECT_NE(info, reversed);
+   EXPECT_EQ(Testing::streamed(info),
+             "Value('VelaDock::MountInfo', ** {'collection': [Value('VelaDock::CollectionInfo', "
+             "** {'attrName': 'entry', 'sizing': 2048}), Value('VelaDock::CollectionInfo', ** "
+             "{'attrName': 'status', 'sizing': 7})]})");
+
+   EXPECT_THROW(info.collectionIs("", 1), Vela::NullArgumentException);
+   EXPECT_FALSE(info.collectionDel("nothing"));
+   EXPECT_TRUE(info.collectionDel("entry"));
+   EXPECT_EQ(info.collectionCount(), 1u);
+}
+
+// The reactor hears only of changes; quiescedCount counts false -> true transitions.
+TEST(CollectionControl, CarriesItsMountAndReportsOnlyChanges) {
+   Loom::EventLoop loop;
+   auto control = Vela::makePtr<VelaDock::CollectionControl>(
+       VelaDock::keyshadow(), "/dev/shm/x", "tunnel/table/ldp", "entry", 1024, &loop);
+   EXPECT_EQ(VelaDock::reader().name(), "reader");  // the others: in the refusals above
+   EXPECT_EQ(control->storeName(), "tunnel/table/ldp/entry");
+   EXPECT_EQ(control->storeDirectory(), "/dev/shm/x/tunnel/table/ldp/entry");
+
+   using Change = VelaDock::CollectionControl::Change;
+   std::vector<Change> changes;
+   control->reactorIs([&](const VelaDock::CollectionControl& c, auto change) {
+      EXPECT_EQ(&c, control.get());
+      changes.push_back(change);
+   });
+   for (bool q : {false, true, true, false, true}) control->quiescedIs(q);
+   EXPECT_EQ(control->quiescedCount(), 2u);
+   for (int status : {0, 3, 3}) control->mountStatusIs(status);
+   EXPECT_EQ(control->mountStatus(), 3);
+   EXPECT_EQ(changes, (std::vector<Change>{Change::quiesced, Change::quiesced, Change::quiesced,
+                                           Change::mountStatus}));
+}
+
+// The hand-back itself is checked through the mount service's unmount.
+TEST(CollectionControlDeathTest, EntityHandedBackTwiceOrNullIsAProgrammingError) {
+   auto control = Vela::makePtr<VelaDock::CollectionControl>(VelaDock::writer(), "/r", "a/b",
+                                                             "entry", 1, nullptr);
+   auto entity = Vela::makePtr<PlainEntity>("ldp");
+   EXPECT_DEATH(control->entityRefIs(nullptr),
+                "assertion failed: entity && \"entityRefIs of a null entity\"");
+   control->entityRefIs(entity);
+   EXPECT_DEATH(control->entityRefIs(entity),
+                "assertion failed: !entityReleased_ && \"entity handed back twice\"");
 }
 
 }  // namespace

@@ -63,7 +63,6 @@ TEST(IntfId, CodesFollowTheDocumentedLayout) {
              (uint64_t{1} << 56) | (uint64_t{3} << 40) | (uint64_t{1} << 24) | (4 << 8) | 3);
    EXPECT_EQ(IntfId("Vlan100").code(), (uint64_t{4} << 56) | (uint64_t{100} << 40) | 1);
    EXPECT_EQ(IntfId("Tunnel5").code(), (uint64_t{7} << 56) | 5);
-   EXPECT_EQ(IntfId::tunnelIntf(5), IntfId("Tunnel5"));
    EXPECT_EQ(DynamicTunnelIntfId::tunnelIdToIntfId(0x900000000005).code(),
              (uint64_t{8} << 56) | 0x900000000005);
    const char* kinds[] = {"Ethernet1",     "Management1", "Loopback1", "Vlan1",
