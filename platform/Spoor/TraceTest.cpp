@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -107,10 +108,14 @@ TEST(SpoorCapture, ConcurrentWritersLoseNoLine) {
 
 // The line after its "<seconds>.<microseconds> " prefix, or "bad timestamp: <line>".
 std::string afterTimestamp(const std::string& line) {
-   std::smatch m;
-   return std::regex_match(line, m, std::regex("[0-9]+\\.[0-9]{6} (.*)"))
-              ? m[1].str()
-              : "bad timestamp: " + line;
+   const auto digits = [&](size_t from, size_t to) {
+      return to > from && to <= line.size() &&
+             std::all_of(line.begin() + from, line.begin() + to, ::isdigit);
+   };
+   const size_t dot = line.find('.');
+   const bool ok = dot != std::string::npos && digits(0, dot) && digits(dot + 1, dot + 7) &&
+                   line.size() > dot + 7 && line[dot + 7] == ' ';
+   return ok ? line.substr(dot + 8) : "bad timestamp: " + line;
 }
 
 TEST(SpoorSink, FileSinkAppendsOneLinePerRecord) {
