@@ -21,9 +21,7 @@ Spoor::Handle& trace() {
 }  // namespace
 
 HeraldWriter::HeraldWriter() = default;
-HeraldWriter::~HeraldWriter() {
-   *alive_ = false;
-}
+HeraldWriter::~HeraldWriter() = default;
 
 void HeraldWriter::create(const std::string& dir, uint32_t relume, uint32_t capacity) {
    if (capacity == 0) capacity = kDefaultHeraldCapacity;
@@ -131,9 +129,8 @@ void HeraldWriter::shrinkEnd() {
 void HeraldWriter::scheduleFlush() {
    if (Loom::EventLoop* loop = Loom::EventLoop::current()) {
       flushPosted_ = true;
-      std::weak_ptr<bool> alive = alive_;
-      loop->post([this, alive] {
-         if (auto a = alive.lock(); a && *a) flush();
+      loop->post([this, alive = std::weak_ptr<char>(alive_)] {
+         if (!alive.expired()) flush();
       });
    }
 }

@@ -142,7 +142,7 @@ class HeraldWriter {
    uint64_t wakes_ = 0;
    bool flushPosted_ = false;  // an end-of-turn flush task is queued on this thread's loop
    // Expires with this object: a queued flush task that outlives it does nothing.
-   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+   std::shared_ptr<char> alive_ = std::make_shared<char>();
    WakeFanout fanout_;
 };
 

@@ -89,7 +89,7 @@ class DockWriter final : public WriterCore, private WriterIndex {
    bool remove(const K& key, V* removed = nullptr) {
       const uint32_t hash = hash_->hashOf(key);
       const uint32_t s = hash_->lookup(key, hash);
-      const uint32_t bucket = hash_->numBuckets() ? (hash & (hash_->numBuckets() - 1)) : 0;
+      const uint32_t bucket = bucketFile().bucketOf(hash);
       if (s == kNone) {
          SPOOR_TRACE(writerTrace(), 8, "{} bucket:{} not found", dockName(), bucket);
          ++counters().removeMisses;

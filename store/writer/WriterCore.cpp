@@ -323,9 +323,8 @@ void WriterCore::doMaybeShrinkSlots(uint32_t shrinkThreshold) {
    counters_.criticalYields += yield.yields();
    herald_.shrinkEnd();
    SPOOR_TRACE(writerTrace(), 5, "newNumSlots:{}", threshold);
-   const uint32_t before = table_.numSlots();
    table_.shrinkTo(threshold);
-   SPOOR_TRACE(writerTrace(), 5, "{} from {} slots to {}", name_, before, threshold);
+   SPOOR_TRACE(writerTrace(), 5, "{} from {} slots to {}", name_, numSlots, threshold);
    SPOOR_TRACE(writerTrace(), 5, "at threshold:{} done", shrinkThreshold);
    ++counters_.slotShrinks;
    shrinking_ = false;
@@ -467,8 +466,6 @@ void WriterCore::recover() {
       if (!(table_.slot(s).flags.load(std::memory_order_relaxed) & kOccupied)) continue;
       index_.slotRecovered(s);
    }
-   // Re-stamp the generation; readers re-attach when the relume file changes.
-   h->relume.store(relume_, std::memory_order_release);
    if (!herald_.attached()) herald_.create(dir_, relume_, config_.heraldCapacity);
    directSlot_ = kNone;
 }
