@@ -10,7 +10,10 @@
 // mounted has no store: entry(key) gives the default entry, and writing asserts.
 //
 // Writer path: entryIs copies the entry into the store (which serializes it into a slab, publishes
-// the slot and queues the readers' wake-up), then notifies "entry" with the key. The table does not
+// the slot and queues the readers' wake-up), then notifies "entry" with the key. An entry whose
+// byte form is longer than the table's largest (TableType::maxEntryLen: a BGP-LU label operation
+// has no bound of its own) is refused with EntryTooLargeError before the store changes: the
+// previous entry of the key stays, and the table and its writer go on. The table does not
 // compare with the stored value: an equal entry is written and notified again. Detected corruption
 // inside the store runs its corruption handler and ends the process with the assertion "in no
 // man's land".
@@ -22,6 +25,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -42,6 +46,12 @@ namespace Tunnel::TunnelTable {
 // sizing value (1024 for the tunnel tables) is the initial slot count; the maximum is the store's
 // default, the same for every mount of a table, since a re-attaching writer checks it.
 inline constexpr uint32_t kDefaultInitialSlots = 16;
+
+// An entry refused because its byte form does not fit the table.
+class EntryTooLargeError : public Vela::Exception {
+  public:
+   using Vela::Exception::Exception;
+};
 
 template <class Key, class Entry, class KeyOf, class Base>
 class StoreTable : public Base, public virtual KeyedTable<Key> {
@@ -80,8 +90,12 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
       ++this->operationsStarted_;
       requireWriter("entryIs");
       const Entry copy = entry;
-      map_->safeWrite(copy, true);
       const Key key = KeyOf()(copy);
+      try {
+         map_->safeWrite(copy, true);
+      } catch (const Dock::ValueTooLargeError& e) {
+         throw tooLarge(key, e);
+      }
       this->entryNotify(key);
       ++this->operationsCompleted_;
    }
@@ -98,8 +112,12 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
    void entryCommit(const Entry* entry) {
       ++this->operationsStarted_;
       requireWriter("entryCommit");
-      map_->directCommit(entry);
       const Key key = KeyOf()(*entry);
+      try {
+         map_->directCommit(entry);
+      } catch (const Dock::ValueTooLargeError& e) {
+         throw tooLarge(key, e);
+      }
       this->entryNotify(key);
       ++this->operationsCompleted_;
    }
@@ -272,6 +290,24 @@ class StoreTable : public Base, public virtual KeyedTable<Key> {
    }
 
   private:
+   // A key in messages: its text form when it has one, else what the store prints for it.
+   static std::string keyText(const Key& key) {
+      if constexpr (requires { valueToStrep(key); }) {
+         return std::string(valueToStrep(key));
+      } else {
+         return Dock::describe(key);
+      }
+   }
+
+   EntryTooLargeError tooLarge(const Key& key, const Dock::ValueTooLargeError& e) const {
+      const auto text = fmt::format(
+          "{} {}: entry {} is {} bytes serialized, above the table's largest of {} bytes; not "
+          "written",
+          this->fwkTypeName(), this->name(), keyText(key), e.length(), e.limit());
+      SPOOR_TRACE(tunnelTableTrace(), 0, "{}", text);
+      return EntryTooLargeError(text);
+   }
+
    void requireWriter(const char* op) const {
       if (!map_ || !map_->isWriter()) {
          VELA_FAIL("{} on {} {}, which is not the writer of its store", op, this->fwkTypeName(),

@@ -80,7 +80,8 @@ class StoreTableBase : public Vela::Entity, public Vault::Mountable {
    // ---- operation counters ----
    // Incremented when a write, commit or removal starts, and when one has been completed and
    // notified. A removal of an absent key starts but never completes, so the difference counts
-   // removal misses plus any operation cut short (the process ends on corruption).
+   // removal misses plus any operation cut short (an entry refused as too large, or the process
+   // ending on corruption).
    uint64_t operationsStarted() const noexcept { return operationsStarted_; }
    uint64_t operationsCompleted() const noexcept { return operationsCompleted_; }
 

@@ -184,5 +184,53 @@ TEST_F(TunnelTableStore, WritesByANonWriterAndCorruptionEndTheProcess) {
    EXPECT_DEATH(t->entryIs(big), "in no man's land");
 }
 
+TEST_F(TunnelTableStore, AnEntryTooLargeForItsTableIsRefusedAndTheWriterGoesOn) {
+   auto ldp = writer();
+   auto bgpLu = bgpLuTunnelTableFactory("bgpLu");
+   mountTable(bgpLu, VelaDock::writer(), root_.path(), "tunnel/table/bgpLu", loop_, parent_);
+   const TunnelId id(TunnelId::convertToTunnelValue(TunnelType::bgpLuTunnel, 7));
+   BgpLuTunnelTableEntry small(id);
+   small.bgpMetricIs(5);
+   bgpLu->entryIs(small);
+
+   // 600 vias and 1,100 pushed labels: the label operation has no bound of its own.
+   BgpLuTunnelTableEntry big(id);
+   for (uint32_t i = 0; i < 600; ++i) {
+      big.viaIs(ViaIndex(i), Via(Wirekit::IpGenAddr("10.0.0.1"), Wirekit::IntfId::tunnelIntf(i)));
+   }
+   std::vector<uint32_t> labels(1100, 16);
+   big.labelsIs(Wirekit::UnboundedMplsLabelOperation::push(labels));
+   ASSERT_GT(big.serializeLen(), bgpLuTunnelTableType.maxEntryLen);
+   const std::string text = fmt::format(
+       "Tunnel::TunnelTable::BgpLuTunnelTable bgpLu: entry {} is {} bytes serialized, above the "
+       "table's largest of {} bytes; not written",
+       valueToStrep(id), big.serializeLen(), bgpLuTunnelTableType.maxEntryLen);
+   Spoor::Capture cap;
+   for (int direct = 0; direct < 2; ++direct) {
+      try {
+         if (direct) {
+            bgpLu->entryDirectIs(id);
+            bgpLu->entryCommit(&big);
+         } else {
+            bgpLu->entryIs(big);
+         }
+         ADD_FAILURE() << "a too large entry was written";
+      } catch (const EntryTooLargeError& e) {
+         EXPECT_EQ(e.what(), text);
+      }
+      EXPECT_EQ(cap.count("TunnelTable", text), 1u);
+      cap.clear();
+      // The key keeps its entry; the table, its writer and the other table go on.
+      EXPECT_EQ(bgpLu->entry(id), small);
+      EXPECT_EQ(bgpLu->entryCount(), 1u);
+   }
+   BgpLuTunnelTableEntry wide(id);
+   for (uint32_t i = 0; i < 600; ++i) wide.viaIs(ViaIndex(i), big.via(ViaIndex(i)));
+   bgpLu->entryIs(wide);
+   EXPECT_EQ(bgpLu->entry(id), wide);
+   ldp->entryIs(ldpEntry(1, 1));
+   EXPECT_EQ(ldp->entry(ldpId(1)), ldpEntry(1, 1));
+}
+
 }  // namespace
 }  // namespace Tunnel::TunnelTable

@@ -175,9 +175,11 @@ class DockWriter final : public WriterCore, private WriterIndex {
    Table& table() { return table_; }
 
   private:
-   // Serializes `value` into the core's scratch buffer; returns its length.
+   // Serializes `value` into the core's scratch buffer; returns its length. Throws
+   // ValueTooLargeError, before anything is written, for a value the slabs cannot hold.
    uint32_t serializeToScratch(const V& value) {
       const uint32_t length = value.serializeLen();
+      checkValueLength(length);
       value.serialize(scratch(length));
       return length;
    }

@@ -28,8 +28,19 @@ Spoor::Handle& writerTrace() {
    return h;
 }
 
+ValueTooLargeError::ValueTooLargeError(uint32_t length, uint32_t limit)
+    : Vela::Exception(fmt::format("serialized value of {} bytes is above the table's largest: {}",
+                                  length, limit)),
+      length_(length),
+      limit_(limit) {}
+
 WriterCore::WriterCore(DockConfig config, SlotFile& table, WriterIndex& index)
-    : config_(std::move(config)), table_(table), index_(index) {}
+    : config_(std::move(config)),
+      table_(table),
+      index_(index),
+      maxValueLength_(config_.maxValueSize > Tessel::kEntryOverhead
+                          ? config_.maxValueSize - Tessel::kEntryOverhead
+                          : 0) {}
 
 WriterCore::~WriterCore() {
    if (herald_.attached()) herald_.wake();

@@ -42,6 +42,7 @@
 #include "Region/OwnerFile.h"
 #include "Region/VersionAnchor.h"
 #include "Spoor/Trace.h"
+#include "Vela/Exception.h"
 #include "store/DockConfig.h"
 #include "store/format/Layout.h"
 #include "store/herald/HeraldWriter.h"
@@ -51,6 +52,20 @@
 #include "store/writer/WriterIndex.h"
 
 namespace Dock {
+
+// A value whose serialized length is above the table's largest (DockConfig::maxValueSize less the
+// slab entry's own header). Raised before anything of the table changes: the slab allocator would
+// otherwise end the process on an allocation size it does not serve.
+class ValueTooLargeError : public Vela::Exception {
+  public:
+   ValueTooLargeError(uint32_t length, uint32_t limit);
+   uint32_t length() const { return length_; }
+   uint32_t limit() const { return limit_; }
+
+  private:
+   uint32_t length_;
+   uint32_t limit_;
+};
 
 // How the writer holds its table.
 enum class MountStatus : uint32_t {
@@ -194,6 +209,14 @@ class WriterCore {
       bool inserted;
    };
 
+   // The largest serialized value the table's slabs hold.
+   uint32_t maxValueLength() const { return maxValueLength_; }
+   // Throws ValueTooLargeError for a serialized length above maxValueLength().
+   void checkValueLength(uint32_t length) const {
+      if (length > maxValueLength_) [[unlikely]]
+         throw ValueTooLargeError(length, maxValueLength_);
+   }
+
    // The buffer a value is serialized into before publish(): at least `length` bytes.
    uint8_t* scratch(uint32_t length) {
       if (scratch_.size() < length) scratch_.resize(length);
@@ -272,6 +295,7 @@ class WriterCore {
    std::function<void(const Region::VersionAnchor&)> versionAnchorHook_;
    std::function<void(bool)> onQuiesced_;
 
+   uint32_t maxValueLength_;
    std::vector<uint8_t> scratch_;  // the value being published, serialized
    uint32_t directSlot_ = kNone;
    uint32_t directHash_ = 0;

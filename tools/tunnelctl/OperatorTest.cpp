@@ -191,6 +191,26 @@ TEST_F(OperatorTest, BadDescriptionsAreRefusedWithTheirPlaceAndPublishNothing) {
    EXPECT_EQ(run({"list"}).out.find("ldp"), std::string::npos) << "nothing was published";
 }
 
+TEST_F(OperatorTest, ATunnelTooLargeForItsTableIsRefusedAndTheRestPublished) {
+   // A BGP-LU tunnel of 600 vias pushing 1,100 labels: above its table's largest entry.
+   std::string vias, labels = "push";
+   for (int i = 0; i < 600; ++i) vias += std::string(i ? "," : "") + R"({"nextHop": "10.0.1.1"})";
+   for (int i = 0; i < 1100; ++i) labels += " 16";
+   const std::string net = file("net.json", R"({"tunnels": [
+      {"table": "ldp", "index": 1, "vias": [{"nextHop": "10.0.1.1"}]},
+      {"table": "bgpLu", "index": 7, "vias": [)" +
+                                                vias + R"(], "labels": ")" + labels + R"("},
+      {"table": "bgpLu", "index": 8, "vias": [{"nextHop": "10.0.1.1"}]}]})");
+   const Result r = run({"publish", "--once", net});
+   EXPECT_EQ(r.status, 0) << r.err;
+   EXPECT_EQ(r.err,
+             "tunnelctl: tunnels[1]: Tunnel::TunnelTable::BgpLuTunnelTable bgpLu: entry "
+             "Value('Tunnel::TunnelTable::TunnelId', ** {'value': 35184372088839}) is 21791 bytes "
+             "serialized, above the table's largest of 21487 bytes; not written\n");
+   EXPECT_NE(r.out.find("bgpLu: 2 tunnels (1 written, 0 removed)\n"), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find("ldp: 1 tunnels (1 written, 0 removed)\n"), std::string::npos) << r.out;
+}
+
 TEST_F(OperatorTest, ShowLooksUpFiltersAndCounts) {
    ASSERT_EQ(run({"publish", "--once", file("net.json", ldpTunnels())}).status, 0);
    const std::string header =

@@ -30,6 +30,10 @@ void summarize(std::ostream& out, const Description& d, const std::vector<Publis
    }
 }
 
+void reportRefusals(const Publisher& publisher) {
+   for (const auto& r : publisher.refusals()) std::cerr << "tunnelctl: " << r << std::endl;
+}
+
 }  // namespace
 
 int runPublish(std::ostream& out, const std::string& file, bool once) {
@@ -46,6 +50,7 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
          // description, the new one, and writes only what differs from the tables.
          try {
             const auto changes = publisher.apply(loadDescription(file));
+            reportRefusals(publisher);
             for (const auto& c : changes) out << changeText(c) << "\n";
             for (const auto& c : publisher.configChanges()) out << c << "\n";
             out << "reloaded " << file << ": " << changes.size() + publisher.configChanges().size()
@@ -60,6 +65,7 @@ int runPublish(std::ostream& out, const std::string& file, bool once) {
    {
       const Description d = loadDescription(file);
       const auto changes = publisher.apply(d);
+      reportRefusals(publisher);
       summarize(out, d, changes);
       if (d.hasDecap) {
          out << "decap: " << d.decapGroups.size() << " groups, " << d.decapPorts.size()

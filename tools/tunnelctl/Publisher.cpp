@@ -73,6 +73,7 @@ void Publisher::mountAll(const Description& d) {
 
 std::vector<PublishChange> Publisher::apply(const Description& d) {
    mountAll(d);
+   refusals_.clear();
    std::vector<PublishChange> changes;
    std::set<TunnelTableIdentifier> described;
    for (const TableEntry* t : d.tables()) {
@@ -81,7 +82,13 @@ std::vector<PublishChange> Publisher::apply(const Description& d) {
       std::vector<TT::TunnelId> keep;
       for (const DescribedTunnel* dt : d.tunnelsOf(*t)) {
          keep.push_back(dt->id);
-         if (dt->writeTo(*table)) changes.push_back({t, dt->id, false});
+         try {
+            if (dt->writeTo(*table)) changes.push_back({t, dt->id, false});
+         } catch (const TT::EntryTooLargeError& e) {
+            // One entry the table cannot hold: the rest of the description is still published,
+            // and what the table held under that key stays.
+            refusals_.push_back(dt->path + ": " + e.what());
+         }
       }
       std::sort(keep.begin(), keep.end());
       std::vector<TT::TunnelId> gone = table->entryKeys();

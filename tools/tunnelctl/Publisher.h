@@ -44,6 +44,10 @@ class Publisher {
    // configuration the description has is mounted at its own path, made to hold exactly what is
    // described (groups compared by content), and the decap configuration marked ready.
    const std::vector<std::string>& configChanges() const { return configChanges_; }
+   // The tunnels the last apply could not write, one line each: where the tunnel is in the file
+   // and the table's refusal ("tunnels[3]: ... above the table's largest of ... bytes; not
+   // written"). The table keeps what it held under that key.
+   const std::vector<std::string>& refusals() const { return refusals_; }
 
   private:
    void mountAll(const Description& d);
@@ -55,6 +59,7 @@ class Publisher {
    Vela::Ptr<Tunnel::Decap::Config> decap_;
    Vela::Ptr<Tunnel::NexthopGroup::Config> nexthopGroups_;
    std::vector<std::string> configChanges_;
+   std::vector<std::string> refusals_;
 };
 
 // "ldp index 7: written" / "... removed".
