@@ -1,14 +1,22 @@
-// The deep check of a table's files: the free list, every occupied slot against its slab entry.
+// The deep check of a table's files, and its walk against a live writer (see the header).
 #include "store/DeepValidate.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <exception>
+#include <thread>
 #include <vector>
 
 #include "Loom/CorruptionException.h"
 #include "Region/MappedFile.h"
+#include "store/FileChecks.h"
 #include "store/format/Offset.h"
+#include "store/format/SeqRead.h"
 #include "store/format/SlotTable.h"
+#include "store/slab/SlotEntryCheck.h"
 
 namespace Dock {
 
@@ -18,14 +26,12 @@ namespace {
    throw Loom::CorruptionException(std::move(text));
 }
 
-}  // namespace
-
-DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAllocator& slabs) {
+// The slot walk over `n` slots. A finding on a slot whose flags word changed while it was made
+// sets `moved` and skips the slot (only a live writer changes it).
+DeepValidateCounts walkSlots(const SlotTableHeader& header, const Slot* slots, uint32_t n,
+                             Tessel::WriterAllocator& slabs, bool& moved) {
    DeepValidateCounts counts;
-   const uint32_t n = SlotTable::numSlots(header);
-   const Slot* slots = SlotTable::slots(&header);
    std::vector<bool> free(n, false);
-
    for (uint32_t i = header.freeSlots.load(std::memory_order_acquire); i != kNone;) {
       if (i >= n)
          corrupt(fmt::format("corrupted free slot detected with out of bound index: {}", i));
@@ -36,21 +42,22 @@ DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAll
    }
 
    for (uint32_t i = 0; i < n; ++i) {
-      const uint32_t flags = slots[i].flags.load(std::memory_order_acquire);
-      if (free[i]) {
-         // Reached once through the free list and once more as an occupied slot.
-         if (flags & kOccupied) corrupt(fmt::format("duplicate slot: {}", i));
-         continue;
-      }
-      if (!(flags & kOccupied)) corrupt(fmt::format("missing OCCUPIED bit: {:#x}", flags));
-      if (flags & kLookaside) corrupt(fmt::format("stuck LOOKASIDE bit: {:#x}", flags));
-      const auto offset = Tessel::Offset::fromWord(slots[i].offset.load(std::memory_order_relaxed));
-      const SlabEntryHeader* entry = slabs.lookup(offset);
-      const uint32_t client = entry->clientData.load(std::memory_order_relaxed);
-      if (client != i) {
-         corrupt(fmt::format(
-             "Clientdata mismatch, slot {} contains offset: {} but slabEntry references slot: {}",
-             i, offset.toString(), client));
+      const SeqRead<uint32_t> read(slots[i].flags);
+      const uint32_t flags = read.begin();
+      try {
+         if (free[i]) {
+            // Reached once through the free list and once more as an occupied slot.
+            if (flags & kOccupied) corrupt(fmt::format("duplicate slot: {}", i));
+            continue;
+         }
+         if (!(flags & kOccupied)) corrupt(fmt::format("missing OCCUPIED bit: {:#x}", flags));
+         if (flags & kLookaside) corrupt(fmt::format("stuck LOOKASIDE bit: {:#x}", flags));
+         const auto offset = Tessel::Offset::fromWord(read.load(slots[i].offset));
+         const uint32_t length = read.load(slots[i].length);
+         Tessel::checkSlotEntry(i, offset, length, *slabs.lookup(offset), slabs.maxPayload(offset));
+      } catch (const std::exception&) {
+         if (read.unchanged()) throw;
+         moved = true;
       }
       ++counts.occupiedSlots;
       ++counts.slabEntries;
@@ -73,17 +80,105 @@ DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAll
    return counts;
 }
 
-DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocSize) {
-   auto file = Region::MappedFile::openReadOnly(dir + "/" + kSlotsFile);
-   if (file.size() < kSlotHeaderSize) {
-      corrupt(fmt::format("bad header file size: {} wanted:{}", file.size(), kSlotHeaderSize));
+// Identity, size and leading bytes of each file of the table: the version state a walk must
+// leave unchanged to count (see the header).
+std::string tableState(const std::string& dir) {
+   std::string state;
+   auto add = [&](const std::string& name, size_t headerBytes) {
+      std::string bytes(headerBytes, '\0');
+      struct stat st {};
+      const int fd = ::open((dir + "/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd >= 0) {
+         if (::fstat(fd, &st) != 0 || ::pread(fd, bytes.data(), headerBytes, 0) < 0) st = {};
+         ::close(fd);
+      }
+      const uint64_t id[] = {uint64_t(fd >= 0), uint64_t(st.st_ino), uint64_t(st.st_size)};
+      state.append(reinterpret_cast<const char*>(id), sizeof id);
+      state += bytes;
+   };
+   add(kSlotsFile, kSlotHeaderSize);
+   add(kRelumeFile, sizeof(RelumeRecord));
+   add(kHeraldFile, kHeraldHeaderSize);
+   add(kBucketsFile, kBucketHeaderSize);
+   add(kIntentFile, kIntentSize);
+   for (uint32_t s = 0; s < kNumSlabs; ++s) add(slabFileName(s), kSlabHeaderSize);
+   return state;
+}
+
+struct Walk {
+   DeepValidateCounts counts;
+   std::exception_ptr finding;  // null when the walk found nothing
+   std::string text;
+   bool moved = false;  // a slot changed while its finding was made
+};
+
+Walk walkOnce(const std::string& dir, uint32_t maxAllocSize) {
+   Walk w;
+   try {
+      const std::string path = dir + "/" + kSlotsFile;
+      const SlotTable::FileHeader file = SlotTable::readFileHeader(path);
+      std::string reason;
+      if (!SlotTable::validateHeader(*file.header, file.fileSize, 0, reason)) corrupt(reason);
+      const uint32_t stamped = file.header->relume.load(std::memory_order_relaxed);
+
+      const auto map = Region::MappedFile::openReadOnly(path);
+      const auto* header = reinterpret_cast<const SlotTableHeader*>(map.data());
+      const uint32_t n = SlotTable::numSlots(*header);
+      if (map.size() < SlotTable::fileSizeFor(n)) {
+         corrupt(fmt::format("bad shmem size:{} wanted:{} for {} slots", map.size(),
+                             SlotTable::fileSizeFor(n), n));
+      }
+      Tessel::WriterAllocator slabs(dir, Tessel::LinearSizeConfig(maxAllocSize), stamped);
+      slabs.attachReadOnly();
+      w.counts = walkSlots(*header, SlotTable::slots(header), n, slabs, w.moved);
+      // Every file carries the relume of the writer the relume file names.
+      const uint32_t relume = checkRelumeFile(dir);
+      if (stamped != relume) corrupt(fmt::format("bad relume:{} wanted:{}", stamped, relume));
+      for (uint32_t c = 0; c < Tessel::kNumClasses; ++c) {
+         const Tessel::SlabWriter* slab = slabs.attachedSlab(c);
+         if (slab && Tessel::slabRelume(*slab->header()) != relume) {
+            corrupt(fmt::format("{}: bad relume:{} wanted:{}", slab->name(),
+                                Tessel::slabRelume(*slab->header()), relume));
+         }
+      }
+      checkBucketFile(dir, relume, file.header->hashSeed, SlotTable::slots(header), n);
+      checkHeraldFile(dir, relume);
+      checkIntentFile(dir);
+   } catch (const std::exception& e) {
+      w.finding = std::current_exception();
+      w.text = e.what();
    }
-   const auto* header = reinterpret_cast<const SlotTableHeader*>(file.data());
-   std::string reason;
-   if (!SlotTable::validateHeader(*header, file.size(), 0, reason)) corrupt(reason);
-   Tessel::WriterAllocator slabs(dir, Tessel::LinearSizeConfig(maxAllocSize), header->relume);
-   slabs.attachReadOnly();
-   return deepValidate(*header, slabs);
+   return w;
+}
+
+}  // namespace
+
+DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAllocator& slabs) {
+   bool moved = false;
+   return walkSlots(header, SlotTable::slots(&header), SlotTable::numSlots(header), slabs, moved);
+}
+
+DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocSize,
+                                      const ValidatePatience& patience) {
+   for (uint32_t walk = 1; walk <= patience.walks; ++walk) {
+      const std::string before = tableState(dir);
+      Walk w = walkOnce(dir, maxAllocSize);
+      if (!w.finding) {
+         w.counts.walks = walk;
+         return w.counts;
+      }
+      bool still = !w.moved && tableState(dir) == before;
+      for (const auto pause : patience.confirm) {
+         if (!still) break;
+         std::this_thread::sleep_for(pause);
+         const Walk again = walkOnce(dir, maxAllocSize);
+         still = again.finding && again.text == w.text && !again.moved && tableState(dir) == before;
+      }
+      if (still) std::rethrow_exception(w.finding);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+   }
+   throw TableBusy(
+       fmt::format("busy, try again: {} changed during each of {} walks", dir, patience.walks));
 }
 
 }  // namespace Dock

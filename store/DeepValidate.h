@@ -1,21 +1,37 @@
 // The deep check of a table's files: the slot table's free list, every occupied slot and the slab
-// entry it names, the counts, and every slab's own walk. Run by the writer after re-attaching to
-// existing files and on demand (`tunnelctl validate`). It throws Loom::CorruptionException with its
-// first finding; the caller reports it ("Dock {} validation failed: {}").
+// entry it names, the counts, every slab's own walk, and (for a table directory) the relume,
+// bucket, herald and intent files. Run by the writer after re-attaching to existing files and on
+// demand (`tunnelctl validate`). It throws Loom::CorruptionException with its first finding; the
+// caller reports it ("Dock {} validation failed: {}").
 //
-// Walk, in order:
+// Walk of the slots, in order:
 //   1. the free list from freeSlots: an index >= numSlots, or a slot reached twice;
 //   2. every slot not on the free list is occupied: OCCUPIED must be set and LOOKASIDE clear; an
 //      occupied slot that is also on the free list has been reached twice ("duplicate slot");
-//   3. each occupied slot's entry: the lookup texts, then the clientData check;
+//   3. each occupied slot's entry: the lookup texts, then Tessel::checkSlotEntry (clientData,
+//      recorded length, entry check);
 //   4. free-list length + occupiedSlots must equal numSlots;
 //   5. every slab's validation, then the count of entries that slots name against the slabs'
 //      numOccupied.
+//
+// Against a live writer (validateTableFiles). A walk reads words the writer is changing, so a
+// finding may be a change seen half done. Each slot is copied under its flags word (SeqRead), and
+// the whole walk is bracketed by the table's version state: every file's identity, size and
+// header bytes (the slot table's sizeWord, counts and relume, the herald's writerPos, each slab's
+// resize counter and counts, the bucket sizeWord, the relume and intent records). Every change
+// the writer makes moves one of them: each publication, removal and move advances writerPos, and
+// the stores it makes after posting (freeing the entry and the slot) move the slab and slot
+// counts. A finding counts only when it is made again by two more walks, after pauses long enough
+// for any change under way to end, with that state unchanged from the first walk's start to the
+// last one's end; any other finding starts the whole walk again, a bounded number of times, and
+// then the answer is TableBusy, never corruption.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
+#include "Vela/Exception.h"
 #include "store/format/Layout.h"
 #include "store/slab/WriterAllocator.h"
 
@@ -25,15 +41,33 @@ struct DeepValidateCounts {
    uint32_t freeSlots = 0;
    uint32_t occupiedSlots = 0;
    uint64_t slabEntries = 0;
+   uint32_t walks = 0;  // whole walks validateTableFiles took
 };
 
-// REQUIRES: header's validateHeader passed for the mapping that holds `header` and the slots.
+// The table changed under every walk: nothing is known about it. Not corruption; try again.
+class TableBusy : public Vela::Exception {
+  public:
+   using Vela::Exception::Exception;
+};
+
+// REQUIRES: header's validateHeader passed for the mapping that holds `header` and the slots,
+// and no other process changes the table (the writer's own check).
 DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAllocator& slabs);
 
-// The whole check of a table directory, read-only: maps the slot table, validates its header
-// (any relume) and runs deepValidate over the slabs attached read-only. Throws
-// Loom::CorruptionException with the header's reason or the first finding, Region::Error when the
-// slot table cannot be mapped. `maxAllocSize` is the table's LinearSizeConfig bound.
-DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocSize);
+// How long validateTableFiles keeps trying against a table that changes.
+struct ValidatePatience {
+   uint32_t walks = 20;  // whole walks before the answer is TableBusy
+   std::chrono::milliseconds confirm[2] = {std::chrono::milliseconds(5),
+                                           std::chrono::milliseconds(50)};
+};
+
+// The whole check of a table directory, read-only, against a live writer or none: the slot table
+// header (read without mapping, so "bad file size:{}" for a file too large to map), the slots and
+// slabs (attached read-only), the relume file and every slot and slab header's relume against
+// it, the bucket file, the herald and the intent file. Throws Loom::CorruptionException with
+// a confirmed finding, Region::Error when a file cannot be opened (the same confirmation), or
+// TableBusy. `maxAllocSize` is the table's LinearSizeConfig bound.
+DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocSize,
+                                      const ValidatePatience& patience = {});
 
 }  // namespace Dock

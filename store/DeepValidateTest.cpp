@@ -2,16 +2,28 @@
 // (Arbitrary bytes, to be reported or passed but never a crash: fuzz/StoreAttachFuzz.cpp.)
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 #include "Region/Error.h"
 #include "Region/MappedFile.h"
+#include "Region/RelumeFile.h"
 #include "Region/StoreRoot.h"
 #include "store/DeepValidate.h"
 #include "store/format/SlotTable.h"
+#include "store/herald/HeraldWriter.h"
+#include "store/reader/DockReader.h"
+#include "store/writer/BucketWriter.h"
+#include "store/writer/DockWriter.h"
 #include "testing/Expect.h"
 #include "testing/StoreTestSupport.h"
 #include "testing/TempRoot.h"
@@ -38,6 +50,10 @@ struct Table {
       }
       slabs = std::make_unique<Tessel::WriterAllocator>(dir, Tessel::LinearSizeConfig(kM), 7);
       slabs->create();
+      // The files beside them, as a writer makes them; every key hash is 0 (bucket 0).
+      buckets.create(dir + "/buckets", 7, 99, 16);
+      herald.create(dir, 7, 64);
+      Region::RelumeFile::write(dir, 7);
       for (uint32_t i = 0; i < 5; ++i) insert(Value(i, 1, i % 2 == 0 ? 0 : 3));
    }
    Dock::SlotTableHeader* header() {
@@ -51,7 +67,8 @@ struct Table {
       const Tessel::SlabValue stored = DockTest::storeValue(*slabs, i, v);
       slot(i).offset.store(stored.offset.value);
       slot(i).length.store(stored.length);
-      slot(i).next.store(kNone);
+      slot(i).next.store(buckets.head(0));
+      buckets.headIs(0, i);
       slot(i).flags.store((slot(i).flags.load() + Dock::kWriteStep) | Dock::kOccupied);
       header()->occupiedSlots.fetch_add(1);
       return i;
@@ -69,6 +86,8 @@ struct Table {
    std::string dir;
    Region::MappedFile slotsFile;
    std::unique_ptr<Tessel::WriterAllocator> slabs;
+   Dock::BucketWriter buckets;
+   Dock::HeraldWriter herald;
 };
 
 // Each case damages a fresh consistent table and returns the finding the deep check must report.
@@ -120,7 +139,7 @@ TEST(DeepValidate, ConsistentTablePassesAndEveryFindingIsReachedOnADamagedTable)
            extra.header()->version = 3;
         },
         "slab.20::validateUnattached, validation failed on an empty slab, reason: bad version: 3 "
-        "wanted: 1",
+        "wanted: 2",
         true},
    };
    Testing::TempRoot root;
@@ -158,6 +177,198 @@ TEST(DeepValidate, ConsistentTablePassesAndEveryFindingIsReachedOnADamagedTable)
    t.header()->version = 1;
    EXPECT_EQ(t.files(), "bad version: 1");
    EXPECT_THROW(Dock::validateTableFiles(root.path() + "/none", kM), Region::Error);
+}
+
+// A finding on a table whose version state never holds still (here the herald's wake count,
+// bumped without pause) is no verdict: after the walks allowed, the answer is busy.
+TEST(DeepValidate, AFindingOnATableThatNeverHoldsStillIsBusyNotCorruption) {
+   Testing::TempRoot root;
+   Table t(root.path());
+   t.header()->occupiedSlots.store(6);
+   auto herald = Region::MappedFile::openReadWrite(t.dir + "/herald");
+   auto& wakes = *reinterpret_cast<std::atomic<uint32_t>*>(herald.data() + 20);
+   std::atomic<bool> stop{false};
+   std::thread bump([&] {
+      while (!stop.load(std::memory_order_relaxed)) wakes.fetch_add(1, std::memory_order_relaxed);
+   });
+   Dock::ValidatePatience patience;
+   patience.walks = 3;
+   EXPECT_EQ(
+       Testing::errorText<Dock::TableBusy>([&] { Dock::validateTableFiles(t.dir, kM, patience); }),
+       fmt::format("busy, try again: {} changed during each of 3 walks", t.dir));
+   stop.store(true);
+   bump.join();
+   EXPECT_EQ(
+       t.files(),
+       "numSlots mismatch, length of freeList: 5, occupiedSlots: 6 do not add up to numSlots: "
+       "10");
+}
+
+}  // namespace
+
+namespace {
+
+using Writer = Dock::DockWriter<uint64_t, Value, DockTest::KeyOf>;
+using Reader = Dock::DockReader<uint64_t, Value, DockTest::KeyOf>;
+constexpr uint64_t kKeys = 40;
+
+std::string validation(const std::string& dir) {
+   return Testing::errorText([&] { Dock::validateTableFiles(dir, DockTest::kMaxValueSize); });
+}
+
+// A word of a table file, read-write, for damaging it.
+template <class T>
+std::atomic<T>& word(Region::MappedFile& file, size_t offset) {
+   return *reinterpret_cast<std::atomic<T>*>(file.data() + offset);
+}
+
+// Each damage of a file a reader depends on, as validation reports it; then a restarted writer
+// leaves files that validation accepts and a plain reader reads (the entries kept, or all lost
+// when the writer re-formatted).
+TEST(DeepValidate, EveryFileReadersDependOnIsCheckedAndARestartedWriterRepairsIt) {
+   using Dock::MountStatus;
+   struct Case {
+      const char* name;
+      const char* file;
+      // Damages the mapped file and returns the finding validation must report.
+      std::function<std::string(Region::MappedFile& file, const std::string& dir)> damage;
+      MountStatus restart;
+   };
+   const size_t slot3 = Dock::kSlotHeaderSize + 3 * Dock::kSlotSize;
+   const auto store = [](size_t offset, uint64_t value, std::string want) {
+      return [=](Region::MappedFile& f, const std::string&) {
+         word<uint64_t>(f, offset).store(value);
+         return want;
+      };
+   };
+   const auto cut = [](off_t size, std::string want) {
+      return [=](Region::MappedFile& f, const std::string&) {
+         EXPECT_EQ(::ftruncate(f.fd(), size), 0);
+         return want;
+      };
+   };
+   const Case cases[] = {
+       {"recorded length", Dock::kSlotsFile,
+        [&](Region::MappedFile& f, const std::string&) {
+           const uint32_t was = word<uint32_t>(f, slot3 + 20).fetch_add(1);
+           return fmt::format("slot:3 offset:{} payloadSize:{} but slot length:{}",
+                              Offset::fromWord(word<uint32_t>(f, slot3 + 16)), was, was + 1);
+        },
+        MountStatus::kReformatted},
+       {"slot file too large to map", Dock::kSlotsFile,
+        cut(off_t(1) << 36, "bad file size:68719476736"), MountStatus::kReformatted},
+       {"slot file shorter than its header", Dock::kSlotsFile, cut(8, "bad version: 0"),
+        MountStatus::kReformatted},
+       {"herald magic", Dock::kHeraldFile, store(0, 0, "herald: bad magic: 0"),
+        MountStatus::kReattached},
+       {"herald writerPos", Dock::kHeraldFile,
+        [](Region::MappedFile& f, const std::string&) {
+           const uint64_t pos = word<uint64_t>(f, 32).fetch_add(1) + 1;
+           const uint64_t wanted = word<uint64_t>(f, 24) + pos - 1;
+           return fmt::format(
+               "herald: bad writerPos: {} latest notification seq:{:#x} wanted:{:#x}", pos,
+               Dock::kHeraldSeqBusy, wanted);
+        },
+        MountStatus::kReattached},
+       {"relume record", Dock::kRelumeFile, store(0, 5, "relume: bad magic: 5"),
+        MountStatus::kReattached},
+       // The bucket count is 64 (40 keys) and so is the slot count: a head past them, then every
+       // head cleared, which leaves slot 0 unreachable.
+       {"bucket head", Dock::kBucketsFile,
+        store(Dock::kBucketHeaderSize, 1000, "buckets: bad head: 1000 of bucket 0 numSlots: 64"),
+        MountStatus::kReattached},
+       {"slot unreachable", Dock::kBucketsFile,
+        [](Region::MappedFile& f, const std::string& dir) {
+           std::memset(f.data() + Dock::kBucketHeaderSize, 0xff, 64 * 4);
+           auto slots = Region::MappedFile::openReadOnly(dir + "/slots");
+           const uint32_t hash = word<uint32_t>(slots, Dock::kSlotHeaderSize + 4);
+           return fmt::format(
+               "buckets: occupied slot 0 with keyHash {:#x} is not reachable from bucket {}", hash,
+               hash % 64);
+        },
+        MountStatus::kReattached},
+       {"intent op", Dock::kIntentFile,
+        store(8, uint64_t(0x9ff) << 32 | Dock::kIntentVersion, "slabs.intent: bad op: 0x9ff"),
+        MountStatus::kReattached},
+   };
+   for (const Case& c : cases) {
+      SCOPED_TRACE(c.name);
+      Testing::TempRoot root;
+      std::string dir;
+      {
+         Writer w(DockTest::tableConfig(64));
+         w.initialize("t/damaged");
+         for (uint64_t k = 1; k <= kKeys; ++k) w.write(Value(k, 1, uint32_t(k % 7 + 1)));
+         w.flush();
+         dir = w.directory();
+      }
+      ASSERT_EQ(validation(dir), "(no exception)");
+      {
+         auto file = Region::MappedFile::openReadWrite(dir + "/" + c.file);
+         const std::string want = c.damage(file, dir);
+         EXPECT_EQ(validation(dir), want);
+      }
+      Writer w(DockTest::tableConfig(64));
+      w.initialize("t/damaged");
+      EXPECT_EQ(w.mountStatus(), c.restart) << w.reformatReason();
+      EXPECT_EQ(validation(dir), "(no exception)");
+      Reader r("damaged", dir);
+      ASSERT_TRUE(r.attach()) << r.lastStatus();
+      const bool kept = c.restart == MountStatus::kReattached;
+      for (uint64_t k = 1; k <= kKeys; ++k) {
+         EXPECT_EQ(r.lookup(k),
+                   kept ? std::optional(Value(k, 1, uint32_t(k % 7 + 1))) : std::nullopt);
+      }
+   }
+}
+
+// A writer process churns (inserts, replacements, removals, the table growing to about 3000 keys
+// and shrinking back) in bursts while validation runs again and again: it never reports damage
+// that is not there, and between bursts it gets a verdict.
+TEST(DeepValidate, NeverReportsCorruptionAgainstAWriterUnderChurn) {
+   Testing::TempRoot root;
+   Testing::Pipe ready;
+   const pid_t writer = Testing::forkChild([&] {
+      Writer w(DockTest::tableConfig(16));
+      w.initialize("t/churn");
+      ready.send();
+      for (uint64_t i = 0;; ++i) {
+         const uint64_t h = DockTest::mix(i);
+         // Rounds of 8000 operations: mostly writes while the first half grows the table, mostly
+         // removals in the second half, which shrinks it.
+         const bool growing = i % 8000 < 4000;
+         const uint64_t key = 1 + h % 3000;
+         if ((h >> 32) % 8 < (growing ? 1u : 6u)) {
+            w.remove(key);
+         } else {
+            w.write(Value(key, i, 1 + uint32_t((h >> 40) % 40)));
+         }
+         if (i % 64 == 63) {
+            w.flush();
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+         }
+      }
+      return 0;
+   });
+   ASSERT_EQ(ready.receive(), 'x');
+   const std::string dir = Region::tableDirectory(root.path(), "t/churn");
+   uint32_t valid = 0, busy = 0, walks = 0;
+   std::vector<std::string> falseReports;
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+   for (int run = 0; run < 200 && std::chrono::steady_clock::now() < deadline; ++run) {
+      try {
+         walks += Dock::validateTableFiles(dir, DockTest::kMaxValueSize).walks;
+         ++valid;
+      } catch (const Dock::TableBusy&) {
+         ++busy;
+      } catch (const std::exception& e) {
+         falseReports.push_back(e.what());
+      }
+   }
+   ::kill(writer, SIGKILL);
+   EXPECT_EQ(Testing::waitChild(writer), 128 + SIGKILL);
+   EXPECT_EQ(falseReports, std::vector<std::string>());
+   EXPECT_GT(valid, 0u) << busy << " busy, " << walks << " walks";
 }
 
 }  // namespace

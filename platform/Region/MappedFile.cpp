@@ -105,8 +105,17 @@ MappedFile MappedFile::create(const std::string& path, size_t size, mode_t mode)
    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
    if (fd < 0) throw Error::fromErrno("cannot create", path, errno);
    MappedFile f(path, fd, false);
-   if (::ftruncate(fd, off_t(size)) != 0) throw Error::fromErrno("cannot size", path, errno);
-   f.mapAt(size);
+   try {
+      // open() applies the process umask; the mode readers rely on is set exactly.
+      if (::fchmod(fd, mode) != 0) throw Error::fromErrno("cannot set the mode of", path, errno);
+      if (::ftruncate(fd, off_t(size)) != 0) throw Error::fromErrno("cannot size", path, errno);
+      f.mapAt(size);
+   } catch (...) {
+      // A file this call made and could not finish is not left behind.
+      f.close();
+      ::unlink(path.c_str());
+      throw;
+   }
    return f;
 }
 
@@ -146,9 +155,12 @@ void MappedFile::resize(size_t newSize) {
       return;
    }
    // Shrink: the length stays (readers may have mapped it); whole pages past newSize are released.
+   // The hole runs to the end of the last page: a hole that stops at a length inside a page only
+   // zeroes that page, and it stays allocated.
    const size_t from = (newSize + pageSize() - 1) / pageSize() * pageSize();
+   const size_t to = (current + pageSize() - 1) / pageSize() * pageSize();
    if (from < current && ::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(from),
-                                     off_t(current - from)) != 0) {
+                                     off_t(to - from)) != 0) {
       throw Error::fromErrno("cannot release the tail of", path_, errno);
    }
    if (size_ < current) mapAt(current);

@@ -33,7 +33,8 @@ class MappedFile {
    MappedFile& operator=(const MappedFile&) = delete;
 
    // Creates `path` as a new file of `size` zero bytes and maps it read-write. An existing file
-   // is unlinked first, never truncated, so readers that still map it keep valid pages.
+   // is unlinked first, never truncated, so readers that still map it keep valid pages. The file
+   // gets exactly `mode`, whatever the umask; when sizing or mapping fails it is removed again.
    static MappedFile create(const std::string& path, size_t size, mode_t mode = 0644);
    // Maps an existing file at its current size.
    static MappedFile openReadWrite(const std::string& path);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -121,6 +122,11 @@ OwnerFile OwnerFile::acquire(const std::string& dir) {
                          pid, holder));
       }
       throw Error::fromErrno("cannot lock owner file", f.path_, err);
+   }
+   // Tools of any user read it: 0644 whatever the umask it was created under.
+   struct stat st {};
+   if (::fstat(f.fd_, &st) != 0 || ((st.st_mode & 07777) != 0644 && ::fchmod(f.fd_, 0644) != 0)) {
+      throw Error::fromErrno("cannot set the mode of", f.path_, errno);
    }
    f.owner_ = OwnerText::self();
    const std::string text = f.owner_.text();

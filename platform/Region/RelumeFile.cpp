@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,7 +34,8 @@ void RelumeFile::write(const std::string& dir, uint32_t relume) {
    RelumeRecord r{kRelumeMagic, relume, Vela::oneAtATimeOf(relume)};
    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
    if (fd < 0) throw Error::fromErrno("cannot create", tmp, errno);
-   bool ok = ::pwrite(fd, &r, sizeof r, 0) == ssize_t(sizeof r);
+   // Readers of any user read it: 0644 whatever the umask.
+   bool ok = ::fchmod(fd, 0644) == 0 && ::pwrite(fd, &r, sizeof r, 0) == ssize_t(sizeof r);
    int err = errno;
    ::close(fd);
    if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {

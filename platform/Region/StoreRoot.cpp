@@ -27,7 +27,12 @@ void makeDirectories(const std::string& dir) {
    for (size_t pos = 1; pos <= dir.size(); ++pos) {
       if (pos != dir.size() && dir[pos] != '/') continue;
       std::string prefix = dir.substr(0, pos);
-      if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
+      if (::mkdir(prefix.c_str(), 0755) == 0) {
+         // mkdir applies the umask; readers of any user must be able to enter.
+         if (::chmod(prefix.c_str(), 0755) != 0) {
+            throw Error::fromErrno("cannot set the mode of", prefix, errno);
+         }
+      } else if (errno != EEXIST) {
          throw Error::fromErrno("cannot create directory", prefix, errno);
       }
    }

@@ -18,7 +18,8 @@ std::string tableName(const std::string& mountPath, const std::string& collectio
 // absolute.
 std::string tableDirectory(const std::string& root, const std::string& name);
 
-// Creates `dir` and its missing parents (mode 0755); throws Region::Error on failure.
+// Creates `dir` and its missing parents (mode 0755 whatever the umask); throws Region::Error on
+// failure.
 void makeDirectories(const std::string& dir);
 
 }  // namespace Region

@@ -191,7 +191,7 @@ static_assert(sizeof(Slot) == kSlotSize);
 //
 //   offset  width  field
 //        0      8  magic          "TESSLSLB" (0x424c534c53534554)
-//        8      4  version        1
+//        8      4  version        2 (the 16-byte entry header)
 //       12      4  relume
 //       16      4  resizeCounter  changed on every resize; version word of the header copy
 //       20      4  numEntries
@@ -200,7 +200,7 @@ static_assert(sizeof(Slot) == kSlotSize);
 //       32      4  hash           4-byte hash of entrySize
 //       36      4  freeList       first free entry, kNone when none is free
 constexpr uint64_t kSlabMagic = 0x424c534c53534554ull;  // "TESSLSLB"
-constexpr uint32_t kSlabVersion = 1;
+constexpr uint32_t kSlabVersion = 2;
 constexpr uint32_t kSlabHeaderSize = 40;
 
 struct SlabHeader {
@@ -225,20 +225,24 @@ static_assert(offsetof(SlabHeader, hash) == 32);
 static_assert(offsetof(SlabHeader, freeList) == 36);
 static_assert(sizeof(SlabHeader) == kSlabHeaderSize);
 
-// Slab entry: 8-byte header, then the payload (the value's serialized bytes).
+// Slab entry: 16-byte header, then the payload (the value's serialized bytes), 8-byte aligned.
 //
 //   offset  width  field
 //        0      4  payloadSize  signed; negative while the entry is free (then on the free list)
 //        4      4  clientData   index of the slot whose Offset names this entry; while free, the
 //                               index of the next free entry (kNone ends the list)
-//        8      -  payload
+//        8      8  check        64-bit hash of the payload seeded with payloadSize and clientData
+//                               (slab/EntryCheck.h); meaningful only while the entry is occupied
+//       16      -  payload
 struct SlabEntryHeader {
    std::atomic<int32_t> payloadSize;  // 0
    std::atomic<uint32_t> clientData;  // 4
+   std::atomic<uint64_t> check;       // 8
 };
-constexpr uint32_t kSlabEntryHeaderSize = 8;
+constexpr uint32_t kSlabEntryHeaderSize = 16;
 static_assert(offsetof(SlabEntryHeader, payloadSize) == 0);
 static_assert(offsetof(SlabEntryHeader, clientData) == 4);
+static_assert(offsetof(SlabEntryHeader, check) == 8);
 static_assert(sizeof(SlabEntryHeader) == kSlabEntryHeaderSize);
 
 // ---------------------------------------------------------------------------------------------

@@ -1,11 +1,16 @@
 // The slot table header: formatting, checksum, validation and the human-readable form.
 #include "store/format/SlotTable.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
+#include "Region/Error.h"
 #include "Region/MappedFile.h"
 #include "Spoor/Trace.h"
 #include "Vela/Exception.h"
@@ -128,6 +133,26 @@ bool validateHeader(const Header& h, size_t fileSize, uint32_t wantedRelume, std
       return fail(fmt::format("bad shmem size:{} wanted:{} for {} slots", fileSize, wanted, n));
    }
    return true;
+}
+
+FileHeader readFileHeader(const std::string& path) {
+   FileHeader out;
+   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) throw Region::Error::fromErrno("cannot open", path, errno);
+   struct stat st {};
+   ssize_t got = 0;
+   int err = 0;
+   if (::fstat(fd, &st) != 0) {
+      err = errno;
+   } else {
+      out.fileSize = size_t(st.st_size);
+      // Bytes past the end of a short file stay zero; a partial read only happens at its end.
+      got = ::pread(fd, out.header.bytes, sizeof out.header.bytes, 0);
+      if (got < 0) err = errno;
+   }
+   ::close(fd);
+   if (err != 0) throw Region::Error::fromErrno("cannot read", path, err);
+   return out;
 }
 
 std::string headerString(const Header& h) {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "store/format/Layout.h"
+#include "store/format/SeqRead.h"
 
 namespace Dock::SlotTable {
 
@@ -36,6 +37,16 @@ uint32_t checksum(const Header& header);
 // order, stopping at the first failure and putting its text in `reason`.
 bool validateHeader(const Header& header, size_t fileSize, uint32_t wantedRelume,
                     std::string& reason);
+
+// The header of the slot file at `path`, read with pread into a zeroed copy without mapping the
+// file: a file shorter than the header reads as zeros past its end, and a file too large to map
+// still has its header checked first. Validate it with validateHeader(*header, fileSize, ...).
+// Throws Region::Error when the file cannot be opened, sized or read.
+struct FileHeader {
+   HeaderCopy<Header> header{};
+   size_t fileSize = 0;
+};
+FileHeader readFileHeader(const std::string& path);
 
 // "magic:{:#x} version:{} relume:{} platform:{} valueType:\"{}\" ..." (every field, file order).
 std::string headerString(const Header& header);

@@ -2,8 +2,8 @@
 // writer's key hash chains; layout in BucketWriter.h and store/format/Layout.h).
 //
 // The writer brackets a change of the bucket count with two increments of the resize counter in
-// sizeWord (odd while chains move). A walk therefore starts from a stable, even sizeWord and is
-// trusted only if sizeWord is unchanged at its end (see ReaderHashMap).
+// sizeWord (odd while chains move). A walk is trusted only if sizeWord is unchanged at its end; one
+// under an odd word walks both candidate buckets of a key (see ReaderHashMap).
 #pragma once
 
 #include <atomic>
@@ -36,7 +36,8 @@ class BucketReader {
    // The bucket count this reader has mapped.
    uint32_t numBuckets() const { return numBuckets_; }
    // Follows the header's count ("found mismatch, local numBuckets:{} header numBuckets:{}"),
-   // re-mapping the file when it grew. REQUIRES: `count` read from an even sizeWord.
+   // re-mapping the file when it grew (a rehash grows the file before it publishes the count,
+   // so an odd sizeWord's count is followed too). Never beyond the mapped heads.
    void follow(uint32_t count);
    // Head of a chain, acquire: pairs with the writer's release store when it links a slot.
    uint32_t head(uint32_t bucket) const {

@@ -14,9 +14,19 @@
 // and on success "success {} capacity:{} relumeId:{} mtime:{} delay:{} event:{}" (directory,
 // numSlots, relume, the slot file's modification time in seconds, seconds since then, and the
 // count of attaches this reader made).
+//
+// Writer restarts. Every read (lookup, getValue, first, next) first checks that the files it maps
+// are still the writer's: the slot table's relume is the one attached under (a restarted writer
+// re-stamps it in place) and the slot file is still linked (a writer that re-formats replaces the
+// files). A read that finds otherwise, or that fails during the read with WriterRestarted or with
+// an anomaly the restart explains, re-attaches ("writer restarted: {}; re-attaching", level 5) and
+// reads again from the new files, at most kReattachRounds times per read. While the new files
+// cannot be attached the read answers "nothing" and the next read tries again; a read never
+// throws a restart to its caller.
 #pragma once
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -25,6 +35,7 @@
 #include <string>
 #include <vector>
 
+#include "Loom/CorruptionException.h"
 #include "Region/MappedFile.h"
 #include "Region/RelumeFile.h"
 #include "Spoor/Trace.h"
@@ -45,8 +56,11 @@ class DockReader {
    DockReader(const DockReader&) = delete;
    DockReader& operator=(const DockReader&) = delete;
 
+   static constexpr uint32_t kReattachRounds = 3;
+
    bool attach() {
-      detach();
+      release();
+      wanted_ = true;
       ++events_;
       struct stat st {};
       if (::stat(dir_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
@@ -87,30 +101,36 @@ class DockReader {
       return true;
    }
    void detach() {
-      allocator_.reset();
-      slotsFile_.reset();
-      buckets_.detach();
-      header_ = nullptr;
-      slots_ = nullptr;
-      mappedSlots_ = 0;
+      wanted_ = false;
+      release();
    }
    bool attached() const { return header_ != nullptr; }
    const std::string& lastStatus() const { return status_; }
+   // Re-attaches this reader made after a writer restart (or a failed attach).
+   uint64_t reattaches() const { return reattaches_; }
 
    std::optional<V> lookup(const K& key) {
-      V value;
-      if (map_.find(key, value)) return value;
-      return std::nullopt;
+      return reading<std::optional<V>>([&]() -> std::optional<V> {
+         V value;
+         if (map_.find(key, value)) return value;
+         return std::nullopt;
+      });
    }
    // The value in `slot`, when it is occupied.
    std::optional<V> getValue(uint32_t slot) {
-      SlotImage image;
-      V value;
-      if (copyValue(slot, image, value)) return value;
-      return std::nullopt;
+      return reading<std::optional<V>>([&]() -> std::optional<V> {
+         SlotImage image;
+         V value;
+         if (copyValue(slot, image, value)) return value;
+         return std::nullopt;
+      });
    }
-   bool first(IterHint& hint, V& value) { return map_.first(hint, value); }
-   bool next(IterHint& hint, V& value) { return map_.next(hint, value); }
+   bool first(IterHint& hint, V& value) {
+      return reading<bool>([&] { return map_.first(hint, value); });
+   }
+   bool next(IterHint& hint, V& value) {
+      return reading<bool>([&] { return map_.next(hint, value); });
+   }
 
    uint32_t capacity() const { return header_ ? SlotTable::numSlots(*header_) : 0; }
    uint32_t members() const {
@@ -123,10 +143,50 @@ class DockReader {
   private:
    static Spoor::Handle& trace() { return Spoor::handle("DockReader"); }
 
+   // Runs `read` against the writer's current files (see the top); R{} when there are none.
+   template <class R, class Read>
+   R reading(Read&& read) {
+      for (uint32_t round = 0;; ++round) {
+         if (!current() && (!wanted_ || round >= kReattachRounds || !reattach())) return R{};
+         try {
+            return read();
+         } catch (const WriterRestarted& e) {
+            SPOOR_TRACE(trace(), 5, "{} writer restarted: {}; re-attaching", name_, e.what());
+         } catch (const Loom::CorruptionException& e) {
+            if (!restarted()) throw;
+            SPOOR_TRACE(trace(), 5, "{} writer restarted: {}; re-attaching", name_, e.what());
+         }
+         release();
+      }
+   }
+   bool current() const { return attached() && !restarted(); }
+   // The files mapped are no longer the writer's: re-stamped, or replaced.
+   bool restarted() const {
+      if (writerRestarted(relume_, *header_, nullptr)) return true;
+      struct stat st {};
+      return ::fstat(slotsFile_->fd(), &st) == 0 && st.st_nlink == 0;
+   }
+   bool reattach() {
+      if (attached()) {
+         SPOOR_TRACE(trace(), 5, "{} writer restarted: relume:{}; re-attaching", name_, relume_);
+      }
+      if (!attach()) return false;
+      ++reattaches_;
+      return true;
+   }
+   void release() {
+      allocator_.reset();
+      slotsFile_.reset();
+      buckets_.detach();
+      header_ = nullptr;
+      slots_ = nullptr;
+      mappedSlots_ = 0;
+   }
+
    bool fail(const std::string& text) {
       status_ = text;
       SPOOR_TRACE(trace(), 3, "{} {}", name_, text);
-      detach();
+      release();
       return false;
    }
    SafeHeader<SlotTableHeader, uint64_t> headerCopy() const {
@@ -177,6 +237,8 @@ class DockReader {
    std::vector<uint8_t> bytes_;
    uint32_t relume_ = 0;
    uint64_t events_ = 0;
+   uint64_t reattaches_ = 0;
+   bool wanted_ = false;  // attach() called and detach() not since: reads re-attach
    std::string status_;
 };
 

@@ -2,14 +2,19 @@
 // callbacks, writer restart and re-format, shrink moves, validation against the queue. Its index:
 // sorted split-ordered chains, growth by splitting, update-in-place. The plain reader: lookups
 // through the writer's shared chains, iteration with hints, values by slot, attach steps and their
-// texts, and the chain anomalies it refuses to loop on. Consistent copies: the header copy retries
-// until its version word is stable, and a slot copy racing a writer is never torn.
+// texts, the chain anomalies it refuses to loop on, an odd resize counter left by a killed rehash,
+// a killed writer's restart. Both readers: stable damage is corruption, never a value. Consistent
+// copies: the header copy retries until its version word is stable, and a slot copy racing a
+// writer is never torn.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <thread>
@@ -17,12 +22,14 @@
 #include "Loom/CorruptionException.h"
 #include "Loom/EventLoop.h"
 #include "Region/MappedFile.h"
+#include "Region/StoreRoot.h"
 #include "Spoor/Trace.h"
 #include "Vela/Exception.h"
 #include "store/reader/DockReader.h"
 #include "store/reader/DockShadow.h"
 #include "store/reader/ShadowHashMap.h"
 #include "store/reader/SlotCopy.h"
+#include "store/slab/EntryCheck.h"
 #include "store/writer/DockWriter.h"
 #include "testing/Expect.h"
 #include "testing/RunUntil.h"
@@ -525,6 +532,114 @@ TEST(DockReader, ChainAnomaliesAndEachMissingPieceAreReported) {
    ::unlink((dir + "/buckets").c_str());
    EXPECT_FALSE(bad.attach());
    EXPECT_EQ(bad.lastStatus(), "failed to attach to buckets");
+}
+
+// Damage no concurrent write explains, made stable in a real writer's files: both readers report
+// it as corruption with its reason within the copy's bound, never a value.
+TEST_F(DockShadowTest, StableDamageIsCorruptionForBothReadersNeverAValue) {
+   auto w = writer("damage", 8, 3);
+   auto shadow = follow(w->directory());
+   Reader plain("plain", w->directory());
+   ASSERT_TRUE(plain.attach()) << plain.lastStatus();
+   SlotTableHeader* h = w->table().header();
+   const uint32_t s = w->slotOf(3), other = w->slotOf(4), lookaside = h->lookaside.slot.load();
+   Slot& slot = w->table().slot(s);
+   const auto offset = Tessel::Offset::fromWord(slot.offset.load());
+   uint8_t* payload = w->allocator().payload(offset);
+   std::vector<uint8_t> flipped(payload, payload + slot.length.load());
+   flipped[20] ^= 0x40;  // a via byte
+   struct Case {
+      std::function<void()> damage, undo;
+      std::string message;
+   };
+   const std::vector<Case> cases = {
+       {[&] {
+           slot.flags.fetch_or(kLookaside);
+           h->lookaside.slot.store(other);
+        },
+        [&] {
+           slot.flags.fetch_and(~kLookaside);
+           h->lookaside.slot.store(lookaside);
+        },
+        fmt::format("slot:{} LOOKASIDE set but lookaside names slot:{}", s, other)},
+       {[&] { payload[20] ^= 0x40; }, [&] { payload[20] ^= 0x40; },
+        fmt::format("slot:{} offset:{} entry check mismatch: computed:{:#018x} stored:{:#018x}", s,
+                    offset, Tessel::entryCheck(flipped.data(), uint32_t(flipped.size()), s),
+                    w->allocator().lookup(offset)->check.load())}};
+   for (const Case& c : cases) {
+      c.damage();
+      EXPECT_EQ(Testing::errorText<Loom::CorruptionException>([&] { shadow->lookup(3); }),
+                c.message);
+      EXPECT_EQ(Testing::errorText<Loom::CorruptionException>([&] { plain.lookup(3); }), c.message);
+      c.undo();
+      EXPECT_EQ(plain.lookup(3), Value(3, 1, 3));
+   }
+}
+
+// A writer killed halfway through halving 64 buckets leaves the resize counter odd until a writer
+// returns: upper chains 32..39 appended to their partners and emptied, 40..55 appended only,
+// 56..63 untouched. A plain reader finds every key and iterates each once, without waiting.
+TEST(DockReader, OddResizeCounterOfAKilledRehashStillFindsEveryKeyOnce) {
+   Testing::TempRoot root;
+   Writer w(DockTest::tableConfig());
+   w.initialize("t/odd");
+   for (uint64_t k = 1; k <= 60; ++k) w.write(Value(k, 1, 1));
+   ASSERT_EQ(w.buckets(), 64u);
+   Region::MappedFile bf = Region::MappedFile::openReadWrite(w.directory() + "/buckets");
+   auto* heads = reinterpret_cast<std::atomic<uint32_t>*>(bf.data() + kBucketHeaderSize);
+   for (uint32_t u = 32; u < 56; ++u) {
+      if (heads[u].load() == kNone) continue;
+      std::atomic<uint32_t>* link = &heads[u - 32];
+      while (link->load() != kNone) link = &w.table().slot(link->load()).next;
+      link->store(heads[u].load());
+      if (u < 40) heads[u].store(kNone);
+   }
+   auto& sizeWord = reinterpret_cast<BucketHeader*>(bf.data())->sizeWord;
+   sizeWord.store(makeSizeWord(sizeWordCounter(sizeWord.load()) + 1, 64));
+   Reader r("odd", w.directory());
+   ASSERT_TRUE(r.attach()) << r.lastStatus();
+   for (uint64_t k = 1; k <= 60; ++k) EXPECT_EQ(r.lookup(k), Value(k, 1, 1)) << k;
+   EXPECT_FALSE(r.lookup(61).has_value());
+   std::multiset<uint64_t> keys;
+   IterHint hint;
+   Value v;
+   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v)) keys.insert(v.key);
+   EXPECT_EQ(keys.size(), 60u);
+   EXPECT_EQ(std::set<uint64_t>(keys.begin(), keys.end()).size(), 60u);
+}
+
+// A writer process killed, then a new writer with other values (in another size class, so the
+// reader needs new slab files): over the kept files, and over files removed and re-created. The
+// plain reader's lookups answer from the new files; nothing is thrown to the caller.
+TEST(DockReader, ReadsThroughAKilledWritersRestartAndRemoval) {
+   Testing::TempRoot root;
+   for (const bool removed : {false, true}) {
+      SCOPED_TRACE(removed);
+      const std::string name = removed ? "t/removed" : "t/restarted";
+      const std::string dir = Region::tableDirectory(Region::storeRoot(), name);
+      Testing::Pipe ready;
+      const pid_t first = Testing::forkChild([&] {
+         Writer w(DockTest::tableConfig());
+         w.initialize(name);
+         for (uint64_t k = 1; k <= 20; ++k) w.write(Value(k, 1, 1));
+         ready.send();
+         ::pause();
+         return 0;
+      });
+      ASSERT_EQ(ready.receive(), 'x');
+      Reader r("plain", dir);
+      ASSERT_TRUE(r.attach()) << r.lastStatus();
+      EXPECT_EQ(r.lookup(5), Value(5, 1, 1));
+      ::kill(first, SIGKILL);
+      EXPECT_EQ(Testing::waitChild(first), 128 + SIGKILL);
+      if (removed) std::filesystem::remove_all(dir);
+      Writer w(DockTest::tableConfig());
+      w.initialize(name);
+      for (uint64_t k = 1; k <= 20; ++k) w.write(Value(k, 2, 40));
+      for (uint64_t k = 1; k <= 20; ++k) EXPECT_EQ(r.lookup(k), Value(k, 2, 40)) << k;
+      EXPECT_EQ(r.reattaches(), 1u);
+      EXPECT_EQ(r.relumeId(), w.relumeId());
+   }
 }
 
 TEST(SlotCopy, HeaderCopyIsRetriedUntilTheVersionWordIsStable) {

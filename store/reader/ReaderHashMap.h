@@ -3,8 +3,20 @@
 // A lookup hashes the key with the table's seed, takes bucket keyHash & (numBuckets - 1), and walks
 // the chain from the bucket head through each slot's `next` word, copying every slot consistently
 // (SlotCopy) and the value of a slot whose keyHash matches. The walk is trusted only when the
-// bucket file's sizeWord was even before it and unchanged after it (no rehash ran meanwhile): the
-// walk runs under a SeqRead of that word (format/SeqRead.h).
+// bucket file's sizeWord is unchanged after it: the walk runs under a SeqRead of that word
+// (format/SeqRead.h).
+//
+// While the resize counter is odd a rehash is under way, or was left half done by a writer killed
+// during one (the word then stays odd until a writer returns). The published count N is then the
+// larger of the two (a grow publishes the doubled count, a shrink keeps the old one until it ends),
+// and a key is chained in its bucket under N or in its bucket under N/2 (BucketWriter,
+// WriterHashMap): a grow hangs a chain's tail on the upper bucket before cutting it from the lower
+// one, a shrink appends the upper chain to the lower one before emptying the upper head. A lookup
+// walks the lower candidate, the upper one, and the lower one again: whichever way the one move
+// under way goes, a key missed in one walk is in the next. It never waits for the counter.
+// Iteration under an odd counter walks all N buckets and skips, in a lower bucket, the keys of the
+// upper bucket while the upper head is set (it holds them then): exact on a stable file, and
+// against a live rehash as good as iteration across any concurrent write.
 //
 // A writer relinking chains concurrently can lead a walk through a stale link, so an anomaly is
 // re-checked before it is reported: the walk is retried (yielding in between) and only an anomaly
@@ -87,20 +99,31 @@ class ReaderHashMap {
       const uint32_t hash = KeyTraits<K>::hash(key, seed_);
       std::string anomaly;
       for (uint32_t attempt = 0;; ++attempt) {
-         const SeqRead<uint64_t> guard = stableBuckets();
-         const uint32_t bucket = hash & (buckets_.numBuckets() - 1);
+         BucketSpan span;
+         const SeqRead<uint64_t> guard = guardBuckets(span);
          std::optional<uint32_t> found;
-         const bool clean = walk(
-             bucket,
-             [&](uint32_t s, SlotImage& image) {
-                if (image.keyHash != hash) return false;
-                if (!slots_.copyValue(s, image, out)) return false;
-                if (!(KeyOf()(out) == key)) return false;
-                found = s;
-                return true;
-             },
-             keyText(key), anomaly);
-         if (!guard.unchanged()) continue;  // a rehash ran: walk again
+         bool clean = true;
+         const auto search = [&](uint32_t bucket) {
+            clean = walk(
+                bucket, span,
+                [&](uint32_t s, SlotImage& image) {
+                   if (image.keyHash != hash) return false;
+                   if (!slots_.copyValue(s, image, out)) return false;
+                   if (!(KeyOf()(out) == key)) return false;
+                   found = s;
+                   return true;
+                },
+                keyText(key), anomaly);
+            return found.has_value() || !clean;
+         };
+         const uint32_t upper = hash & (span.count - 1);
+         const uint32_t lower = span.resizing ? hash & (span.count / 2 - 1) : upper;
+         if (lower == upper) {
+            search(upper);
+         } else {
+            if (!search(lower) && !search(upper)) search(lower);
+         }
+         if (!guard.unchanged()) continue;  // a rehash began or ended: walk again
          if (clean) return found;
          if (attempt + 1 >= kCorruptRetries) throw Loom::CorruptionException(anomaly);
          std::this_thread::yield();
@@ -115,8 +138,9 @@ class ReaderHashMap {
    bool next(IterHint& hint, V& value) {
       if (!hint.valid()) return false;
       const Slot* s = slots_.slot(hint.slot);
-      if (s && s->flags.load(std::memory_order_acquire) == hint.version) {
-         // The hinted slot is unchanged: continue along its chain.
+      if (s && s->flags.load(std::memory_order_acquire) == hint.version &&
+          (sizeWordCounter(buckets_.sizeWord()) & 1) == 0) {
+         // The hinted slot is unchanged and no rehash is under way: continue along its chain.
          SlotImage image;
          if (slots_.copy(hint.slot, image) && image.flags == hint.version) {
             for (uint32_t n = image.next; n != kNone;) {
@@ -144,17 +168,29 @@ class ReaderHashMap {
   private:
    static Spoor::Handle& trace() { return Spoor::handle("DockReader"); }
 
-   // A walk's guard: a SeqRead of the bucket file's sizeWord begun while no rehash runs (an even
-   // resize counter), with the bucket count followed first (following may re-map the file, so
-   // the guard is taken on the new mapping and must see the same word). The writer brackets a
-   // rehash with two counter increments, fencing after the first (BucketWriter).
-   SeqRead<uint64_t> stableBuckets() {
+   // The buckets a walk uses (see the top): the published count, and whether a rehash is under
+   // way so that a key may also sit in its bucket under count / 2.
+   struct BucketSpan {
+      uint32_t count = 0;
+      bool resizing = false;
+      // Whether a key with this hash belongs in `bucket`'s chain.
+      bool holds(uint32_t bucket, uint32_t hash) const {
+         return (hash & (count - 1)) == bucket || (resizing && (hash & (count / 2 - 1)) == bucket);
+      }
+   };
+
+   // A walk's guard: a SeqRead of the bucket file's sizeWord, with the bucket count followed
+   // first (following may re-map the file, so the guard is taken on the new mapping and must see
+   // the same word). Retries only while the word changes, which a live writer's rehash does twice.
+   SeqRead<uint64_t> guardBuckets(BucketSpan& span) {
       for (uint32_t tries = 1;; ++tries) {
          const uint64_t seen = buckets_.sizeWord();
-         if ((sizeWordCounter(seen) & 1) == 0) {
-            buckets_.follow(sizeWordNumSlots(seen));
-            SeqRead<uint64_t> read(buckets_.header()->sizeWord);
-            if (read.begin() == seen) return read;
+         buckets_.follow(sizeWordNumSlots(seen));
+         SeqRead<uint64_t> read(buckets_.header()->sizeWord);
+         if (read.begin() == seen) {
+            span.count = buckets_.numBuckets();
+            span.resizing = (sizeWordCounter(seen) & 1) != 0 && span.count >= 2;
+            return read;
          }
          if (tries % SlotCopyPolicy::kYieldAfter == 0) std::this_thread::yield();
       }
@@ -163,9 +199,9 @@ class ReaderHashMap {
    // Walks one chain, calling visit(slot, image) for each occupied slot until it returns true.
    // Returns false with `anomaly` set when the chain is inconsistent.
    template <class Visit>
-   bool walk(uint32_t bucket, Visit&& visit, const std::string& key, std::string& anomaly) {
+   bool walk(uint32_t bucket, const BucketSpan& span, Visit&& visit, const std::string& key,
+             std::string& anomaly) {
       const uint32_t capacity = slots_.capacity();
-      const uint32_t mask = buckets_.numBuckets() - 1;
       uint32_t count = 0;
       for (uint32_t s = buckets_.head(bucket); s != kNone;) {
          if (++count > capacity) {
@@ -178,7 +214,7 @@ class ReaderHashMap {
             anomaly = fmt::format("slot:{} not marked as occupied key:{}", s, key);
             return false;
          }
-         if ((image.keyHash & mask) != bucket) {
+         if (!span.holds(bucket, image.keyHash)) {
             anomaly = fmt::format("corrupt key detected. key:{} bucketIndex {}", key, bucket);
             return false;
          }
@@ -192,27 +228,33 @@ class ReaderHashMap {
    // still in the chain.
    bool scanFrom(uint32_t bucket, uint32_t after, IterHint& hint, V& value) {
       for (uint32_t attempt = 0;; ++attempt) {
-         const SeqRead<uint64_t> guard = stableBuckets();
-         const uint32_t count = buckets_.numBuckets();
+         BucketSpan span;
+         const SeqRead<uint64_t> guard = guardBuckets(span);
+         const uint32_t half = span.count / 2;
          bool found = false;
          std::string anomaly;
          bool clean = true;
-         for (uint32_t b = bucket; b < count && !found && clean; ++b) {
+         for (uint32_t b = bucket; b < span.count && !found && clean; ++b) {
             bool skipping = (b == bucket && after != kNone);
             if (skipping) {
                // Resume after `after` only if it is still chained here.
                bool present = false;
                walk(
-                   b, [&](uint32_t s, SlotImage&) { return present = (s == after); }, "", anomaly);
+                   b, span, [&](uint32_t s, SlotImage&) { return present = (s == after); }, "",
+                   anomaly);
                skipping = present;
             }
+            // Under a rehash, an upper bucket's keys still chained here are visited there while
+            // its head is set.
+            const bool upperHolds = span.resizing && b < half && buckets_.head(b + half) != kNone;
             clean = walk(
-                b,
+                b, span,
                 [&](uint32_t s, SlotImage& image) {
                    if (skipping) {
                       if (s == after) skipping = false;
                       return false;
                    }
+                   if (upperHolds && (image.keyHash & (span.count - 1)) != b) return false;
                    if (!slots_.copyValue(s, image, value)) return false;
                    hint = IterHint{image.flags, s, b};
                    found = true;

@@ -8,6 +8,7 @@
 #include "Loom/CorruptionException.h"
 #include "store/format/Layout.h"
 #include "store/format/SharedBytes.h"
+#include "store/slab/SlotEntryCheck.h"
 #include "store/slab/WriterAllocator.h"
 
 namespace Tessel {
@@ -31,20 +32,13 @@ class DynamicSlotAllocator {
 
    void release(Offset offset) { allocator_.free(offset); }
 
-   // The entry named by `slot`'s Offset must be occupied, within its class and name `slotIndex`
-   // back. Throws Loom::CorruptionException (the lookup texts, or "Clientdata mismatch, slot {}
-   // contains offset: {} but slabEntry references slot: {}").
+   // The entry named by `slot`'s Offset must be occupied, within its class, name `slotIndex` back,
+   // hold the slot's recorded length and match its check. Throws Loom::CorruptionException (the
+   // lookup texts, or checkSlotEntry's).
    void validateSlot(uint32_t slotIndex, const Dock::Slot& slot) {
-      validateSlot(slotIndex, Offset::fromWord(slot.offset.load(std::memory_order_relaxed)));
-   }
-   void validateSlot(uint32_t slotIndex, Offset offset) {
-      SlabEntryHeader* entry = allocator_.lookup(offset);
-      const uint32_t client = entry->clientData.load(std::memory_order_relaxed);
-      if (client != slotIndex) {
-         throw Loom::CorruptionException(fmt::format(
-             "Clientdata mismatch, slot {} contains offset: {} but slabEntry references slot: {}",
-             slotIndex, offset.toString(), client));
-      }
+      const Offset offset = Offset::fromWord(slot.offset.load(std::memory_order_relaxed));
+      checkSlotEntry(slotIndex, offset, slot.length.load(std::memory_order_relaxed),
+                     *allocator_.lookup(offset), allocator_.maxPayload(offset));
    }
 
    WriterAllocator& allocator() { return allocator_; }

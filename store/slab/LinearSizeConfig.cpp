@@ -6,6 +6,8 @@
 
 namespace Tessel {
 
+static_assert(kEntryOverhead == Dock::kSlabEntryHeaderSize);
+
 LinearSizeConfig::LinearSizeConfig(uint32_t maxAllocSize)
     : max_(maxAllocSize), width_(maxAllocSize / kNumClasses + 1) {
    VELA_ASSERT(maxAllocSize >= 1 && maxAllocSize <= kMaxAllocSizeLimit);

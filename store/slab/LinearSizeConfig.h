@@ -13,7 +13,7 @@ namespace Tessel {
 
 constexpr uint32_t kNumClasses = 32;
 // Fixed overhead added to a value's serialized length to form its allocation size.
-constexpr uint32_t kEntryOverhead = 8;
+constexpr uint32_t kEntryOverhead = 16;
 
 class LinearSizeConfig {
   public:

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "store/format/SharedBytes.h"
+#include "store/slab/EntryCheck.h"
 
 namespace Tessel {
 
@@ -25,7 +26,7 @@ SlabReader* ReaderAllocator::slab(uint32_t s) {
    return slabs_[s].get();
 }
 
-int64_t ReaderAllocator::copy(Offset offset, uint8_t* out, uint32_t maxLen, uint32_t& clientData) {
+int64_t ReaderAllocator::copy(Offset offset, uint8_t* out, uint32_t maxLen, Copied& entry) {
    SlabReader* r = slab(offset.slab());
    if (!r) return -1;
    const SlabEntryHeader* e = r->getEntry(offset.index());
@@ -34,9 +35,12 @@ int64_t ReaderAllocator::copy(Offset offset, uint8_t* out, uint32_t maxLen, uint
    // its re-check discards the copy when the entry was reused meanwhile.
    const int32_t size = e->payloadSize.load(std::memory_order_relaxed);
    if (size < 0 || uint32_t(size) > r->maxPayload()) return -1;
-   clientData = e->clientData.load(std::memory_order_relaxed);
-   Dock::copyFromShared(out, reinterpret_cast<const uint8_t*>(e) + Dock::kSlabEntryHeaderSize,
-                        std::min<uint32_t>(uint32_t(size), maxLen));
+   entry.clientData = e->clientData.load(std::memory_order_relaxed);
+   entry.stored = e->check.load(std::memory_order_relaxed);
+   EntryCheck check(size, entry.clientData);
+   Dock::copyFromSharedFolding(out, payloadOf(*e), std::min<uint32_t>(uint32_t(size), maxLen),
+                               [&check](uint64_t w) { check.fold(w); });
+   entry.computed = check.value();
    return size;
 }
 

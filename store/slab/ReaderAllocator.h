@@ -18,16 +18,27 @@ class ReaderAllocator {
   public:
    ReaderAllocator(std::string dir, uint32_t relume);
 
-   // Copies the payload of `offset` into `out` (at most maxLen bytes), sets clientData (the slot
-   // the writer stored the entry for) and returns the payload's size, or -1 when the entry cannot
-   // be read right now: the slab is missing or invalid, the index lies beyond the slab even after
-   // following a resize, or the entry is free or claims more than its class holds. The copy may be
-   // torn by a concurrent reuse of the entry: the caller copies under the flags word of the slot
-   // that names it (SeqRead), whose re-check then fails.
-   int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen, uint32_t& clientData);
-   int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen) {
+   // An entry's header words as copied, and the check of the bytes copied (EntryCheck.h).
+   struct Copied {
       uint32_t clientData = 0;
-      return copy(offset, out, maxLen, clientData);
+      uint64_t stored = 0;    // the entry's check word
+      uint64_t computed = 0;  // the check of the header words and the bytes copied
+      bool intact() const { return stored == computed; }
+   };
+
+   // Copies the payload of `offset` into `out` (at most maxLen bytes), folding its check in the
+   // same pass, fills `entry` and returns the payload's size, or -1 when the entry cannot be read
+   // right now: the slab is missing or invalid, the index lies beyond the slab even after
+   // following a resize, or the entry is free or claims more than its class holds. The check is
+   // of the whole payload only when its size is at most maxLen. The copy may be torn by a
+   // concurrent reuse of the entry: the caller copies under the flags word of the slot that
+   // names it (SeqRead), whose re-check then fails, and judges the check only after that.
+   int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen, Copied& entry);
+   // The same, -1 also when the whole payload was copied and fails its check.
+   int64_t copy(Offset offset, uint8_t* out, uint32_t maxLen) {
+      Copied entry;
+      const int64_t size = copy(offset, out, maxLen, entry);
+      return size >= 0 && size <= int64_t(maxLen) && !entry.intact() ? -1 : size;
    }
 
    void detach();

@@ -4,8 +4,9 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
-#include <cstring>
+#include <string_view>
 
 #include "Region/Error.h"
 #include "Spoor/Trace.h"
@@ -46,35 +47,56 @@ void IntentFile::open(const std::string& dir) {
       // Not a record: nothing can be repaired from it, and the slabs' own validation decides.
       file_.close();
    }
-   file_ = Region::MappedFile::create(path, kIntentSize, 0600);
+   // 0644 like every file of the table (README): tools of any user inspect it.
+   file_ = Region::MappedFile::create(path, kIntentSize);
    IntentRecord* r = record();
    r->version = kIntentVersion;
    r->op.store(0, std::memory_order_relaxed);
-   // A record is trusted only once its magic is there. The file is private to the writer and
-   // the next writer reads it after this one is gone, so only the compiler could reorder.
+   // A record is trusted only once its magic is there. Only the writer writes the file and the
+   // next writer reads it after this one is gone, so only the compiler could reorder.
    std::atomic_signal_fence(std::memory_order_seq_cst);
    r->magic = kIntentMagic;
 }
 
-uint32_t removeStraySlabFiles(const std::string& dir) {
+namespace {
+
+bool allDigits(std::string_view s) {
+   return !s.empty() &&
+          std::all_of(s.begin(), s.end(), [](char c) { return std::isdigit(uint8_t(c)); });
+}
+
+// A temporary name of a table file: "slab.NN.<pid>.tmp" (SlabWriter::create),
+// "herald.<pid>.tmp" (HeraldWriter::create), "relume.tmp.<pid>" (Region::RelumeFile::write).
+bool isTemporaryName(std::string_view n) {
+   auto cut = [&](std::string_view prefix, std::string_view suffix, std::string_view& middle) {
+      if (n.size() < prefix.size() + suffix.size() || !n.starts_with(prefix) ||
+          !n.ends_with(suffix)) {
+         return false;
+      }
+      middle = n.substr(prefix.size(), n.size() - prefix.size() - suffix.size());
+      return true;
+   };
+   std::string_view m;
+   if (cut("slab.", ".tmp", m)) {
+      return m.size() > 3 && allDigits(m.substr(0, 2)) && m[2] == '.' && allDigits(m.substr(3));
+   }
+   if (cut(std::string(Dock::kHeraldFile) + ".", ".tmp", m)) return allDigits(m);
+   if (cut(std::string(Dock::kRelumeFile) + ".tmp.", "", m)) return allDigits(m);
+   return false;
+}
+
+}  // namespace
+
+uint32_t removeStrayFiles(const std::string& dir) {
    DIR* d = ::opendir(dir.c_str());
    if (!d) return 0;
    uint32_t removed = 0;
    while (const dirent* e = ::readdir(d)) {
-      // "slab.NN.<pid>.tmp"
-      const char* n = e->d_name;
-      const size_t len = std::strlen(n);
-      if (len < 13 || std::strncmp(n, "slab.", 5) != 0 || std::strcmp(n + len - 4, ".tmp") != 0 ||
-          !std::isdigit(uint8_t(n[5])) || !std::isdigit(uint8_t(n[6])) || n[7] != '.') {
-         continue;
-      }
-      bool digits = true;  // the pid, between "slab.NN." and ".tmp" (at least one: len >= 13)
-      for (size_t i = 8; i < len - 4; ++i) digits = digits && std::isdigit(uint8_t(n[i]));
-      if (!digits) continue;
-      if (::unlinkat(::dirfd(d), n, 0) == 0) {
+      if (!isTemporaryName(e->d_name)) continue;
+      if (::unlinkat(::dirfd(d), e->d_name, 0) == 0) {
          ++removed;
          SPOOR_TRACE(Spoor::handle("Tessel"), 1,
-                     "{}/{} removed: left by a writer killed while creating a slab", dir, n);
+                     "{}/{} removed: left by a writer killed while creating it", dir, e->d_name);
       }
    }
    ::closedir(d);

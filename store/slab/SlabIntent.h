@@ -20,9 +20,21 @@
 //           table's recovery frees it).
 //   grow    numEntries is stored after the new entries are formatted: until then the grown tail
 //           is ignored (rolled back; the longer file is harmless); after it, finished.
-//   shrink  numEntries is either the old or the new count; both prefixes are consistent.
+//   shrink  numEntries is either the old or the new count; both prefixes are consistent. (The
+//           free list relinked in ascending order, SlabWriter::relinkFreeList, is a shrink that
+//           keeps numEntries.)
 // Repair is idempotent: a writer killed while repairing leaves the record set and the next one
 // repairs again.
+//
+// Invariant, at every instruction of the writer: either the record is idle and every slab's
+// bookkeeping agrees with its entries' payloadSize words (numOccupied counts the non-negative
+// ones, the free list links exactly the negative ones within numEntries), or the record names
+// the one slab where that may not hold. The stores outside a record keep the first case: an
+// entry's clientData and payloadSize >= 0 set by a store into an allocated entry (an occupied
+// entry no slot names is the table's recovery's to free), the relume stamp, the resize counter.
+// Files a slab is created in are formatted under a temporary name (removeStrayFiles), and a
+// slot-file shrink's move, which briefly leaves a key in two slots, is finished by the table's
+// recovery (WriterCore::dropInterruptedMove).
 //
 // Store order, per operation: record.op = (kind << 8 | slab); the operation's stores; record.op
 // = 0. A process stopped by a signal has executed exactly a prefix of its instructions and the
@@ -30,7 +42,8 @@
 // the signal fences at begin() and end() forbid it (they emit no instruction). Readers never
 // open this file.
 //
-// File <table dir>/slabs.intent, writer-private: IntentRecord in format/Layout.h.
+// File <table dir>/slabs.intent, mode 0644 like every table file, written by the writer only:
+// IntentRecord in format/Layout.h.
 //
 // Cost on the hot path: two plain stores to one line that every allocation and free touches.
 #pragma once
@@ -110,6 +123,8 @@ enum class StorePoint {
    kShrinkRelinked,     // shrink: free entries below the target relinked
    kShrinkHeaded,       // shrink: freeList stored
    kShrinkCounted,      // shrink: numEntries stored
+   kMovePublished,      // slot-file shrink: a moved value's new slot published, the old one not
+                        // yet cleared (WriterCore::moveSlot)
 };
 using StoreHook = void (*)(StorePoint);
 extern StoreHook storeHook;
@@ -118,8 +133,10 @@ inline void storePoint(StorePoint p) {
       storeHook(p);
 }
 
-// Removes slab files left under a temporary name by a writer killed while creating a slab
-// ("slab.NN.<pid>.tmp"). Returns how many it removed.
-uint32_t removeStraySlabFiles(const std::string& dir);
+// Removes the table files a writer killed while creating them left under a temporary name:
+// "slab.NN.<pid>.tmp", "herald.<pid>.tmp" and "relume.tmp.<pid>". Only the table's writer (the
+// owner file's lock holder) may call it: the names are the writer's own until renamed into place.
+// Returns how many it removed.
+uint32_t removeStrayFiles(const std::string& dir);
 
 }  // namespace Tessel

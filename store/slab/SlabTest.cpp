@@ -12,6 +12,7 @@
 #include "Loom/CorruptionException.h"
 #include "Region/Error.h"
 #include "Vela/Hash.h"
+#include "store/slab/EntryCheck.h"
 #include "store/slab/LinearSizeConfig.h"
 #include "store/slab/Slab.h"
 #include "store/slab/SlabWriter.h"
@@ -60,6 +61,34 @@ TEST(LinearSizeConfig, ClassBoundariesAndEveryClassHoldsItsWholeRange) {
                 "assertion failed: maxAllocSize >= 1 && maxAllocSize <= kMaxAllocSizeLimit");
 }
 
+// The entry check pinned on golden inputs (computed independently of this code), and the
+// guarantee it is built for: any one flipped payload bit changes it; the copy pass agrees.
+TEST(EntryCheck, GoldenValuesAndEveryFlippedBitChangesIt) {
+   std::vector<uint8_t> bytes(21);
+   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 37 + 1);
+   struct Case {
+      uint32_t size, client;
+      uint64_t check;
+   };
+   for (const Case& c : {Case{0, 0, 0x109a3608dc7f50ffull}, Case{0, 7, 0x00efa48f1e2491faull},
+                         Case{8, 7, 0x07ae972e7cece185ull}, Case{21, 7, 0x1e0686b7da7f6fe2ull},
+                         Case{21, kNone, 0x97e3943cc6a87dc0ull}}) {
+      SCOPED_TRACE(c.size);
+      EXPECT_EQ(Tessel::entryCheck(bytes.data(), c.size, c.client), c.check);
+      EXPECT_NE(Tessel::entryCheck(bytes.data(), c.size, c.client ^ 0x100), c.check);
+      for (uint32_t bit = 0; bit < c.size * 8; ++bit) {
+         std::vector<uint8_t> flipped(bytes.begin(), bytes.begin() + c.size);
+         flipped[bit / 8] ^= uint8_t(1u << (bit % 8));
+         ASSERT_NE(Tessel::entryCheck(flipped.data(), c.size, c.client), c.check) << bit;
+      }
+      Tessel::EntryCheck folded(int32_t(c.size), c.client);
+      std::vector<uint8_t> shared(24);
+      Dock::copyToSharedFolding(shared.data() + 1, bytes.data(), c.size,  // an unaligned copy
+                                [&](uint64_t w) { folded.fold(w); });
+      EXPECT_EQ(folded.value(), c.check);
+   }
+}
+
 // A header in an aligned buffer, formatted for 8 entries of 64 bytes.
 struct HeaderBuffer {
    HeaderBuffer() { Tessel::formatSlabHeader(header(), 5, 64, 8); }
@@ -74,9 +103,9 @@ TEST(SlabHeader, FormatBytesStringAndEveryValidationFailure) {
    // version, relume, resize counter, numEntries, numOccupied, entrySize, hash, freeList
    std::vector<uint32_t> words(8);
    std::memcpy(words.data(), p + 8, 32);
-   EXPECT_EQ(words, (std::vector<uint32_t>{1, 5, 0, 8, 0, 64, Vela::oneAtATimeOf(64u), kNone}));
+   EXPECT_EQ(words, (std::vector<uint32_t>{2, 5, 0, 8, 0, 64, Vela::oneAtATimeOf(64u), kNone}));
    EXPECT_EQ(Tessel::slabHeaderString(*b.header()),
-             "magic:424c534c53534554 version:1 relume:5 numEntries:8 entrySize:64 "
+             "magic:424c534c53534554 version:2 relume:5 numEntries:8 entrySize:64 "
              "freeList:4294967295");
    std::string reason;
    EXPECT_TRUE(Tessel::validateSlabHeader(*b.header(), 40 + 8 * 64, 5, reason)) << reason;
@@ -93,7 +122,7 @@ TEST(SlabHeader, FormatBytesStringAndEveryValidationFailure) {
         "bad file size:68719476736"},
        {[](SlabHeader* h, size_t&, uint32_t&) { h->magic = 0x1234; },
         "bad magic: 1234 wanted: 424c534c53534554"},
-       {[](SlabHeader* h, size_t&, uint32_t&) { h->version = 2; }, "bad version: 2 wanted: 1"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->version = 1; }, "bad version: 1 wanted: 2"},
        {[](SlabHeader*, size_t&, uint32_t& w) { w = 6; }, "bad relume:5 wanted:6"},
        {[](SlabHeader* h, size_t&, uint32_t&) { h->hash ^= 1; },
         fmt::format("checksum fail: {:x} != {:x}", Vela::oneAtATimeOf(64u),
@@ -191,15 +220,15 @@ TEST_F(SlabWriterTest, CreateChainsEveryEntryThenAllocFreeReuseGrowthAndLookups)
    EXPECT_EQ(Tessel::growthStep(100, 1 << 24), Tessel::initialEntries(1 << 24));
 }
 
-// Each case damages a fresh slab of 255 entries (56 payload bytes each) whose entries 0..5 were
+// Each case damages a fresh slab of 255 entries (48 payload bytes each) whose entries 0..5 were
 // taken and 2 given back, so that its free list is 2, 6, 7, ...; then the walk's finding.
 TEST_F(SlabWriterTest, ValidationWalkFindsEachDamage) {
    const std::pair<std::function<void(SlabWriter&)>, std::string> cases[] = {
        // On the free list, but claims a payload.
        {[&](SlabWriter& w) { occupy(w, 6, 10); },
         "slab.00::validate() found occupied entry with index: 6 on free-list"},
-       {[&](SlabWriter& w) { occupy(w, 4, 57); },
-        "slab.00::validate() found occupied entry with payloadSize:57, but max payloadSize:56"},
+       {[&](SlabWriter& w) { occupy(w, 4, 49); },
+        "slab.00::validate() found occupied entry with payloadSize:49, but max payloadSize:48"},
        // The list loops back to its head, or leaves the slab. (The count findings: SlabRepair in
        // WriterAllocatorTest.)
        {[](SlabWriter& w) { w.getEntry(w.numEntries() - 1)->clientData.store(2); },

@@ -271,6 +271,31 @@ void SlabWriter::resize(uint32_t newNumEntries) {
    SPOOR_TRACE(trace(), 5, "{}::resize() from {} entries to {}", name_, old, newNumEntries);
 }
 
+uint32_t SlabWriter::linkFreeBelow(uint32_t end) {
+   uint32_t head = Dock::kNone;
+   for (uint32_t i = end; i-- > 0;) {
+      SlabEntryHeader* e = entry(i);
+      if (e->payloadSize.load(std::memory_order_relaxed) < 0) {
+         e->clientData.store(head, std::memory_order_relaxed);
+         head = i;
+      }
+   }
+   return head;
+}
+
+void SlabWriter::relinkFreeList() {
+   VELA_ASSERT(file_ && !file_.readOnly() && "slab is not attached read-write");
+   // In this order, inside the intent record: the free entries' links, freeList. Until freeList
+   // is stored the old list may be cut short by a relinked entry; the record makes repair()
+   // rebuild it.
+   intent_.begin(SlabOp::kShrink, slabNumber_);
+   const uint32_t head = linkFreeBelow(numEntries());
+   storePoint(StorePoint::kShrinkRelinked);
+   header()->freeList.store(head, std::memory_order_relaxed);
+   storePoint(StorePoint::kShrinkHeaded);
+   intent_.end();
+}
+
 bool SlabWriter::shrink() {
    VELA_ASSERT(file_ && !file_.readOnly() && "slab is not attached read-write");
    const uint32_t n = numEntries();
@@ -283,14 +308,7 @@ bool SlabWriter::shrink() {
    // intent record: the free entries' links, freeList, numEntries, the resize counter.
    intent_.begin(SlabOp::kShrink, slabNumber_);
    SlabHeader* h = header();
-   uint32_t head = Dock::kNone;
-   for (uint32_t i = target; i-- > 0;) {
-      SlabEntryHeader* e = entry(i);
-      if (e->payloadSize.load(std::memory_order_relaxed) < 0) {
-         e->clientData.store(head, std::memory_order_relaxed);
-         head = i;
-      }
-   }
+   const uint32_t head = linkFreeBelow(target);
    storePoint(StorePoint::kShrinkRelinked);
    h->freeList.store(head, std::memory_order_relaxed);
    storePoint(StorePoint::kShrinkHeaded);
@@ -301,7 +319,9 @@ bool SlabWriter::shrink() {
                           std::memory_order_release);
    std::atomic_thread_fence(std::memory_order_release);
    intent_.end();
-   // No slot names an entry past target (they are all free), so their pages can go.
+   // No slot names an entry past target (they are all free), so their pages can go. The file
+   // keeps its length: a reader that has not yet seen the new counter may still copy from the
+   // tail, and reads zeros there (its re-check then fails) instead of taking SIGBUS.
    file_.resize(Dock::kSlabHeaderSize + size_t(entrySize_) * target);
    mapped();
    SPOOR_TRACE(trace(), 5, "{}::shrink() from {} entries to {}", name_, n, target);
@@ -312,6 +332,8 @@ void SlabWriter::validate() {
    checkHeader(file_.readOnly() ? 0 : relume_);
    const SlabHeader* h = header();
    const uint32_t n = numEntries();
+   // A live writer may have grown the file since it was mapped read-only: walk only mapped entries.
+   if (n > mappedEntries_) beyond(n - 1);
    std::vector<bool> onFreeList(n, false);
    uint32_t freeCount = 0;
    for (uint32_t i = h->freeList.load(std::memory_order_relaxed); i != Dock::kNone;) {

@@ -81,10 +81,15 @@ class SlabWriter {
    // Grows the file to newNumEntries entries and adds the new ones to the free list.
    // REQUIRES: newNumEntries > numEntries(), free list empty.
    void resize(uint32_t newNumEntries);
-   // Releases the free tail: numEntries drops to just past the last occupied entry (never below
-   // the initial count), the free list is rebuilt from the remaining free entries, and the tail's
-   // pages are punched out (the file keeps its length). Returns true when it shrank.
+   // Releases the free tail when the prefix up to the last occupied entry is at most a quarter of
+   // the slab: numEntries drops to twice that prefix (never below the initial count), the list is
+   // rebuilt from the remaining free entries, and the tail's pages are punched out (the file keeps
+   // its length, so a reader still copying from the tail reads zeros, never SIGBUS). Returns true
+   // when it shrank. The writer calls it when it shrinks the slot file (WriterCore).
    bool shrink();
+   // Relinks the free list in ascending index order, so that the next allocations take the
+   // lowest free entries and a later shrink() can release the tail.
+   void relinkFreeList();
    // Pushes entries [start, end) on the free list in ascending order.
    // REQUIRES: the free list is empty ("{}::addFreeEntries() free-list isn't empty").
    void addFreeEntries(uint32_t start, uint32_t end);
@@ -107,6 +112,9 @@ class SlabWriter {
    SlabEntryHeader* entry(uint32_t index) const {
       return reinterpret_cast<SlabEntryHeader*>(entryAt(file_.data(), entrySize_, index));
    }
+   // Links every free entry below `end` in ascending order; returns the first (kNone if none).
+   // Writes the entries' clientData only: the caller stores the head.
+   uint32_t linkFreeBelow(uint32_t end);
    // Re-reads the mapping's size into mappedEntries_ (after every map, unmap and resize).
    void mapped();
    // Runs `check`; if it throws, closes the file before the error goes on.

@@ -12,6 +12,7 @@
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
 #include "store/format/SharedBytes.h"
+#include "store/slab/EntryCheck.h"
 
 namespace Tessel {
 
@@ -50,7 +51,7 @@ std::unique_ptr<SlabWriter> WriterAllocator::makeSlab(uint32_t s) const {
 void WriterAllocator::removeFiles(const std::string& dir) {
    for (uint32_t s = 0; s < kNumClasses; ++s) ::unlink((dir + "/" + Dock::slabFileName(s)).c_str());
    ::unlink((dir + "/" + kIntentFile).c_str());
-   removeStraySlabFiles(dir);
+   removeStrayFiles(dir);
 }
 
 void WriterAllocator::create() {
@@ -62,7 +63,7 @@ void WriterAllocator::create() {
          throw Region::Error::fromErrno("cannot remove", path, errno);
       }
    }
-   strayRemoved_ = removeStraySlabFiles(dir_);
+   strayRemoved_ = removeStrayFiles(dir_);
    // A fresh record: whatever the old one named is gone with the slabs.
    ::unlink((dir_ + "/" + kIntentFile).c_str());
    intent_.open(dir_);
@@ -97,8 +98,8 @@ void WriterAllocator::repairInterrupted() {
 void WriterAllocator::attach() {
    detach();
    mode_ = Mode::kAttached;
-   // The writer holds the owner file, so a temporary slab file belongs to a writer that died.
-   strayRemoved_ = removeStraySlabFiles(dir_);
+   // The writer holds the owner file, so a temporary file belongs to a writer that died.
+   strayRemoved_ = removeStrayFiles(dir_);
    intent_.open(dir_);
    repairInterrupted();
    // Re-stamp every slab whose header is sound now, so that readers of this writer generation
@@ -164,13 +165,15 @@ SlabValue WriterAllocator::store(uint32_t client, const uint8_t* bytes, uint32_t
    // alloc's release fence (SlabWriter::alloc) orders the stores below after every earlier slot
    // flags store, so a reader still copying a reused entry sees its slot change on its re-check.
    // The bytes go in with atomic stores (format/SharedBytes.h) since such a reader may be copying
-   // them.
+   // them. The entry's check is folded in the same pass (EntryCheck.h).
    const Offset offset = alloc(length + kEntryOverhead);
    SlabEntryHeader* entry = lookup(offset);
-   Dock::copyToShared(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes,
-                      length);
+   EntryCheck check(int32_t(length), client);
+   Dock::copyToSharedFolding(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes,
+                             length, [&check](uint64_t w) { check.fold(w); });
+   entry->check.store(check.value(), std::memory_order_relaxed);
    entry->clientData.store(client, std::memory_order_relaxed);
-   // Release: a reader that sees this size (acquire) sees the payload and clientData.
+   // Release: a reader that sees this size (acquire) sees the payload, check and clientData.
    entry->payloadSize.store(int32_t(length), std::memory_order_release);
    return SlabValue{offset, length};
 }
@@ -217,6 +220,15 @@ void WriterAllocator::validate() {
          validated_ |= 1u << s;
       } else if (exists(slabPath(s))) {
          validateUnattached(slabPath(s), config_.entrySize(s));
+      }
+   }
+}
+
+void WriterAllocator::prepareShrink() {
+   for (auto& s : slabs_) {
+      if (s && !s->readOnly() && s->numEntries() > initialEntries(s->entrySize()) &&
+          uint64_t(s->numOccupied()) * 4 <= s->numEntries()) {
+         s->relinkFreeList();
       }
    }
 }

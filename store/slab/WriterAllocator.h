@@ -2,14 +2,14 @@
 // per size class (LinearSizeConfig). Slab files are created on the first allocation in their
 // class; existing files are attached and validated on first use.
 //
-//   create()          a fresh table: removes any slab files left in the directory and starts an
-//                     idle intent file.
-//   attach()          a restarted writer keeping its entries: removes slab files a killed writer
-//                     left half-created, repairs the slab named by the intent file (an operation
-//                     interrupted between two bookkeeping stores, see SlabIntent.h), then checks
-//                     every existing slab file's header (any relume) and re-stamps it with this
-//                     writer's relume now, so readers of the new generation accept it; the full
-//                     walk runs on first use.
+//   create()          a fresh table: removes any slab files and temporary files left in the
+//                     directory and starts an idle intent file.
+//   attach()          a restarted writer keeping its entries: removes the temporary files a killed
+//                     writer left half-created (removeStrayFiles), repairs the slab named by
+//                     the intent file (an operation interrupted between two bookkeeping stores,
+//                     see SlabIntent.h), then checks every existing slab file's header (any
+//                     relume) and re-stamps it with this writer's relume now, so readers of the
+//                     new generation accept it; the full walk runs on first use.
 //   attachReadOnly()  inspection (deep validation by a tool): nothing is written; alloc and free
 //                     are then programming errors.
 //
@@ -63,19 +63,23 @@ class WriterAllocator {
 
    // Validates every attached slab, and every unattached slab file present (validateUnattached).
    void validate();
+   // Relinks, in ascending order, the free list of every attached slab that shrink() could
+   // release most of (at most a quarter of its entries occupied), so that the values a slot-file
+   // shrink moves are stored in the lowest entries. O(entries) of those slabs.
+   void prepareShrink();
    // Shrinks every attached slab (SlabWriter::shrink); returns the number that shrank.
    uint32_t shrink();
    // Sum of numOccupied over every slab file present (attaching them as needed).
    uint64_t numOccupied();
 
-   // Removes every slab file of `dir`, the intent file and half-created slab files (best effort:
+   // Removes every slab file of `dir`, the intent file and half-created files (best effort:
    // the table is being given up).
    static void removeFiles(const std::string& dir);
 
    // What the last attach() repaired: the interrupted operation (kIdle when none) and its slab.
    SlabOp repairedOp() const { return repairedOp_; }
    uint32_t repairedSlab() const { return repairedSlab_; }
-   // Half-created slab files the last create() or attach() removed.
+   // Half-created files the last create() or attach() removed (removeStrayFiles).
    uint32_t strayFilesRemoved() const { return strayRemoved_; }
 
    const LinearSizeConfig& config() const { return config_; }

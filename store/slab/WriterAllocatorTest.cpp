@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,8 +20,10 @@
 #include <set>
 #include <vector>
 
+#include "Region/Error.h"
 #include "Spoor/Trace.h"
 #include "store/slab/DynamicSlotAllocator.h"
+#include "store/slab/EntryCheck.h"
 #include "store/slab/ReaderAllocator.h"
 #include "store/slab/SlabIntent.h"
 #include "store/slab/SlabReader.h"
@@ -68,7 +72,8 @@ TEST(WriterAllocator, LazySlabFilesAndADamagedSlabRefusedWhenLazilyAttached) {
       a.attach();
       ReaderAllocator fresh(dir, 8);
       uint8_t buf[64];
-      EXPECT_EQ(fresh.copy(kept, buf, sizeof buf), 0);
+      ReaderAllocator::Copied entry;  // reserved, never stored: no check to match
+      EXPECT_EQ(fresh.copy(kept, buf, sizeof buf, entry), 0);
    }
    {
       // Damage slab.00 behind the allocator's back: its occupied count is off by one.
@@ -116,16 +121,31 @@ TEST(DynamicSlotAllocator, ReadsValuesBackAndChecksTheSlotTheyNameByOffset) {
       EXPECT_EQ(d.getValue(stored[i].offset), Value(1000 + i, 1, counts[i]));
       Dock::Slot slot{};
       slot.offset.store(stored[i].offset.value);
+      slot.length.store(stored[i].length);
       EXPECT_NO_THROW(d.validateSlot(i, slot));
    }
    // A slot naming another slot's entry; an Offset's word and text.
    EXPECT_EQ(Offset::make(17, 123456).value, (123456u << 5) | 17u);
    EXPECT_EQ(fmt::format("{}", Offset::make(0, Offset::kMaxIndex)),
              "Offset{ slab: 0 index: 134217727 }");
-   EXPECT_EQ(errorText([&] { d.validateSlot(3, stored[2].offset); }),
+   // A slot naming another slot's entry, recording another length, or naming damaged bytes.
+   Dock::Slot slot{};
+   slot.offset.store(stored[2].offset.value);
+   slot.length.store(stored[2].length);
+   EXPECT_EQ(errorText([&] { d.validateSlot(3, slot); }),
              fmt::format("Clientdata mismatch, slot 3 contains offset: {} but slabEntry "
                          "references slot: 2",
                          stored[2].offset.toString()));
+   slot.length.store(stored[2].length + 1);
+   EXPECT_EQ(errorText([&] { d.validateSlot(2, slot); }),
+             fmt::format("slot:2 offset:{} payloadSize:{} but slot length:{}",
+                         stored[2].offset.toString(), stored[2].length, stored[2].length + 1));
+   slot.length.store(stored[2].length);
+   a.payload(stored[2].offset)[5] ^= 0x10;
+   EXPECT_EQ(errorText([&] { d.validateSlot(2, slot); }),
+             fmt::format("slot:2 offset:{} entry check mismatch: stored:{:#018x}",
+                         stored[2].offset.toString(),
+                         a.lookup(stored[2].offset)->check.load(std::memory_order_relaxed)));
 }
 
 TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
@@ -138,12 +158,22 @@ TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
    EXPECT_EQ(r.copy(Offset::make(0, 0), buf.data(), kViaM), -1);  // no slab file yet
    const Value v(5, 1, 3);
    auto sv = storeValue(a, 9, v);
-   uint32_t client = 0;
-   ASSERT_EQ(r.copy(sv.offset, buf.data(), kViaM, client), int64_t(sv.length));
-   EXPECT_EQ(client, 9u);
+   ReaderAllocator::Copied entry;
+   ASSERT_EQ(r.copy(sv.offset, buf.data(), kViaM, entry), int64_t(sv.length));
+   EXPECT_EQ(entry.clientData, 9u);
+   EXPECT_EQ(entry.stored, Tessel::entryCheck(buf.data(), sv.length, 9));
+   EXPECT_TRUE(entry.intact());
+   EXPECT_TRUE(Tessel::entryIntact(*a.lookup(sv.offset), a.maxPayload(sv.offset)));
    Value back;
    back.deserialize(buf.data(), sv.length);
    EXPECT_EQ(back, v);
+   // One flipped payload bit: the copy is refused, the check says which.
+   a.payload(sv.offset)[sv.length - 1] ^= 0x10;
+   EXPECT_EQ(r.copy(sv.offset, buf.data(), kViaM), -1);
+   EXPECT_EQ(r.copy(sv.offset, buf.data(), kViaM, entry), int64_t(sv.length));
+   EXPECT_EQ(entry.computed, Tessel::entryCheck(buf.data(), sv.length, 9));
+   EXPECT_FALSE(Tessel::entryIntact(*a.lookup(sv.offset), a.maxPayload(sv.offset)));
+   a.payload(sv.offset)[sv.length - 1] ^= 0x10;
    // A short buffer gets a prefix; the size says how much there was.
    std::vector<uint8_t> small(10, 0xee);
    EXPECT_EQ(r.copy(sv.offset, small.data(), 8), int64_t(sv.length));
@@ -221,6 +251,14 @@ TEST(ReaderAllocator, FollowsTheWriterGrowingAndShrinkingASlab) {
 std::optional<StorePoint> killPoint;
 void killAtPoint(StorePoint p) {
    if (p == killPoint) ::kill(::getpid(), SIGKILL);
+}
+
+// Kills at the storesLeft-th store point from now, recording each point's kind in *pointsSeen.
+uint32_t storesLeft = 0;
+uint32_t* pointsSeen = nullptr;
+void killAtCount(StorePoint p) {
+   *pointsSeen |= 1u << uint32_t(p);
+   if (--storesLeft == 0) ::kill(::getpid(), SIGKILL);
 }
 
 // Runs `body` in a child that must die by SIGKILL, at store point `p` or by its own hand; its pid.
@@ -381,10 +419,10 @@ TEST(SlabRepair, EveryInterruptedOperationIsRepairedOnlyWhenRecorded) {
 const Dock::DockConfig kConfig = DockTest::tableConfig(8, 1 << 16);
 
 // 50 keys, version 1, one via each (all in slab 0, which has grown three times).
-void writeTable(const std::string& name) {
+void writeTable(const std::string& name, uint64_t keys = 50) {
    Writer w(kConfig);
    w.initialize(name);
-   for (uint64_t k = 0; k < 50; ++k) w.write(Value(k, 1, 1));
+   for (uint64_t k = 0; k < keys; ++k) w.write(Value(k, 1, 1));
    w.flush();
 }
 
@@ -398,6 +436,7 @@ void replaceButKeepOld(Writer& w) {
    const Offset fresh = w.allocator().alloc(uint32_t(length) + Tessel::kEntryOverhead);
    std::memcpy(w.allocator().payload(fresh), w.allocator().payload(old), size_t(length));
    w.allocator().lookup(fresh)->clientData.store(s);
+   w.allocator().lookup(fresh)->check.store(w.allocator().lookup(old)->check.load());
    w.allocator().lookup(fresh)->payloadSize.store(length);
    slot.offset.store(fresh.value);
    slot.flags.store(slot.flags.load() + Dock::kWriteStep);
@@ -454,6 +493,16 @@ TEST(SlabRepair, HalfCreatedSlabFilesAreRemovedOnAttachAndCleanup) {
    Testing::TempRoot root;
    writeTable("t");
    const std::string dir = root.path() + "/t";
+   // A slab file that cannot be sized (no file may pass 16 KiB) is not left behind.
+   const pid_t failed = Testing::forkChild([] {
+      Writer w(kConfig);
+      w.initialize("t");
+      const rlimit limit{16384, 16384};
+      ::signal(SIGXFSZ, SIG_IGN), ::setrlimit(RLIMIT_FSIZE, &limit);
+      return int(errorText<Region::Error>([&] { w.write(Value(60, 1, 40)); }).find("cannot size"));
+   });
+   EXPECT_EQ(Testing::waitChild(failed), 0);
+   EXPECT_FALSE(fs::exists(fmt::format("{}/slab.02.{}.tmp", dir, failed)));
    // Killed while formatting a new slab (its first value of 40 vias goes to slab 2).
    const pid_t pid = killedAt(StorePoint::kGrowHalfFormatted, [] {
       Writer w(kConfig);
@@ -463,23 +512,114 @@ TEST(SlabRepair, HalfCreatedSlabFilesAreRemovedOnAttachAndCleanup) {
    const std::string stray = fmt::format("{}/slab.02.{}.tmp", dir, pid);
    ASSERT_TRUE(fs::exists(stray));
    EXPECT_FALSE(fs::exists(dir + "/slab.02"));
+   // The herald's and the relume file's temporaries go too.
+   for (const char* name : {"herald.42.tmp", "relume.tmp.42"}) std::ofstream(dir + "/" + name);
    Spoor::Capture cap;
    Writer w(kConfig);
    w.initialize("t");
    EXPECT_EQ(w.mountStatus(), Dock::MountStatus::kReattached);
    EXPECT_FALSE(fs::exists(stray));
-   EXPECT_EQ(w.allocator().strayFilesRemoved(), 1u);
-   EXPECT_TRUE(cap.contains("removed: left by a writer killed while creating a slab"));
+   EXPECT_EQ(w.allocator().strayFilesRemoved(), 3u);
+   EXPECT_TRUE(cap.contains("removed: left by a writer killed while creating it"));
    EXPECT_EQ(w.members(), 50u);
-   // Cleanup removes the table's files and temporary slab files; names that only look alike stay.
+   // Cleanup removes the table's files and temporary files; names that only look alike stay.
    const std::pair<const char*, bool> names[] = {
        {"slab.02.123.tmp", false}, {"slab.7.1.tmp", true},    {"slab.02.x1.tmp", true},
-       {"slab.02..tmp", true},     {"slab.02.12.tmpx", true}, {"other.02.1.tmp", true}};
+       {"slab.02..tmp", true},     {"slab.02.12.tmpx", true}, {"other.02.1.tmp", true},
+       {"herald.77.tmp", false},   {"relume.tmp.77", false},  {"herald..tmp", true},
+       {"relume.tmp.7x", true},    {"herald.77.tmp.x", true}};
    for (const auto& [name, stays] : names) std::ofstream(dir + "/" + name) << "x";
    w.cleanup();
    for (const auto& [name, stays] : names) EXPECT_EQ(fs::exists(dir + "/" + name), stays) << name;
    EXPECT_FALSE(fs::exists(dir + "/slab.00"));
    EXPECT_FALSE(fs::exists(dir + "/" + Tessel::kIntentFile));
+}
+
+// A table's files after a burst: each has the mode the README states, whatever the umask, and the
+// slot file and the slabs hold no more pages than their format needs for what is left, their
+// lengths kept (README).
+TEST(WriterAllocator, ATablesFilesAfterABurst) {
+   Testing::TempRoot root;
+   const mode_t mask = ::umask(077);
+   Writer w(kConfig);
+   w.initialize("m/g");
+   for (uint64_t k = 0; k < 2000; ++k) w.write(Value(k, 1, 1));
+   for (uint64_t k = 0; k < 1995; ++k) w.remove(k);
+   ::umask(mask);
+   size_t files = 0;
+   for (const auto& e : fs::recursive_directory_iterator(root.path() + "/m")) {
+      const bool wake = e.path().filename() == "wake";
+      files += e.is_regular_file();
+      EXPECT_EQ(uint32_t(e.status().permissions()), wake               ? 01777u
+                                                    : e.is_directory() ? 0755u
+                                                                       : 0644u)
+          << e.path();
+   }
+   EXPECT_EQ(files, 7u);  // slots, buckets, slab.00, herald, relume, owner, slabs.intent
+   const Tessel::SlabWriter& slab = *w.allocator().attachedSlab(0);
+   EXPECT_LE(slab.numEntries(), 2 * Tessel::initialEntries(slab.entrySize()));  // was 2816
+   const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+   for (auto [file, bytes] : {std::pair{slab.path(), 40 + slab.numEntries() * slab.entrySize()},
+                              {w.table().path(), 600 + 24 * w.capacity()}}) {
+      struct stat st {};
+      ::stat(file.c_str(), &st);
+      EXPECT_LE(size_t(st.st_blocks) * 512, (bytes + page - 1) / page * page) << file;
+      EXPECT_GT(size_t(st.st_size), bytes) << file;  // the length stays
+   }
+}
+
+// Operation i of a burst: inserts (one of 40 vias per nine, in a slab of its own), replacements,
+// then removals of all but two keys, which shrink the slot file and the slabs.
+constexpr uint32_t kBurstOps = 42;
+std::pair<uint64_t, std::optional<Value>> burstOp(uint32_t i) {
+   if (i < 16) return {i + 8, Value(i + 8, 1, (i + 8) % 9 ? 1 : 40)};
+   if (i < 20) return {(i - 16) * 5, Value((i - 16) * 5, 2, 2)};
+   return {(i * 7) % 22, std::nullopt};
+}
+
+// A writer killed at the n-th store point of the burst, for every n: the next writer keeps every
+// key as the operations before the interrupted one left it, and that one's as before or after it.
+TEST(SlabRepair, WriterKilledAtEveryStoreOfABurstKeepsTheTable) {
+   Testing::TempRoot root;
+   auto* shared = static_cast<uint32_t*>(
+       ::mmap(nullptr, 8, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+   uint32_t& done = shared[0];  // operations the child completed
+   pointsSeen = &shared[1];
+   for (uint32_t n = 1;; ++n) {
+      SCOPED_TRACE(fmt::format("killed at store point {}", n));
+      const std::string name = fmt::format("b{}", n);
+      writeTable(name, 8);
+      done = 0;
+      const int code = Testing::waitChild(Testing::forkChild([&] {
+         storesLeft = n;
+         Tessel::storeHook = killAtCount;
+         Writer w(kConfig);
+         w.initialize(name);
+         for (; done < kBurstOps; ++done) {
+            auto [key, value] = burstOp(done);
+            value ? w.write(*value) : void(w.remove(key));
+         }
+         return 0;
+      }));
+      std::map<uint64_t, Value> before, after;
+      for (uint64_t k = 0; k < 8; ++k) after[k] = Value(k, 1, 1);
+      for (uint32_t i = 0; i <= done && i < kBurstOps; ++i) {
+         before = after;
+         auto [key, value] = burstOp(i);
+         value ? void(after[key] = *value) : void(after.erase(key));
+      }
+      Writer w(kConfig);
+      w.initialize(name);
+      ASSERT_EQ(w.mountStatus(), Dock::MountStatus::kReattached);
+      EXPECT_TRUE(w.validate());
+      const auto got = DockTest::contents(w);
+      ASSERT_TRUE(got == after || (code != 0 && got == before)) << "interrupted operation " << done;
+      if (code == 0) break;  // run through: every store point was a kill point
+      ASSERT_EQ(code, 128 + SIGKILL);
+      w.cleanup();
+   }
+   EXPECT_EQ(*pointsSeen, (2u << uint32_t(StorePoint::kMovePublished)) - 1);
+   ::munmap(shared, 8);
 }
 
 }  // namespace

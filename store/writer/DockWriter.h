@@ -235,7 +235,8 @@ class DockWriter final : public WriterCore, private WriterIndex {
       const V value = dynamic_->getValue(offsetOf(s));
       const K key = KeyOf()(value);
       const uint32_t hash = hash_->hashOf(key);
-      if (hash_->lookup(key, hash) != kNone) {
+      if (const uint32_t other = hash_->lookup(key, hash); other != kNone) {
+         if (dropInterruptedMove(other, s)) return;
          throw Loom::CorruptionException(fmt::format("duplicate key in slot: {}", s));
       }
       auto& r = table_.records()[s];

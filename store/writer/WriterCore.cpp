@@ -18,8 +18,10 @@
 #include "Region/StoreRoot.h"
 #include "Vela/Assert.h"
 #include "store/DeepValidate.h"
+#include "store/FileChecks.h"
 #include "store/format/SharedBytes.h"
 #include "store/format/SlotTable.h"
+#include "store/slab/SlotEntryCheck.h"
 
 namespace Dock {
 
@@ -119,6 +121,8 @@ void WriterCore::attach() {
    // The herald first: its re-stamped relume and wake tell readers of the restart before the
    // slab headers below change generation under them.
    try {
+      // The whole check first: a herald whose writerPos is not sane is replaced by recover().
+      checkHeraldFile(dir_, 0);
       herald_.attach(dir_, relume_);
    } catch (const std::exception& e) {
       SPOOR_TRACE(writerTrace(), 1, "herald not kept: {}", e.what());
@@ -166,6 +170,13 @@ bool WriterCore::validateFiles(std::string& reason) {
       }
       deepValidate(*table_.header(), *allocator_);
       if (!buckets_.validate(relume_, table_.header()->hashSeed, reason)) return false;
+      // The same checks `tunnelctl validate` makes of the files readers depend on.
+      const auto* heads = reinterpret_cast<const std::atomic<uint32_t>*>(
+          reinterpret_cast<const uint8_t*>(buckets_.header()) + kBucketHeaderSize);
+      checkBucketChains(heads, buckets_.numBuckets(), SlotTable::slots(table_.header()),
+                        table_.numSlots());
+      checkHeraldFile(dir_, relume_);
+      checkIntentFile(dir_);
       return true;
    } catch (const std::exception& e) {
       reason = e.what();
@@ -318,9 +329,15 @@ void WriterCore::doMaybeShrinkSlots(uint32_t shrinkThreshold) {
    if (threshold >= table_.numSlots()) return;
    shrinking_ = true;
    table_.purgeFreeSlots(threshold);
+   // The moves below re-store their values: in the lowest free entries, so that the slabs' tails
+   // can be given back afterwards.
+   allocator_->prepareShrink();
    herald_.shrinkStart();
    CriticalYield yield(criticalTaskCheck_);
    const uint32_t numSlots = table_.numSlots();
+   // The moved slots' old entries are freed after every move: freed at once, each would head its
+   // free list and take the next move's value, high in the slab.
+   std::vector<Tessel::Offset> moved;
    for (uint32_t from = threshold; from < numSlots; ++from) {
       Slot& fs = table_.slot(from);
       const uint32_t flags = fs.flags.load(std::memory_order_relaxed);
@@ -328,35 +345,43 @@ void WriterCore::doMaybeShrinkSlots(uint32_t shrinkThreshold) {
          SPOOR_TRACE(writerTrace(), 9, "skipping not occupied slot:{}", from);
          continue;
       }
-      moveSlot(from);
+      moved.push_back(moveSlot(from));
       yield.check();
    }
+   // No slot names these entries any more; a writer killed before this leaves them to recovery.
+   for (Tessel::Offset o : moved) allocator_->free(o);
    counters_.criticalYields += yield.yields();
    herald_.shrinkEnd();
    SPOOR_TRACE(writerTrace(), 5, "newNumSlots:{}", threshold);
    table_.shrinkTo(threshold);
    SPOOR_TRACE(writerTrace(), 5, "{} from {} slots to {}", name_, numSlots, threshold);
+   // A burst that filled the slot file filled the slabs too: release their free tails.
+   const uint32_t slabs = allocator_->shrink();
+   SPOOR_TRACE(writerTrace(), 5, "{} slabs shrunk: {}", name_, slabs);
    SPOOR_TRACE(writerTrace(), 5, "at threshold:{} done", shrinkThreshold);
    ++counters_.slotShrinks;
    shrinking_ = false;
 }
 
-void WriterCore::moveSlot(uint32_t from) {
+Tessel::Offset WriterCore::moveSlot(uint32_t from) {
    const uint32_t hash = index_.hashAt(from);
    if (!index_.findsOwnKey(from)) {
       VELA_FAIL("fromSlot:{} key not found", from);
    }
+   // The value's bytes are re-stored under a fresh entry check: damaged ones are refused here
+   // rather than laundered (Loom::CorruptionException).
+   const Tessel::Offset fromOffset = offsetOf(from);
+   Slot& fs = table_.slot(from);
+   const uint32_t length = fs.length.load(std::memory_order_relaxed);
+   Tessel::checkSlotEntry(from, fromOffset, length, *allocator_->lookup(fromOffset),
+                          allocator_->maxPayload(fromOffset));
    // The free list holds only slots below the target (purgeFreeSlots), never growth.
    const uint32_t to = table_.allocSlot(name_);
    SPOOR_TRACE(writerTrace(), 9, "moving fromSlot:{} toSlot:{}", from, to);
-   Slot& fs = table_.slot(from);
    Slot& ts = table_.slot(to);
    // Release fence: as in publish, the stores below follow every earlier flags store.
    releaseFence();
    // The value's bytes as they are: nothing to deserialize and serialize again.
-   const Tessel::Offset fromOffset = offsetOf(from);
-   const uint32_t length =
-       uint32_t(allocator_->lookup(fromOffset)->payloadSize.load(std::memory_order_relaxed));
    copyFromShared(scratch(length), allocator_->payload(fromOffset), length);
    const Tessel::SlabValue nv = allocator_->store(to, scratch_.data(), length);
    ts.offset.store(nv.offset.value, std::memory_order_relaxed);
@@ -365,14 +390,38 @@ void WriterCore::moveSlot(uint32_t from) {
    const uint32_t tflags = ts.flags.load(std::memory_order_relaxed);
    // Release: the new slot's words before OCCUPIED.
    ts.flags.store(((tflags + kWriteStep) | kOccupied) & ~kLookaside, std::memory_order_release);
+   // Until `from` is cleared below, two occupied slots hold the key with the same bytes: a writer
+   // killed here leaves that to recovery (dropInterruptedMove).
+   Tessel::storePoint(Tessel::StorePoint::kMovePublished);
    if (!index_.slotMoved(from, to, nv.offset.value)) VELA_FAIL("fromSlot:{} not referenced", from);
    notify(to);
    herald_.postTombstone(from);
    const uint32_t fflags = fs.flags.load(std::memory_order_relaxed);
    fs.flags.store((fflags + kWriteStep) & ~kOccupied, std::memory_order_release);
    notify(from);
-   allocator_->free(offsetOf(from));
    ++counters_.slotMoves;
+   return fromOffset;
+}
+
+bool WriterCore::dropInterruptedMove(uint32_t kept, uint32_t dropped) {
+   Slot& d = table_.slot(dropped);
+   const uint32_t length = table_.slot(kept).length.load(std::memory_order_relaxed);
+   // A move goes down, and copies the value's bytes exactly.
+   if (kept >= dropped || d.length.load(std::memory_order_relaxed) != length ||
+       std::memcmp(allocator_->payload(offsetOf(kept)), allocator_->payload(offsetOf(dropped)),
+                   length) != 0) {
+      return false;
+   }
+   SPOOR_TRACE(writerTrace(), 0, "{}: move of slot {} to {} interrupted, finished", name_, dropped,
+               kept);
+   d.flags.store((d.flags.load(std::memory_order_relaxed) + kWriteStep) & ~kOccupied,
+                 std::memory_order_release);
+   allocator_->free(offsetOf(dropped));
+   table_.freeSlot(dropped);
+   auto* h = table_.header();
+   h->occupiedSlots.store(h->occupiedSlots.load(std::memory_order_relaxed) - 1,
+                          std::memory_order_relaxed);
+   return true;
 }
 
 // ---------------------------------------------------------------------------------------------

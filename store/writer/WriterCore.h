@@ -259,6 +259,11 @@ class WriterCore {
 
    BucketWriter& bucketWriter() { return buckets_; }
    WriterCounters& counters() { return counters_; }
+   // Recovery, for two occupied slots found with the same key: a move killed between publishing
+   // its target `kept` and clearing its source `dropped`, when `kept` is below `dropped` and both
+   // name the same bytes; then the move is finished (the source freed with its entry). Returns
+   // false, changing nothing, for any other pair.
+   bool dropInterruptedMove(uint32_t kept, uint32_t dropped);
 
   private:
    Region::VersionAnchor currentAnchor() const;
@@ -271,7 +276,8 @@ class WriterCore {
    void maybeShrinkSlots();
    // Moves an occupied slot at or above the shrink target to a free slot below it: a new slab
    // entry naming the new slot, the chain relinked, both slots notified (a tombstone for the old).
-   void moveSlot(uint32_t from);
+   // Returns the old slot's entry, which the caller frees.
+   Tessel::Offset moveSlot(uint32_t from);
    bool validateHeaderAgainstConfig(std::string& reason);
    void createFiles();
    // Replays what a killed writer may have left half done, then rebuilds the private index.

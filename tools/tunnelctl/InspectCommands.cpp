@@ -155,6 +155,10 @@ int runShow(std::ostream& out, const std::string& name, const ShowOptions& o) {
    return 0;
 }
 
+// Exit status of `validate` when the table never held still: distinct from 1 (corruption or a
+// missing file) and 2 (usage).
+constexpr int kValidateBusy = 3;
+
 int runValidate(std::ostream& out, const std::string& name, bool asJson) {
    const TableEntry& table = requireTable(name);
    const std::string dir = existingTableDirectory(table);
@@ -174,6 +178,16 @@ int runValidate(std::ostream& out, const std::string& name, bool asJson) {
              << counts.freeSlots << " free slots, " << counts.slabEntries << " slab entries\n";
       }
       return 0;
+   } catch (const Dock::TableBusy& e) {
+      // The writer changed the table under every walk: no verdict, and no corruption claimed.
+      const std::string why = "Dock " + storeName + " validation " + e.what();
+      if (asJson) {
+         verdict["busy"] = true;
+         verdict["error"] = why;
+         out << dumpJson(verdict) << "\n";
+      }
+      std::cerr << "tunnelctl: " << why << "\n";
+      return kValidateBusy;
    } catch (const std::exception& e) {
       const std::string why = "Dock " + storeName + " validation failed: " + e.what();
       if (asJson) {

@@ -153,6 +153,11 @@ printf '\xff' | dd of="$TUNNEL_SHMEM_ROOT/tunnel/table/static/entry/slots" bs=1 
 "$ctl" validate static >/dev/null 2>"$work/damaged-slot.err"
 expect_eq $? 1 "validate damaged slot exit status"
 expect_eq "$(cat "$work/damaged-slot.err")" "tunnelctl: Dock tunnel/table/static/entry validation failed: stuck LOOKASIDE bit: 0xff" "validate damaged slot message"
+# A byte of the herald, which only readers use: validate checks every file readers depend on.
+printf '\x00' | dd of="$TUNNEL_SHMEM_ROOT/tunnel/table/bgpLu/entry/herald" bs=1 seek=0 conv=notrunc status=none
+"$ctl" validate bgpLu >/dev/null 2>"$work/damaged-herald.err"
+expect_eq $? 1 "validate damaged herald exit status"
+expect_eq "$(cat "$work/damaged-herald.err")" "tunnelctl: Dock tunnel/table/bgpLu/entry validation failed: herald: bad magic: 444c52484b434f00" "validate damaged herald message"
 
 # Error paths.
 "$ctl" show rsvpLerSub >"$work/missing.out" 2>"$work/missing.err"
