@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "Vela/ArraySizeError.h"
 #include "Vela/Assert.h"
@@ -35,28 +36,44 @@ class ByteFormatError : public Vela::Exception {
    using Vela::Exception::Exception;
 };
 
+// On a little-endian host (outside constant evaluation) an integer's byte form is its own image,
+// so each is one move; otherwise the bytes are assembled one by one.
+template <typename T>
+constexpr void storeLe(uint8_t* p, T v) noexcept {
+   if (std::endian::native == std::endian::little && !std::is_constant_evaluated()) {
+      std::memcpy(p, &v, sizeof(T));
+   } else {
+      for (size_t i = 0; i < sizeof(T); ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+   }
+}
+template <typename T>
+constexpr T loadLe(const uint8_t* p) noexcept {
+   if (std::endian::native == std::endian::little && !std::is_constant_evaluated()) {
+      T v;
+      std::memcpy(&v, p, sizeof(T));
+      return v;
+   }
+   T v = 0;
+   for (size_t i = sizeof(T); i-- > 0;) v = static_cast<T>((v << 8) | p[i]);
+   return v;
+}
 constexpr void storeLe16(uint8_t* p, uint16_t v) noexcept {
-   p[0] = static_cast<uint8_t>(v);
-   p[1] = static_cast<uint8_t>(v >> 8);
+   storeLe(p, v);
 }
 constexpr void storeLe32(uint8_t* p, uint32_t v) noexcept {
-   for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+   storeLe(p, v);
 }
 constexpr void storeLe64(uint8_t* p, uint64_t v) noexcept {
-   for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+   storeLe(p, v);
 }
 constexpr uint16_t loadLe16(const uint8_t* p) noexcept {
-   return static_cast<uint16_t>(p[0] | (p[1] << 8));
+   return loadLe<uint16_t>(p);
 }
 constexpr uint32_t loadLe32(const uint8_t* p) noexcept {
-   uint32_t v = 0;
-   for (int i = 3; i >= 0; --i) v = (v << 8) | p[i];
-   return v;
+   return loadLe<uint32_t>(p);
 }
 constexpr uint64_t loadLe64(const uint8_t* p) noexcept {
-   uint64_t v = 0;
-   for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
-   return v;
+   return loadLe<uint64_t>(p);
 }
 
 class ByteWriter {
@@ -113,9 +130,8 @@ class ByteReader {
    // A boolean byte must be 0 or 1: anything else is not a byte form this library wrote.
    bool boolean() {
       const uint8_t v = u8();
-      if (v > 1)
-         throw ByteFormatError("boolean byte " + std::to_string(v) + " at offset " +
-                               std::to_string(offset_ - 1) + " is neither 0 nor 1");
+      if (v > 1) [[unlikely]]
+         throwNotBoolean(v);
       return v == 1;
    }
    void bytes(void* out, size_t n) {
@@ -127,11 +143,8 @@ class ByteReader {
    }
    // The next n bytes, in place, and moves past them; throws if fewer remain.
    const uint8_t* take(size_t n) {
-      if (n > length_ - offset_) {
-         throw ByteFormatError("byte form truncated: " + std::to_string(n) +
-                               " bytes needed at offset " + std::to_string(offset_) + " of " +
-                               std::to_string(length_));
-      }
+      if (n > length_ - offset_) [[unlikely]]
+         throwTruncated(n);
       const uint8_t* at = p_ + offset_;
       offset_ += n;
       return at;
@@ -175,6 +188,17 @@ class ByteReader {
    size_t remaining() const noexcept { return length_ - offset_; }
 
   private:
+   // The errors are built out of line, so that the readers stay small enough to inline.
+   [[noreturn, gnu::cold, gnu::noinline]] void throwTruncated(size_t n) const {
+      throw ByteFormatError("byte form truncated: " + std::to_string(n) +
+                            " bytes needed at offset " + std::to_string(offset_) + " of " +
+                            std::to_string(length_));
+   }
+   [[noreturn, gnu::cold, gnu::noinline]] void throwNotBoolean(uint8_t v) const {
+      throw ByteFormatError("boolean byte " + std::to_string(v) + " at offset " +
+                            std::to_string(offset_ - 1) + " is neither 0 nor 1");
+   }
+
    const uint8_t* p_;
    size_t length_;
    size_t offset_ = 0;

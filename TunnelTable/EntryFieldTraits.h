@@ -42,7 +42,7 @@ T fromText(std::string_view raw) {
 }
 
 template <>
-struct FieldTraits<TunnelId> : BlockTraits<TunnelId> {
+struct FieldTraits<TunnelId> : BlockTraits<TunnelId, BlockCheck::exact> {
    static Vela::String text(const TunnelId& v) { return valueToStrep(v); }
    static TunnelId parse(std::string_view raw) { return fromText<TunnelId>(raw); }
 };
@@ -79,7 +79,8 @@ struct FieldTraits<TunnelBandwidth> {
 };
 
 template <>
-struct FieldTraits<TunnelEntrySequenceNumber> : BlockTraits<TunnelEntrySequenceNumber> {
+struct FieldTraits<TunnelEntrySequenceNumber>
+    : BlockTraits<TunnelEntrySequenceNumber, BlockCheck::exact> {
    static Vela::String text(TunnelEntrySequenceNumber v) { return valueToStrep(v); }
    static TunnelEntrySequenceNumber parse(std::string_view raw) {
       return fromText<TunnelEntrySequenceNumber>(raw);
@@ -102,7 +103,7 @@ struct FieldTraits<ContributionToTunnelRIB> {
 };
 
 template <>
-struct FieldTraits<OptionalColor> : BlockTraits<OptionalColor> {
+struct FieldTraits<OptionalColor> : BlockTraits<OptionalColor, BlockCheck::exact> {
    static Vela::String text(const OptionalColor& v) { return valueToStrep(v); }
    static OptionalColor parse(std::string_view raw) { return OptionalColor(raw); }
    static Vela::String dumpText(const OptionalColor& v) { return text(v); }
@@ -125,7 +126,7 @@ struct FieldTraits<Wirekit::MetricType> {
 };
 
 template <>
-struct FieldTraits<Wirekit::IpGenAddr> : BlockTraits<Wirekit::IpGenAddr> {
+struct FieldTraits<Wirekit::IpGenAddr> : BlockTraits<Wirekit::IpGenAddr, BlockCheck::exact> {
    static Vela::String text(const Wirekit::IpGenAddr& v) { return quoted(v); }
    static Wirekit::IpGenAddr parse(std::string_view raw) {
       return Wirekit::IpGenAddr(Vela::parseString(raw));
@@ -134,7 +135,7 @@ struct FieldTraits<Wirekit::IpGenAddr> : BlockTraits<Wirekit::IpGenAddr> {
 };
 
 template <>
-struct FieldTraits<Wirekit::IpGenPrefix> : BlockTraits<Wirekit::IpGenPrefix> {
+struct FieldTraits<Wirekit::IpGenPrefix> : BlockTraits<Wirekit::IpGenPrefix, BlockCheck::exact> {
    static Vela::String text(const Wirekit::IpGenPrefix& v) { return quoted(v); }
    // A prefix text with host bits set would read back as a different (masked) prefix; refuse it
    // so that text and value convert one to one.
@@ -152,6 +153,7 @@ template <>
 struct FieldTraits<char> {
    static constexpr uint32_t kFixedLen = 1;
    static void write(ByteWriter& w, char c) { w.u8(static_cast<uint8_t>(c)); }
+   static char readFrom(const uint8_t* in, size_t) { return static_cast<char>(*in); }
    static void read(ByteReader& r, char& c) { c = static_cast<char>(r.u8()); }
    static Vela::String text(char c) { return Vela::renderString(std::string_view(&c, 1)); }
    static char parse(std::string_view raw) {
@@ -176,17 +178,13 @@ struct FieldTraits<Wirekit::UnboundedMplsLabelOperation> {
       return n != 0 && r.trySkip(n);
    }
    static void write(ByteWriter& w, const T& v) { v.serialize(w.reserve(v.serializeLen())); }
+   // T::deserialize checks every byte it does not copy (kind against pops and count, padding,
+   // each label's range) and its length follows from the count, so what it accepts is written
+   // back unchanged: no second serialize is needed to refuse other bytes.
    static void read(ByteReader& r, T& v) {
       const uint32_t n = T::deserializeLen(r.data() + r.offset(), clampU32(r.remaining()));
       if (n == 0) throwTruncated(r);
-      const size_t at = r.offset();
-      const uint8_t* in = r.take(n);
-      T built = T::deserialize(in, n);
-      if (built.serializeLen() != n) throwNonCanonical(at, n);
-      std::vector<uint8_t> again(n);
-      built.serialize(again.data());
-      if (std::memcmp(again.data(), in, n) != 0) throwNonCanonical(at, n);
-      v = std::move(built);
+      v = T::deserialize(r.take(n), n);
    }
    static Vela::String text(const T& v) { return quoted(v); }
    static T parse(std::string_view raw) { return T(Vela::parseString(raw)); }
@@ -195,14 +193,14 @@ struct FieldTraits<Wirekit::UnboundedMplsLabelOperation> {
 };
 
 template <>
-struct FieldTraits<MplsVia> : BlockTraits<MplsVia> {
+struct FieldTraits<MplsVia> : BlockTraits<MplsVia, BlockCheck::exact> {
    static Vela::String text(const MplsVia& v) { return valueToStrep(v); }
    static MplsVia parse(std::string_view raw) { return fromText<MplsVia>(raw); }
    static Vela::String dumpText(const MplsVia& v) { return v.stringValue(); }
 };
 
 template <>
-struct FieldTraits<Via> : BlockTraits<Via> {
+struct FieldTraits<Via> : BlockTraits<Via, BlockCheck::exact> {
    static Vela::String text(const Via& v) { return valueToStrep(v); }
    static Via parse(std::string_view raw) { return fromText<Via>(raw); }
    static Vela::String dumpText(const Via& v) { return v.stringValue(); }
@@ -266,12 +264,29 @@ struct LiveArrayTraits {
       w.u32(a.count());
       for (const T& e : a) Element::write(w, e);
    }
+   // When every place is there, the places are built in the array's storage from one bounds
+   // check. Otherwise they are read one by one, so that the record is refused with the same
+   // error (a bad place before the end, or the truncation at the place that runs out).
    static void read(ByteReader& r, Array& a) {
       const size_t countAt = r.offset();
       const uint32_t count = r.u32();
       if (count > kCapacity) {
          throw Vela::ArraySizeError::make(kCapacity, count, r.data() + countAt,
                                           r.length() - countAt);
+      }
+      if constexpr (requires(const uint8_t* in) { Element::readFrom(in, size_t{0}); }) {
+         const size_t len = size_t{count} * Element::kFixedLen;
+         if (r.has(len)) {
+            const size_t at = r.offset();
+            const uint8_t* in = r.take(len);
+            T* places = a.data();
+            for (uint32_t i = 0; i < count; ++i) {
+               const size_t off = size_t{i} * Element::kFixedLen;
+               ::new (static_cast<void*>(places + i)) T(Element::readFrom(in + off, at + off));
+            }
+            a.setCountUnchecked(count);
+            return;
+         }
       }
       for (uint32_t i = 0; i < count; ++i) Element::read(r, a.at(i));
       a.setCountUnchecked(count);

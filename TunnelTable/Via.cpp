@@ -93,7 +93,7 @@ void MplsVia::serialize(uint8_t* out) const noexcept {
    labels_.serialize(out + 28);
 }
 
-MplsVia MplsVia::deserialize(const uint8_t* in) {
+MplsVia MplsVia::deserializeChecked(const uint8_t* in) {
    return MplsVia(Wirekit::IpGenAddr::deserialize(in), Wirekit::IntfId::deserialize(in + 20),
                   Wirekit::MplsLabelOperation::deserialize(in + 28));
 }
@@ -146,7 +146,7 @@ void Via::serialize(uint8_t* out) const noexcept {
    intfId_.serialize(out + 20);
 }
 
-Via Via::deserialize(const uint8_t* in) {
+Via Via::deserializeChecked(const uint8_t* in) {
    return Via(Wirekit::IpGenAddr::deserialize(in), Wirekit::IntfId::deserialize(in + 20));
 }
 

@@ -75,9 +75,21 @@ class MplsVia {
    friend std::strong_ordering operator<=>(const MplsVia&, const MplsVia&) noexcept = default;
 
    void serialize(uint8_t* out) const noexcept;
-   static MplsVia deserialize(const uint8_t* in);
+   // Inline, each part read in place: entries read up to 600 in a row. Bytes a part refuses go
+   // to deserializeChecked, which throws the error of record.
+   static MplsVia deserialize(const uint8_t* in) {
+      MplsVia v;
+      const bool nextHopOk = v.nextHop_.readWellFormed(in);
+      const bool intfIdOk = v.intfId_.readWellFormed(in + 20);
+      const bool labelsOk = v.labels_.readWellFormed(in + 28);
+      if (!(nextHopOk && intfIdOk && labelsOk)) [[unlikely]]
+         v = deserializeChecked(in);
+      return v;
+   }
 
   private:
+   static MplsVia deserializeChecked(const uint8_t* in);
+
    Wirekit::IpGenAddr nextHop_;
    Wirekit::IntfId intfId_;
    Wirekit::MplsLabelOperation labels_;
@@ -119,9 +131,18 @@ class Via {
    friend std::strong_ordering operator<=>(const Via&, const Via&) noexcept = default;
 
    void serialize(uint8_t* out) const noexcept;
-   static Via deserialize(const uint8_t* in);
+   static Via deserialize(const uint8_t* in) {
+      Via v;
+      const bool nextHopOk = v.nextHop_.readWellFormed(in);
+      const bool intfIdOk = v.intfId_.readWellFormed(in + 20);
+      if (!(nextHopOk && intfIdOk)) [[unlikely]]
+         v = deserializeChecked(in);
+      return v;
+   }
 
   private:
+   static Via deserializeChecked(const uint8_t* in);
+
    Wirekit::IpGenAddr nextHop_;
    Wirekit::IntfId intfId_;
 };

@@ -240,10 +240,6 @@ void IntfId::serialize(uint8_t* out) const noexcept {
    ByteForm::storeLe<uint64_t>(out, code_);
 }
 
-IntfId IntfId::deserialize(const uint8_t* in) {
-   return fromCode(ByteForm::loadLe<uint64_t>(in));
-}
-
 IntfId DynamicTunnelIntfId::tunnelIdToIntfId(uint64_t tunnelIdValue) {
    if (tunnelIdValue > kMaxTunnelIdValue) {
       throw Vela::RangeException::forType("Wirekit::DynamicTunnelIntfId", "tunnelId", "minTunnelId",

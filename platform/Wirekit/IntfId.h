@@ -29,6 +29,8 @@
 #include <string>
 #include <string_view>
 
+#include "Wirekit/ByteForm.h"
+
 namespace Wirekit {
 
 enum class IntfKind : uint8_t {
@@ -82,7 +84,18 @@ class IntfId {
 
    void serialize(uint8_t* out) const noexcept;
    // Reads exactly kSerializedSize bytes; throws FormatError on a code no interface has.
-   static IntfId deserialize(const uint8_t* in);
+   static IntfId deserialize(const uint8_t* in) {
+      const auto code = ByteForm::loadLe<uint64_t>(in);
+      if (isWellFormedCode(code)) [[likely]]
+         return IntfId(code);
+      return fromCode(code);
+   }
+   // Inline, without building an error: reads the code into *this and answers whether an
+   // interface has it (deserialize names what is wrong otherwise).
+   bool readWellFormed(const uint8_t* in) noexcept {
+      code_ = ByteForm::loadLe<uint64_t>(in);
+      return isWellFormedCode(code_);
+   }
 
    friend constexpr bool operator==(const IntfId&, const IntfId&) noexcept = default;
    friend constexpr auto operator<=>(const IntfId&, const IntfId&) noexcept = default;
@@ -95,6 +108,41 @@ class IntfId {
       return static_cast<uint64_t>(k) << kKindShift;
    }
    explicit constexpr IntfId(uint64_t code) noexcept : code_(code) {}
+
+   // Inline, without building an error: true for the codes fromCode accepts (fromCode, the reader
+   // of record, names what is wrong with the others). The numbers' bounds are those of the
+   // ordinary kinds' table in the source; a test holds the two to the same codes.
+   static constexpr bool isWellFormedCode(uint64_t code) noexcept {
+      switch (static_cast<IntfKind>(code >> kKindShift)) {
+         case IntfKind::empty:
+            return code == 0;
+         case IntfKind::dynamicTunnel:
+            return true;
+         case IntfKind::tunnel:
+            return (code & kPayloadMask) <= UINT32_MAX;
+         case IntfKind::ethernet:
+            return ordinaryFits(code, 3);
+         case IntfKind::management:
+            return ordinaryFits(code, 2);
+         case IntfKind::loopback:
+         case IntfKind::portChannel:
+         case IntfKind::vxlan:
+            return ordinaryFits(code, 1);
+         case IntfKind::vlan: {
+            const uint64_t first = (code >> 40) & 0xFFFF;
+            return ordinaryFits(code, 1) && first >= 1 && first <= 4094;
+         }
+      }
+      return false;
+   }
+   // An ordinary code of 1..maxNumbers numbers: reserved bits 7..2 clear and the number places
+   // past the count zero (count 1: bits 39..8, count 2: bits 23..8).
+   static constexpr bool ordinaryFits(uint64_t code, unsigned maxNumbers) noexcept {
+      const auto count = static_cast<unsigned>(code & 3);
+      if ((code & 0xFC) != 0 || count == 0 || count > maxNumbers) return false;
+      const unsigned unusedBits = 32 - 16 * (count - 1);
+      return ((code >> 8) & ((uint64_t{1} << unusedBits) - 1)) == 0;
+   }
 
    uint64_t code_ = 0;
 };

@@ -88,7 +88,7 @@ void IpGenAddr::serialize(uint8_t* out) const noexcept {
    std::memcpy(out + 4, bytes_.data(), bytes_.size());
 }
 
-IpGenAddr IpGenAddr::deserialize(const uint8_t* in) {
+IpGenAddr IpGenAddr::deserializeChecked(const uint8_t* in) {
    const auto family = ByteForm::loadLe<uint32_t>(in);
    IpGenAddr a;
    switch (family) {

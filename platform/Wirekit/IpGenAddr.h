@@ -17,10 +17,13 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+
+#include "Wirekit/ByteForm.h"
 
 namespace Wirekit {
 
@@ -67,8 +70,30 @@ class IpGenAddr {
 
    void serialize(uint8_t* out) const noexcept;
    // Reads exactly kSerializedSize bytes; throws FormatError on an unknown family or on non-zero
-   // bytes where the family has none.
-   static IpGenAddr deserialize(const uint8_t* in);
+   // bytes where the family has none. Every byte is checked or kept, so an address read is
+   // written back as the same bytes.
+   static IpGenAddr deserialize(const uint8_t* in) {
+      IpGenAddr a;
+      if (a.readWellFormed(in)) [[likely]]
+         return a;
+      return deserializeChecked(in);
+   }
+
+   // Inline, without building an error: reads a well-formed byte form into *this and answers
+   // true, or answers false (*this is then unspecified). deserialize is the reader of record: it
+   // accepts the same bytes and names what is wrong with the others.
+   bool readWellFormed(const uint8_t* in) noexcept {
+      const auto family = ByteForm::loadLe<uint32_t>(in);
+      const auto low = ByteForm::loadLe<uint64_t>(in + 4);    // address bytes 0..7
+      const auto high = ByteForm::loadLe<uint64_t>(in + 12);  // address bytes 8..15
+      bool ok = false;
+      if (family == static_cast<uint32_t>(AddressFamily::ipv4)) ok = ((low >> 32) | high) == 0;
+      if (family == static_cast<uint32_t>(AddressFamily::ipv6)) ok = true;
+      if (family == static_cast<uint32_t>(AddressFamily::none)) ok = (low | high) == 0;
+      family_ = static_cast<AddressFamily>(family);
+      std::memcpy(bytes_.data(), in + 4, bytes_.size());
+      return ok;
+   }
 
    // Family first, then the address bytes.
    friend bool operator==(const IpGenAddr&, const IpGenAddr&) noexcept = default;
@@ -78,6 +103,8 @@ class IpGenAddr {
    }
 
   private:
+   static IpGenAddr deserializeChecked(const uint8_t* in);
+
    AddressFamily family_ = AddressFamily::none;
    std::array<uint8_t, 16> bytes_{};
 };

@@ -110,7 +110,7 @@ void MplsLabelOperation::serialize(uint8_t* out) const noexcept {
    }
 }
 
-MplsLabelOperation MplsLabelOperation::deserialize(const uint8_t* in) {
+MplsLabelOperation MplsLabelOperation::deserializeChecked(const uint8_t* in) {
    const unsigned kind = in[0];
    const unsigned count = in[1];
    const unsigned pops = in[2];

@@ -23,6 +23,7 @@
 #include <string>
 #include <string_view>
 
+#include "Wirekit/ByteForm.h"
 #include "Wirekit/MplsLabel.h"
 
 namespace Wirekit {
@@ -79,7 +80,33 @@ class MplsLabelOperation {
    void serialize(uint8_t* out) const noexcept;
    // Reads exactly kSerializedSize bytes; throws FormatError when they are not the byte form of
    // an operation (kind, count, pops and padding checked; labels range-checked; unused places 0).
-   static MplsLabelOperation deserialize(const uint8_t* in);
+   // Every byte is checked or kept, so an operation read is written back as the same bytes.
+   static MplsLabelOperation deserialize(const uint8_t* in) {
+      MplsLabelOperation op;
+      if (op.readWellFormed(in)) [[likely]]
+         return op;
+      return deserializeChecked(in);
+   }
+
+   // Inline, without building an error: reads a well-formed byte form into *this and answers
+   // true, or answers false (*this is then unspecified). The label checks are one mask per place,
+   // gathered rather than branched on; deserialize is the reader of record: it accepts the same
+   // bytes and names the first thing wrong with the others.
+   bool readWellFormed(const uint8_t* in) noexcept {
+      kind_ = in[0];
+      count_ = in[1];
+      pops_ = in[2];
+      // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
+      const bool headerOk = in[3] == 0 && count_ <= kMaxLabels &&
+                            static_cast<uint8_t>(mplsOpKindOf(pops_, count_)) == kind_;
+      const auto& forbidden = kForbiddenBits[headerOk ? count_ : 0];
+      uint32_t stray = 0;
+      for (size_t i = 0; i < kMaxLabels; ++i) {
+         labels_[i] = ByteForm::loadLe<uint32_t>(in + 4 + 4 * i);
+         stray |= labels_[i] & forbidden[i];
+      }
+      return headerOk && stray == 0;
+   }
 
    friend bool operator==(const MplsLabelOperation&, const MplsLabelOperation&) noexcept = default;
    // Kind, then pops, then the labels lexicographically (a shorter prefix first).
@@ -87,6 +114,17 @@ class MplsLabelOperation {
                                            const MplsLabelOperation& b) noexcept;
 
   private:
+   static MplsLabelOperation deserializeChecked(const uint8_t* in);
+   // Row c: the bits each place may not hold when c labels are pushed (a pushed label none above
+   // its 20 bits, an unused place none at all).
+   static constexpr auto kForbiddenBits = [] {
+      std::array<std::array<uint32_t, kMaxLabels>, kMaxLabels + 1> rows{};
+      for (size_t c = 0; c <= kMaxLabels; ++c) {
+         for (size_t i = 0; i < kMaxLabels; ++i) rows[c][i] = i < c ? ~kMaxMplsLabel : ~uint32_t{0};
+      }
+      return rows;
+   }();
+
    uint8_t kind_ = 0;
    uint8_t count_ = 0;
    uint8_t pops_ = 0;
