@@ -54,14 +54,25 @@ std::map<uint64_t, uint32_t> finalMetrics() {
    return m;
 }
 
+// Counts each key's notifications and, as a consumer does, reads the entry in the callback.
 struct KeyCounter : Vela::Entity::Notifiee {
+   LdpTunnelTable* table = nullptr;
    std::map<uint64_t, int> perIndex;
+   std::map<uint64_t, uint32_t> readMetric;  // igpMetric of the entry read (0: none)
    void onAttribute(Vela::AttributeId attr, const void* key) override {
       if (attr == Vela::attrEntry && key) {
-         ++perIndex[static_cast<const TunnelId*>(key)->tunnelIndex()];
+         const auto& id = *static_cast<const TunnelId*>(key);
+         ++perIndex[id.tunnelIndex()];
+         const auto e = table->entryIf(id);
+         readMetric[id.tunnelIndex()] = e ? e->igpMetric() : 0;
       }
    }
 };
+// The reader's consistent copies of slot values, and the notifications it applied.
+std::pair<uint64_t, uint64_t> copiesAndNotifications(const LdpTunnelTable& table) {
+   const auto& c = table.store()->reader()->readerCounters();
+   return {c.slotsCopied, c.notifications};
+}
 
 // Says in the test's log which check of a reader failed (and for which key), and returns its code.
 int failed(int code, const char* what, uint64_t key = 0) {
@@ -80,6 +91,7 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
    auto control = table->entryControl();
    if (!control || control->mode() != VelaDock::keyshadow()) return 12;
    KeyCounter counter;
+   counter.table = table.get();
    table->notifieeAdd(&counter);
 
    // Synchronised and quiesced on the still empty table.
@@ -91,6 +103,7 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
    }
    ready.send('r');
    if (release.receive(milliseconds(30000)) != 'g') return 15;
+   const auto before = copiesAndNotifications(*table);
 
    // The first writer's state, notified key by key (lookups alone read the writer's slots and
    // may run ahead of the notifications), before the test restarts the writer.
@@ -99,7 +112,13 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
              table->entry(ldpId(kSentinel)).igpMetric() == 1;
    };
    if (!runUntil(loop, firstState, milliseconds(30000))) return failed(21, "no first state");
+   // Each change copied out of shared memory once: the callback's read used that copy.
+   const auto after = copiesAndNotifications(*table);
+   if (after.first - before.first != after.second - before.second) {
+      return failed(23, "a change copied more than once");
+   }
    for (uint64_t k = 1; k <= 40; ++k) {
+      if (counter.readMetric[k] != k) return failed(24, "callback read a wrong entry", k);
       if (!(table->entry(ldpId(k)) == ldpEntry(k, uint32_t(k)))) return 22;
    }
    ready.send('p');

@@ -1,19 +1,36 @@
 // Writer-to-reader notification latency across processes, and a reader's catch-up rate.
 //
-// NotifyLatency: a writer process publishes one value per round (write + flush: one datagram to
-// the reader's wake socket) and a reader process running DockShadow on its Loom loop records, in
-// its per-key callback, the time since the write call began (CLOCK_MONOTONIC is shared by all
-// processes). In the same run, the same two processes measure two bare wake-ups, the floors any
-// cross-process wake-up has: a futex wake (the writer stores a timestamp, bumps a futex word and
-// wakes; the woken process reads the clock) and a datagram over a socket pair to a process
-// sleeping in poll(). Reported: median and p99 of each, in microseconds, and the store/futex
-// ratios.
+// NotifyLatency: one writer process and one reader process. Each round, the writer stores the
+// time (CLOCK_MONOTONIC, shared by all processes) in a shared page and then starts one of these,
+// the reader records how long after that it got there, and acknowledges through a futex:
+//   bare     the floor: one datagram sent on a connected unix datagram socket; the reader
+//            records on entering the socket's handler (then reads the datagram);
+//   stamp    DockWriter::write of a test value (two vias) and flush(); the reader is a DockShadow
+//            and records in its per-key callback;
+//   ldpN     LdpTunnelTable::entryIs of an LDP entry with N vias (1, 16, 600), which wakes readers
+//            at once (no event loop runs on the writer's thread); the reader is a reader agent
+//            (the table mounted as key-shadowing reader) and records in its table notification
+//            after reading the entry with entry(key), as a consumer does.
+// How the bare wake is made comparable: it is the wake-up the store itself uses - a datagram to a
+// process blocked in epoll_wait - delivered to the SAME event loop of the SAME reader process
+// that serves the store's readers, with no store work on either side. The kinds are interleaved
+// round by round, and before every round the writer sleeps kGap, so that every round, whatever
+// its kind, starts from the same idle state on both sides (the reader back in epoll_wait, its CPU
+// idle). The kinds take turns in blocks of kBlock rounds, and the first round of each block is not
+// counted: every counted round finds its kind's code and data as warm as the round before left
+// them, the bare wake's as much as the store's. With BENCH_PIN=1 the writer runs on CPU 0 and the
+// reader on CPU 1 for all kinds; by default neither is pinned. What is left between a kind and
+// `bare` is the store's own work: the write, the wake step, and the reader's queue read, copy and
+// deserialization before its callback. Reported: median and p99 of each kind in microseconds and
+// each kind's ratio to `bare`; for reference, a bare futex wake (the woken process blocked in
+// futex_wait) measured first.
 //
 // CatchUp: a burst of writes while the reader does not run, then the time the reader takes to
 // apply every notification of the burst (items_per_second = notifications applied per second).
 #include <benchmark/benchmark.h>
 #include <linux/futex.h>
-#include <poll.h>
+#include <sched.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -28,14 +45,19 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "BenchAgent.h"
 #include "BenchSupport.h"
 #include "Loom/EventLoop.h"
+#include "TunnelTable/TunnelTables.h"
 #include "store/reader/DockShadow.h"
 #include "store/writer/DockWriter.h"
 
 namespace {
+
+namespace TT = Tunnel::TunnelTable;
 
 // A key, the time its write began, and a payload of vias (fixed size here).
 struct Stamp {
@@ -70,17 +92,24 @@ struct StampKey {
 using Writer = Dock::DockWriter<uint64_t, Stamp, StampKey>;
 using Shadow = Dock::DockShadow<uint64_t, Stamp, StampKey>;
 
-constexpr int kRounds = 2000;
+enum Kind { kBare, kStamp, kLdp1, kLdp16, kLdp600, kKinds };
+constexpr const char* kKindNames[kKinds] = {"bare", "stamp", "ldp1", "ldp16", "ldp600"};
+constexpr uint32_t kLdpVias[kKinds] = {0, 0, 1, 16, 600};
+constexpr int kBlock = 8;
+constexpr int kRoundsPerKind = 2000 / (kBlock - 1) * kBlock;
+constexpr int kRounds = kRoundsPerKind * kKinds;
+constexpr int kFutexRounds = 2000;
+constexpr auto kGap = std::chrono::microseconds(100);
 
 // Shared between the two processes (anonymous MAP_SHARED mapping).
 struct Shared {
    std::atomic<uint32_t> futexWord;
    std::atomic<uint32_t> ack;
    std::atomic<uint32_t> ready;
+   std::atomic<int32_t> round;  // the round the writer started
    std::atomic<uint64_t> sentNs;
-   uint64_t futexLatency[kRounds];
-   uint64_t dgramLatency[kRounds];
-   uint64_t storeLatency[kRounds];
+   uint64_t futexLatency[kFutexRounds];
+   uint64_t latency[kRounds];
 };
 
 void futexWait(std::atomic<uint32_t>& w, uint32_t v) {
@@ -98,6 +127,40 @@ void bump(std::atomic<uint32_t>& w) {
    futexWake(w);
 }
 
+void pinIfAsked(int cpu) {
+   const char* pin = std::getenv("BENCH_PIN");
+   if (!pin || std::string(pin) != "1") return;
+   cpu_set_t set;
+   CPU_ZERO(&set);
+   CPU_SET(cpu, &set);
+   ::sched_setaffinity(0, sizeof(set), &set);
+}
+
+Kind kindOf(int round) {
+   return Kind(round / kBlock % kKinds);
+}
+bool counted(int round) {
+   return round % kBlock != 0;
+}
+
+TT::TunnelId ldpId(uint64_t index) {
+   return TT::TunnelId(TT::TunnelId::convertToTunnelValue(TT::TunnelType::ldpTunnel, index));
+}
+// The LDP entry of a kind's rounds; its metric names the round.
+TT::LdpTunnelTableEntry ldpEntry(Kind kind, int round) {
+   TT::LdpTunnelTableEntry e(ldpId(kind));
+   e.endpointIs(0, Wirekit::IpGenPrefix("10.0.0.0/8"));
+   e.nameIs("bench");
+   e.entryMetricIs(uint32_t(round));
+   for (uint32_t i = 0; i < kLdpVias[kind]; ++i) {
+      e.viaIs(int(i),
+              TT::MplsVia(Wirekit::IpGenAddr::ipv4(0x0A000001u + i),
+                          Wirekit::IntfId::ordinary(Wirekit::IntfKind::ethernet, 1 + i % 48),
+                          Wirekit::MplsLabelOperation::push({16u + i})));
+   }
+   return e;
+}
+
 Dock::DockConfig config() {
    Dock::DockConfig c;
    c.typeName = "Stamp";
@@ -109,101 +172,140 @@ Dock::DockConfig config() {
    return c;
 }
 
+// The reader's side of a round: latency of the round the writer started, then the ack.
+void record(Shared* sh, Kind kind, int round) {
+   const uint64_t now = Bench::nowNs();
+   if (round < 0 || kindOf(round) != kind || sh->latency[round] != 0) return;
+   sh->latency[round] = now - sh->sentNs.load(std::memory_order_acquire);
+   bump(sh->ack);
+}
+
+struct LdpRecorder : Vela::Entity::Notifiee {
+   Shared* sh = nullptr;
+   TT::LdpTunnelTable* table = nullptr;
+   void onAttribute(Vela::AttributeId attr, const void* key) override {
+      if (attr != Vela::attrEntry || !key) return;
+      const auto& id = *static_cast<const TT::TunnelId*>(key);
+      const TT::LdpTunnelTableEntry e = table->entry(id);
+      record(sh, Kind(id.tunnelIndex()), int(e.entryMetric()));
+   }
+};
+
+int readerProcess(Shared* sh, const std::string& stampDir, int bareFd) {
+   pinIfAsked(1);
+   for (int i = 0; i < kFutexRounds; ++i) {
+      awaitChange(sh->futexWord, uint32_t(i));
+      sh->futexLatency[i] = Bench::nowNs() - sh->sentNs.load(std::memory_order_acquire);
+      bump(sh->ack);
+   }
+   Bench::Mounted agent;
+   Loom::EventLoop& loop = agent.loop;
+   agent.loop.fdHandlerIs(bareFd, EPOLLIN, [&](uint32_t) {
+      record(sh, kBare, sh->round.load(std::memory_order_acquire));
+      char byte;
+      while (::recv(bareFd, &byte, 1, MSG_DONTWAIT) == 1) {
+      }
+   });
+   Shadow stamps("latency", stampDir, loop);
+   Region::Notify<uint64_t, Stamp> n;
+   n.onValue = [&](const Stamp& s) { record(sh, kStamp, int(s.sentNs)); };
+   stamps.notifyIs(n);
+   if (!stamps.initialize()) return 2;
+   auto ldp = agent.mounter.mountKeyshadowOf<TT::LdpTunnelTable>();
+   if (!ldp) return 3;
+   LdpRecorder onLdp;
+   onLdp.sh = sh;
+   onLdp.table = ldp.get();
+   ldp->notifieeAdd(&onLdp);
+   while (!Bench::synchronized(*ldp)) loop.runOnce(std::chrono::milliseconds(1));
+   bump(sh->ready);
+   while (sh->round.load(std::memory_order_acquire) < kRounds) {
+      loop.runOnce(std::chrono::milliseconds(100));
+   }
+   ldp->notifieeDel(&onLdp);
+   return 0;
+}
+
 void NotifyLatency(benchmark::State& state) {
    const std::string root = Bench::freshRoot("notify-bench");
    auto* sh = static_cast<Shared*>(
        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    new (sh) Shared{};
+   sh->round.store(-1);
    Writer w(config());
    w.initialize("bench/latency");
-   const std::string dir = w.directory();
+   Bench::Mounted agent;
+   auto ldp = agent.mounter.mountWriterOf<TT::LdpTunnelTable>();
+   for (int k = kLdp1; k <= kLdp600; ++k) ldp->entryIs(ldpEntry(Kind(k), -1));
    int pair[2];
    if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair) != 0) std::abort();
    const pid_t child = ::fork();
    if (child == 0) {
-      // Bare futex rounds first.
-      sh->ready.store(1);
-      futexWake(sh->ready);
-      for (int i = 0; i < kRounds; ++i) {
-         awaitChange(sh->futexWord, uint32_t(i));
-         sh->futexLatency[i] = Bench::nowNs() - sh->sentNs.load(std::memory_order_acquire);
-         bump(sh->ack);
-      }
-      // Bare datagrams next.
-      for (int i = 0; i < kRounds; ++i) {
-         pollfd p{pair[1], POLLIN, 0};
-         while (::poll(&p, 1, -1) != 1) {
-         }
-         sh->dgramLatency[i] = Bench::nowNs() - sh->sentNs.load(std::memory_order_acquire);
-         char byte;
-         if (::recv(pair[1], &byte, 1, 0) != 1) ::_exit(3);
-         bump(sh->ack);
-      }
-      // Then the store.
-      Loom::EventLoop loop;
-      Shadow r("latency", dir, loop);
-      int got = 0;
-      Region::Notify<uint64_t, Stamp> n;
-      n.onValue = [&](const Stamp& s) {
-         if (s.key >= 1 && s.key <= uint64_t(kRounds)) {
-            sh->storeLatency[s.key - 1] = Bench::nowNs() - s.sentNs;
-            ++got;
-            bump(sh->ack);
-         }
-      };
-      r.notifyIs(n);
-      if (!r.initialize()) ::_exit(2);
-      bump(sh->ready);
-      while (got < kRounds) loop.runOnce(std::chrono::seconds(10));
-      ::_exit(0);
+      ::close(pair[0]);
+      ::_exit(readerProcess(sh, w.directory(), pair[1]));
    }
-   awaitChange(sh->ready, 0);
+   pinIfAsked(0);
    for (auto _ : state) {
       (void)_;
-      for (int i = 0; i < kRounds; ++i) {
+      for (int i = 0; i < kFutexRounds; ++i) {
          const uint32_t ack = sh->ack.load();
          sh->sentNs.store(Bench::nowNs(), std::memory_order_release);
          bump(sh->futexWord);
          awaitChange(sh->ack, ack);
       }
-      for (int i = 0; i < kRounds; ++i) {
+      awaitChange(sh->ready, 0);
+      for (int r = 0; r < kRounds; ++r) {
+         std::this_thread::sleep_for(kGap);
          const uint32_t ack = sh->ack.load();
+         const Kind kind = kindOf(r);
+         // Built before the clock starts: the entry is the caller's, not the store's work.
+         const TT::LdpTunnelTableEntry entry =
+             kLdpVias[kind] ? ldpEntry(kind, r) : TT::LdpTunnelTableEntry();
+         sh->round.store(r, std::memory_order_release);
          sh->sentNs.store(Bench::nowNs(), std::memory_order_release);
-         const char byte = 0;
-         if (::send(pair[0], &byte, 1, 0) != 1) std::abort();
+         if (kind == kBare) {
+            const char byte = 0;
+            if (::send(pair[0], &byte, 1, 0) != 1) std::abort();
+         } else if (kind == kStamp) {
+            Stamp s;
+            s.key = 1;
+            s.sentNs = uint64_t(r);  // the round: the shared page holds the time
+            w.write(s);
+            w.flush();
+         } else {
+            ldp->entryIs(entry);
+         }
          awaitChange(sh->ack, ack);
       }
-      awaitChange(sh->ready, 1);
-      for (int i = 0; i < kRounds; ++i) {
-         const uint32_t ack = sh->ack.load();
-         Stamp s;
-         s.key = uint64_t(i + 1);
-         s.sentNs = Bench::nowNs();
-         w.write(s);
-         w.flush();
-         awaitChange(sh->ack, ack);
-      }
+      sh->round.store(kRounds, std::memory_order_release);
    }
    ::waitpid(child, nullptr, 0);
-   std::vector<uint64_t> f(sh->futexLatency, sh->futexLatency + kRounds);
-   std::vector<uint64_t> d(sh->dgramLatency, sh->dgramLatency + kRounds);
-   std::vector<uint64_t> s(sh->storeLatency, sh->storeLatency + kRounds);
+   std::vector<uint64_t> f(sh->futexLatency, sh->futexLatency + kFutexRounds);
    state.counters["futex_p50_us"] = Bench::percentileUs(f, 0.5);
    state.counters["futex_p99_us"] = Bench::percentileUs(f, 0.99);
-   state.counters["dgram_p50_us"] = Bench::percentileUs(d, 0.5);
-   state.counters["dgram_p99_us"] = Bench::percentileUs(d, 0.99);
-   state.counters["store_p50_us"] = Bench::percentileUs(s, 0.5);
-   state.counters["store_p99_us"] = Bench::percentileUs(s, 0.99);
-   state.counters["store_over_futex_p50"] =
-       Bench::percentileUs(s, 0.5) / Bench::percentileUs(f, 0.5);
-   state.counters["store_over_futex_p99"] =
-       Bench::percentileUs(s, 0.99) / Bench::percentileUs(f, 0.99);
+   std::vector<uint64_t> byKind[kKinds];
+   for (int r = 0; r < kRounds; ++r) {
+      if (counted(r)) byKind[kindOf(r)].push_back(sh->latency[r]);
+   }
+   const double bare50 = Bench::percentileUs(byKind[kBare], 0.5);
+   const double bare99 = Bench::percentileUs(byKind[kBare], 0.99);
+   for (int k = 0; k < kKinds; ++k) {
+      const std::string name = kKindNames[k];
+      const double p50 = Bench::percentileUs(byKind[k], 0.5);
+      const double p99 = Bench::percentileUs(byKind[k], 0.99);
+      state.counters[name + "_p50_us"] = p50;
+      state.counters[name + "_p99_us"] = p99;
+      if (k != kBare) {
+         state.counters[name + "_over_bare_p50"] = p50 / bare50;
+         state.counters[name + "_over_bare_p99"] = p99 / bare99;
+      }
+   }
    ::close(pair[0]);
    ::close(pair[1]);
    ::munmap(sh, sizeof(Shared));
    std::filesystem::remove_all(root);
 }
-// One iteration: kRounds rounds of each kind.
+// One iteration: kRoundsPerKind rounds of each kind, interleaved by blocks.
 BENCHMARK(NotifyLatency)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 void CatchUp(benchmark::State& state) {

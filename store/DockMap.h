@@ -124,6 +124,15 @@ class DockMap {
       if (writer_) return writer_->lookup(key);
       return reader_ ? reader_->lookup(key) : std::nullopt;
    }
+   // lookup into the caller's value: one copy of a large value instead of two. False, with `out`
+   // holding anything, when there is none.
+   bool lookup(const K& key, V& out) {
+      if (reader_) return reader_->directLookup(key, out);
+      if (!writer_) return false;
+      std::optional<V> v = writer_->lookup(key);
+      if (v) out = std::move(*v);
+      return v.has_value();
+   }
 
    // Iteration: first() fills the hint, next() resumes from it. False at the end.
    bool first(IterHint& hint, V& value) {

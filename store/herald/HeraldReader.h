@@ -94,7 +94,8 @@ class HeraldReader {
 
    // The descriptor that becomes readable when the writer wakes readers (valid while attached).
    int eventFd() const { return wake_.fd(); }
-   // Empties it (call from its handler before reading the queue).
+   // Empties it. The queue must be read after it (its fence orders the two): everything posted
+   // before a datagram it took is then seen.
    void drainWake() { wake_.drain(); }
    // The reader's socket name in the wake directory.
    const std::string& wakeName() const { return wake_.name(); }

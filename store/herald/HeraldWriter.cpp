@@ -154,8 +154,10 @@ void HeraldWriter::wake() {
 
 void HeraldWriter::wakeReaders(HeraldHeader* header) {
    // The count only records wakes (tests and dumps read it); nobody waits on it. Relaxed: the
-   // readers learn of notifications from writerPos, release-stored by post().
-   header->wakeWord.fetch_add(1, std::memory_order_relaxed);
+   // readers learn of notifications from writerPos, release-stored by post(). A load and a store,
+   // not a read-modify-write: the writer is the only one that stores it.
+   header->wakeWord.store(header->wakeWord.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
    fanout_.wakeAll();
 }
 

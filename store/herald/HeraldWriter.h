@@ -8,8 +8,8 @@
 //
 // Cost model: post() is five atomic stores into the mapping (plain moves on x86), no system call.
 // Readers are woken once per batch: wake() increments the header's wake count `wakeWord` and sends
-// one datagram to each reader's socket in the table's wake directory (WakeFanout), after a
-// non-blocking read of the process's inotify instance that tells it of readers joining and leaving.
+// one datagram to each reader's socket in the table's wake directory (WakeFanout), then reads the
+// process's inotify instance without blocking to learn of readers joining and leaving.
 // A reader's event loop watches its socket directly, so a notification costs the reader one
 // wake-up.
 //

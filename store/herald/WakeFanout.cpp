@@ -2,8 +2,6 @@
 #include "store/herald/WakeFanout.h"
 
 #include <dirent.h>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -125,7 +123,7 @@ bool WakeFanout::send(Peer& peer) {
          SPOOR_TRACE(trace(), 1, "{} cannot create a wake socket: errno {}", dir_, errno);
          return true;
       }
-      // The smallest buffer the system allows: one datagram is all this socket ever holds.
+      // The smallest buffer the system allows: a few datagrams are all this socket ever holds.
       const int bytes = 1;
       ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
       if (::connect(fd, reinterpret_cast<const sockaddr*>(&peer.addr), peer.len) != 0) {
@@ -134,14 +132,6 @@ bool WakeFanout::send(Peer& peer) {
          return refused(peer, err, "connect to");
       }
       peer.fd = fd;
-   } else {
-      int unread = 0;
-      if (::ioctl(peer.fd, SIOCOUTQ, &unread) == 0 && unread > 0) {
-         // The previous wake is still in the reader's queue: it will wake the reader, which then
-         // reads everything posted so far.
-         ++counters_.pending;
-         return true;
-      }
    }
    const char byte = 0;
    if (::send(peer.fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL) == 1) {
@@ -150,6 +140,8 @@ bool WakeFanout::send(Peer& peer) {
    }
    const int err = errno;
    if (err == EAGAIN || err == EWOULDBLOCK) {
+      // This socket's buffer is full of wakes the reader has not read: the reader will wake and
+      // read everything posted so far.
       ++counters_.pending;
       return true;
    }
@@ -179,8 +171,8 @@ void WakeFanout::wakeAll() {
    VELA_ASSERT(isOpen());
    ++round_;
    // Pairs with the fence at the end of WakeSocket::drain: the caller's store of the queue
-   // position is ordered before each reader's unread check below, so a reader whose datagram is
-   // found unread reads that position after consuming it.
+   // position is ordered before each send below, so a reader whose socket is found full reads
+   // that position after consuming what fills it.
    std::atomic_thread_fence(std::memory_order_seq_cst);
    // The readers already known first: learning of joins and leaves stays off their path.
    sendToAll();

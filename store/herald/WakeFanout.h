@@ -6,14 +6,16 @@
 // each wake, and lists the directory once when it opens, so a restarted writer finds the readers
 // that were already there.
 //
-// At most one undelivered datagram per reader. A unix datagram stays charged to the socket that
-// sent it until its reader reads it, so a reader that is alive but not reading (stopped, or stuck)
-// would otherwise pile up datagrams; through one shared sending socket it would exhaust that
-// socket's buffer and delay the wakes of every other reader. With a socket per reader, that
-// socket's unsent-and-unread byte count (SIOCOUTQ) says whether the reader has consumed its last
-// wake: while it has not, nothing more is sent (the wake is still pending, so nothing is lost).
-// A stalled reader thus holds one datagram of its own socket's buffer and touches no other
-// reader's. The cost: one descriptor per reader in the writer and one ioctl per reader per wake.
+// A few undelivered datagrams per reader at most. A unix datagram stays charged to the socket
+// that sent it until its reader reads it, so a reader that is alive but not reading (stopped, or
+// stuck) piles up datagrams; through one shared sending socket it would exhaust that socket's
+// buffer and delay the wakes of every other reader. With a socket per reader at the smallest send
+// buffer the system allows, the pile is bounded by that buffer (a handful of one-byte datagrams):
+// once it is full, send() refuses with EAGAIN and nothing more is sent (a wake is still pending,
+// so nothing is lost). A stalled reader thus fills only its own socket's buffer and touches no
+// other reader's. The cost: one descriptor per reader in the writer. The send is the only system
+// call per reader per wake: asking the socket first whether its last datagram was read would put
+// a second one ahead of every wake-up.
 //
 // Per wake, the known readers are sent to first; then the watcher is drained and readers that
 // joined meanwhile are sent to as well. For each reader:
@@ -22,8 +24,8 @@
 //     so a dead reader costs nothing lasting (names are never reused, see WakeDirectory.h, so
 //     this never removes a live reader's name); anything else (e.g. EACCES while a reader has not
 //     yet set its socket's mode): keep it and connect again at the next wake;
-//   - its previous datagram unread: counted as pending, nothing sent;
-//   - send(): success, or EAGAIN (the reader's queue is full: a wake is pending): done;
+//   - send(): success, or EAGAIN (the socket's buffer or the reader's queue is full of unread
+//     wakes: a wake is pending, counted as pending): done;
 //     ECONNREFUSED: the reader's socket is closed: as for connect.
 //
 // Ordering with a joining reader: the reader binds its name (which queues the inotify event) and
@@ -50,7 +52,7 @@ class WakeFanout {
   public:
    struct Counters {
       uint64_t sent = 0;     // datagrams queued to a reader
-      uint64_t pending = 0;  // sends skipped or refused because the reader had a wake pending
+      uint64_t pending = 0;  // sends refused because the reader had wakes pending
       uint64_t removed = 0;  // names of dead readers removed
    };
 

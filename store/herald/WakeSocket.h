@@ -1,10 +1,10 @@
 // WakeSocket: a reader's wake-up socket, bound in its table's wake directory (see WakeDirectory.h).
 //
 // The reader's event loop watches fd(); the writer sends a datagram after each batch. The
-// datagrams carry nothing: being readable is the whole message, and drain() empties the socket
-// before the reader reads the queue, so a datagram that arrives during the read wakes it again.
-// The writer sends a reader nothing more while its previous datagram is unread (WakeFanout), so a
-// reader holds at most one.
+// datagrams carry nothing: being readable is the whole message, and the reader reads the queue
+// after each drain(), so a datagram that arrives after the drain wakes it again.
+// The writer's socket per reader holds only a few unread datagrams (WakeFanout), so a reader holds
+// at most those few, all taken by one drain().
 //
 // close() (and the destructor) closes the socket and removes its name, so a reader that detaches
 // costs the writer nothing; a reader that dies without closing leaves a name that the writer

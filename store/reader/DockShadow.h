@@ -36,8 +36,12 @@
 // adds only what does: the shadow slots, the index by key, the pending removals and the callbacks.
 //
 // Values are copied out of shared memory (SlotCopy) and deserialized before any callback runs;
-// callbacks never see pointers into a mapping. Inconsistencies call corruptionDetected(reason),
-// which runs the corruption handler and throws Loom::CorruptionException.
+// callbacks never see pointers into a mapping. Each change is copied and deserialized once: the
+// value is kept with the stamp of its copy (RecentCopies), and a lookup of that key - the
+// consumer reading the entry it was just told about - is served from it while the slot provably
+// still holds those bytes (ShadowCore::stillCurrent), else copied afresh. Inconsistencies call
+// corruptionDetected(reason), which runs the corruption handler and throws
+// Loom::CorruptionException.
 #pragma once
 
 #include <cstdint>
@@ -50,6 +54,7 @@
 #include "Vela/Exception.h"
 #include "store/KeyTraits.h"
 #include "store/reader/IterHint.h"
+#include "store/reader/RecentCopies.h"
 #include "store/reader/ShadowCore.h"
 #include "store/reader/ShadowHashMap.h"
 #include "store/reader/ShadowStore.h"
@@ -77,15 +82,23 @@ class DockShadow : public ShadowCore {
    // ---- reads ----
    // The key's value copied out of shared memory, or nothing.
    std::optional<V> lookup(const K& key) {
+      const uint32_t slot = slotOf(key);
+      if (slot == kNone) return std::nullopt;
+      if (const V* v = recentValue(slot, key)) return *v;
       V value;
-      if (directLookup(key, value)) return value;
+      if (readingThroughRestart([&] { return copyValue(slot, value) && KeyOf()(value) == key; })) {
+         return value;
+      }
       return std::nullopt;
    }
    bool directLookup(const K& key, V& out) {
-      if (!connected()) return false;
-      const ShadowRecord* r = index_.find(bucketHash(key), KeyTraits<K>::secondary(key));
-      if (!r) return false;
-      return readingThroughRestart([&] { return copyValue(r->slot, out) && KeyOf()(out) == key; });
+      const uint32_t slot = slotOf(key);
+      if (slot == kNone) return false;
+      if (const V* v = recentValue(slot, key)) {
+         out = *v;
+         return true;
+      }
+      return readingThroughRestart([&] { return copyValue(slot, out) && KeyOf()(out) == key; });
    }
    // Iteration in slot order over the keys the shadow holds; the value is copied out.
    bool first(IterHint& hint, V& value) {
@@ -108,8 +121,11 @@ class DockShadow : public ShadowCore {
          corruptionDetected(
              fmt::format("slot index:{} has out of range herald slot: {}", position(), slot));
       }
-      V value;
+      // Deserialized into a kept place: a read of this key before the slot changes again (the
+      // consumer's, from its callback) is served from it.
+      V& value = recent_.fill(slot);
       const bool occupied = slot < numSlots() && copyValue(slot, value);
+      if (occupied) recent_.keep(lastCopy());
       ShadowSlot& ss = store_[slot];
       if (!occupied) {
          dropSlotKey(ss, flag);
@@ -150,6 +166,7 @@ class DockShadow : public ShadowCore {
       index_.clear();
       store_.reset();
       pendingRemovals_.clear();
+      recent_.clear();
    }
    // Re-keys the indexed records under the new seed. The records are unlinked first so that no
    // chain ever holds records hashed under two seeds.
@@ -191,6 +208,19 @@ class DockShadow : public ShadowCore {
    const Notify& current() const { return (!syncedOnce() && initial_) ? *initial_ : steady_; }
    uint32_t bucketHash(const K& key) const {
       return reverseHash(KeyTraits<K>::hash(key, hashSeed()));
+   }
+
+   // The slot the shadow holds `key` in, or kNone.
+   uint32_t slotOf(const K& key) const {
+      if (!connected()) return kNone;
+      const ShadowRecord* r = index_.find(bucketHash(key), KeyTraits<K>::secondary(key));
+      return r ? r->slot : kNone;
+   }
+   // The value of `key` kept from the last copy of `slot`, while the slot still holds it.
+   const V* recentValue(uint32_t slot, const K& key) const {
+      const auto* c = recent_.kept(slot);
+      if (!c || !stillCurrent(c->stamp) || !(KeyOf()(c->value) == key)) return nullptr;
+      return &c->value;
    }
 
    // Copies a slot's value; false when the slot is not occupied.
@@ -254,6 +284,7 @@ class DockShadow : public ShadowCore {
    std::optional<Notify> initial_;
    ShadowHashMap index_;
    ShadowStore<ShadowSlot> store_;
+   RecentCopies<V> recent_;
    // Keys dropped from their slot by a flush and not yet known to be gone or moved, by their
    // seed-independent fingerprint (KeyTraits::secondary).
    std::unordered_multimap<uint64_t, K> pendingRemovals_;

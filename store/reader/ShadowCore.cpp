@@ -333,11 +333,18 @@ bool ShadowCore::attachFiles() {
    resize();
    const int fd = herald_.eventFd();
    std::weak_ptr<std::atomic<bool>> alive = alive_;
-   loop_.fdHandlerIs(fd, EPOLLIN, [this, alive](uint32_t) {
+   loop_.fdHandlerIs(fd, EPOLLIN, [this, alive, fd](uint32_t) {
       if (auto a = alive.lock(); !a || !*a) return;
       ++counters_.wakes;
-      herald_.drainWake();
+      // The queue first, the datagrams after: reading them is not on the way to the callbacks.
+      // The drain's fence orders it before the second look at the queue, so whatever the writer
+      // posted before sending a datagram this drain takes is applied by that look (or by the
+      // continuation the first look left, when it ran out of time).
+      const uint64_t yields = counters_.yields;
       processQueue();
+      if (!herald_.attached() || herald_.eventFd() != fd) return;  // re-attached meanwhile
+      herald_.drainWake();
+      if (counters_.yields == yields) processQueue();
    });
    attachError_.clear();
    SPOOR_TRACE(trace(), 5, "{} attached {} relume:{} slots:{}", name_, dir_, relume_,
@@ -346,6 +353,7 @@ bool ShadowCore::attachFiles() {
 }
 
 void ShadowCore::detachFiles() {
+   ++attaches_;
    if (herald_.attached() && loop_.fdHandlerHas(herald_.eventFd())) {
       loop_.fdHandlerDel(herald_.eventFd());
    }
@@ -424,7 +432,27 @@ bool ShadowCore::copyBytes(uint32_t slot) {
    if (slot >= mappedSlots_) return false;
    SlotImage image;
    ++counters_.slotsCopied;
-   return copySlotValue(*header_, slots_, slot, *allocator_, image, bytes_);
+   lastCopy_ = CopyStamp{};
+   const uint64_t sizeWord = header_->sizeWord.load(std::memory_order_acquire);
+   const uint64_t writerPos = herald_.writerPosition();
+   if (!copySlotValue(*header_, slots_, slot, *allocator_, image, bytes_)) return false;
+   lastCopy_ = CopyStamp{slot, image.flags, sizeWord, writerPos, attaches_};
+   return true;
+}
+
+// Every write of a slot moves its flags word on (by kWriteStep, or twice by kLookaside) before it
+// touches the slot's value words or frees its entry, so while the word reads as it did during a
+// consistent copy, the slot holds the copied bytes. Two ways the word could come back to an old
+// value: a resize re-initializes the slots it adds (flags 0) after a shrink took them away - the
+// size word, loaded before the copy and after the flags here, rules out any resize in between;
+// and wrapping around 2^32, which takes 2^30 writes of the slot, each posting a notification
+// after its flags store - the writer position, loaded last, bounds the writes since the copy.
+bool ShadowCore::stillCurrent(const CopyStamp& stamp) const {
+   constexpr uint64_t kFewerThanAWrap = uint64_t(1) << 29;
+   if (!header_ || stamp.attach != attaches_ || stamp.slot >= mappedSlots_) return false;
+   if (slotFlags(stamp.slot) != stamp.flags) return false;
+   if (header_->sizeWord.load(std::memory_order_acquire) != stamp.sizeWord) return false;
+   return herald_.writerPosition() - stamp.writerPos < kFewerThanAWrap;
 }
 
 }  // namespace Dock

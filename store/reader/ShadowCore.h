@@ -13,6 +13,10 @@
 // the new files are not ready yet it retries on a timer (10 ms doubling to 1 s); the first attach
 // of a reader mounted before its writer published waits the same way (initializeOrRetry).
 //
+// Wake-up: the handler of the herald's wake socket reads the queue before it drains the socket's
+// datagrams, then looks at the queue once more; the drain's system call stays off the way from the
+// writer's datagram to the callbacks.
+//
 // Yield time default: 5 ms per event-loop turn, so that a reader catching up on a large table
 // stays responsive to its own process's other work.
 #pragma once
@@ -52,6 +56,16 @@ struct ReaderCounters {
 namespace ShadowDetail {
 Spoor::Handle& trace();
 }
+
+// What a copy of a slot's value was taken under, so that the reader can tell later, without
+// copying again, that the slot still holds those very bytes (ShadowCore::stillCurrent).
+struct CopyStamp {
+   uint32_t slot = kNone;
+   uint32_t flags = 0;      // the slot's flags word the copy was consistent under
+   uint64_t sizeWord = 0;   // the slot table's size word, loaded before the copy
+   uint64_t writerPos = 0;  // the herald's writer position, loaded before the copy
+   uint64_t attach = 0;     // the reader's attach the copy was taken in
+};
 
 class ShadowCore {
   public:
@@ -149,9 +163,15 @@ class ShadowCore {
    virtual void announceQuiesced(bool q) = 0;
 
    // ---- what the core offers the typed reader ----
-   // Copies slot `slot`'s value bytes into bytes(); false when it is not occupied.
+   // Copies slot `slot`'s value bytes into bytes(); false when it is not occupied. Stamps the
+   // copy (lastCopy()).
    bool copyBytes(uint32_t slot);
    const std::vector<uint8_t>& bytes() const { return bytes_; }
+   const CopyStamp& lastCopy() const { return lastCopy_; }
+   // True when slot `stamp.slot` still holds, right now, the bytes of the copy `stamp` describes:
+   // the same attach, no resize since, the same flags word, and too few writes since for that
+   // word to have wrapped (see ShadowCore.cpp).
+   bool stillCurrent(const CopyStamp& stamp) const;
    uint32_t numSlots() const;
    uint32_t hashSeed() const { return hashSeed_; }
    bool syncedOnce() const { return syncedOnce_; }
@@ -219,6 +239,8 @@ class ShadowCore {
    uint32_t hashSeed_ = 0;
    std::string attachError_;
    std::vector<uint8_t> bytes_;
+   CopyStamp lastCopy_;
+   uint64_t attaches_ = 0;  // advanced by every detach: stamps of earlier attaches are stale
 
    bool flushing_ = false;
    uint32_t flushNext_ = 0;
