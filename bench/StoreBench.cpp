@@ -1,14 +1,18 @@
 // The store's writer and reader against their peers, measured in the same run:
 //   writer replace of a 1-via value in a 1,000,000-key table  vs  LMDB put (one write txn per put,
-//   MDB_NOSYNC | MDB_WRITEMAP)  vs  Redis HSET + PUBLISH (a private redis-server on a unix socket);
-//   insert and remove; reader lookup + copy vs LMDB get in a read txn; the writer's longest stall
-//   of critical-priority tasks while the table grows to 1,000,000 keys; shared-memory bytes per
-//   1-via entry.
+//   MDB_NOSYNC | MDB_WRITEMAP)  vs  Redis HSET + PUBLISH (a private redis-server on a unix socket)
+//   vs  the memory floor (MemoryFloor.h: the same random lines over regions of the table's sizes,
+//   no other work; also with slab entries as small as the value, to show what the size class
+//   costs); insert and remove; reader lookup + copy vs LMDB get in a read txn; the writer's longest
+//   stall of critical-priority tasks while the table grows to 1,000,000 keys, with the page faults
+//   taken inside it; shared-memory bytes per 1-via entry. The LDP table's own figures are in
+//   LdpTableBench.
 // Ratios are printed after the benchmarks. Nothing here is asserted.
 #include <benchmark/benchmark.h>
 #include <hiredis/hiredis.h>
 #include <lmdb.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +31,7 @@
 
 #include "Loom/Clock.h"
 #include "Loom/EventLoop.h"
+#include "MemoryFloor.h"
 #include "store/DockMap.h"
 #include "testing/WriterTestValue.h"
 
@@ -73,8 +78,10 @@ Dock::DockConfig config() {
 // what the writer controls (on a loaded machine wall-clock gaps also hold preemption).
 struct Stall {
    double us = 0;
-   uint64_t atKey = 0;
-   std::string during;  // which growth step ran inside the gap
+   uint64_t fromKey = 0;  // keys written when the gap opened
+   uint64_t atKey = 0;    // and when it closed
+   long faults = 0;       // page faults the writer thread took inside the gap
+   std::string during;    // which growth step ran inside the gap
 };
 Stall longestStall;     // wall clock
 Stall longestCpuStall;  // writer thread CPU time
@@ -83,6 +90,12 @@ double threadCpuUs() {
    timespec ts;
    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
    return double(ts.tv_sec) * 1e6 + double(ts.tv_nsec) / 1e3;
+}
+
+long threadFaults() {
+   rusage ru{};
+   getrusage(RUSAGE_THREAD, &ru);
+   return ru.ru_minflt + ru.ru_majflt;
 }
 
 Map& table() {
@@ -99,6 +112,8 @@ Map& table() {
       uint32_t bucketsBefore = m->writer()->buckets();
       uint64_t last = Loom::Clock::ticks();
       double lastCpu = threadCpuUs();
+      long lastFaults = threadFaults();
+      uint64_t lastKey = 0;
       std::function<void()> probe = [&] {
          const uint64_t now = Loom::Clock::ticks();
          const double us = double(now - last) * usPerTick;
@@ -109,11 +124,15 @@ Map& table() {
             if (m->writer()->capacity() != capacityBefore) during += " slot-file growth";
             if (m->writer()->buckets() != bucketsBefore) during += " bucket growth";
             if (during.empty()) during = " writes (slab growth or none)";
-            if (us > longestStall.us) longestStall = Stall{us, k, during};
-            if (cpuUs > longestCpuStall.us) longestCpuStall = Stall{cpuUs, k, during};
+            const long faults = threadFaults() - lastFaults;
+            if (us > longestStall.us) longestStall = Stall{us, lastKey, k, faults, during};
+            if (cpuUs > longestCpuStall.us)
+               longestCpuStall = Stall{cpuUs, lastKey, k, faults, during};
          }
          capacityBefore = m->writer()->capacity();
          bucketsBefore = m->writer()->buckets();
+         lastKey = k;
+         lastFaults = threadFaults();
          last = Loom::Clock::ticks();
          lastCpu = threadCpuUs();
          if (!done) loop.postCritical(probe);
@@ -151,6 +170,39 @@ void BM_StoreReplace1Via(benchmark::State& state) {
    m.flush();
 }
 BENCHMARK(BM_StoreReplace1Via);
+
+// The memory floor of a replacement (MemoryFloor.h): the same random lines over regions of the
+// same sizes as the table's, no other work.
+Bench::MemoryFloor& memoryFloor() {
+   static Bench::MemoryFloor floor(
+       Bench::FloorRegions::of(*table().writer(), Value(0, 0, 1).serializeLen()), benchRoot());
+   return floor;
+}
+
+void BM_MemoryFloorChained(benchmark::State& state) {
+   Bench::MemoryFloor& f = memoryFloor();
+   while (state.KeepRunningBatch(256)) benchmark::DoNotOptimize(f.chained(256));
+}
+BENCHMARK(BM_MemoryFloorChained);
+
+// The same floor with the value's slab entries only as large as the value (rounded to 8 bytes)
+// instead of its size class's 1,456: how much of the floor is the slab file's size (its page
+// walks).
+void BM_MemoryFloorCompactSlab(benchmark::State& state) {
+   static Bench::MemoryFloor floor = [] {
+      Bench::FloorRegions r = memoryFloor().regions();
+      r.entrySize = (Value(0, 0, 1).serializeLen() + Tessel::kEntryOverhead + 7) / 8 * 8;
+      return Bench::MemoryFloor(r, benchRoot());
+   }();
+   while (state.KeepRunningBatch(256)) benchmark::DoNotOptimize(floor.chained(256));
+}
+BENCHMARK(BM_MemoryFloorCompactSlab);
+
+void BM_MemoryFloorIndependent(benchmark::State& state) {
+   Bench::MemoryFloor& f = memoryFloor();
+   while (state.KeepRunningBatch(256)) benchmark::DoNotOptimize(f.independent(256));
+}
+BENCHMARK(BM_MemoryFloorIndependent);
 
 // The value type's own share of a replacement: building and serializing the same 1-via value
 // (its via bytes and its one-at-a-time checksum) into a private buffer, nothing shared. Every
@@ -346,6 +398,22 @@ int main(int argc, char** argv) {
    std::printf("\n");
    ratio("writer replace vs LMDB put", "BM_LmdbPut1Via", "BM_StoreReplace1Via");
    ratio("writer replace vs LMDB put (CPU time)", "BM_LmdbPut1Via", "BM_StoreReplace1Via", true);
+   ratio("writer replace vs memory floor, chained (>= 0.67 wanted)", "BM_MemoryFloorChained",
+         "BM_StoreReplace1Via");
+   ratio("writer replace vs memory floor, chained (CPU time)", "BM_MemoryFloorChained",
+         "BM_StoreReplace1Via", true);
+   ratio("floor with compact slab entries vs floor (CPU time)", "BM_MemoryFloorChained",
+         "BM_MemoryFloorCompactSlab", true);
+   ratio("writer replace vs memory floor, independent", "BM_MemoryFloorIndependent",
+         "BM_StoreReplace1Via");
+   if (nsPerOp.count("BM_MemoryFloorChained")) {
+      const Bench::FloorRegions& r = memoryFloor().regions();
+      std::printf(
+          "   floor regions: %d random lines an operation over a %u-head mirror, %u slots and "
+          "records of %u bytes, %u slab entries of %u bytes\n",
+          Bench::MemoryFloor::kRandomLines, r.buckets, r.slots, r.recordSize, r.entries,
+          r.entrySize);
+   }
    ratio("writer replace vs Redis HSET+PUBLISH", "BM_RedisHsetPublish1Via", "BM_StoreReplace1Via");
    ratio("value serialization's share of a replace (CPU time)", "BM_ValueSerialize1Via",
          "BM_StoreReplace1Via", true);
@@ -354,10 +422,12 @@ int main(int argc, char** argv) {
          true);
    std::printf("writer's longest critical-task stall while growing to %llu keys:\n",
                (unsigned long long)kKeys);
-   std::printf("   in its own CPU time: %.1f us (at key %llu, during:%s)\n", longestCpuStall.us,
-               (unsigned long long)longestCpuStall.atKey, longestCpuStall.during.c_str());
-   std::printf("   wall clock:          %.1f us (at key %llu, during:%s)\n", longestStall.us,
-               (unsigned long long)longestStall.atKey, longestStall.during.c_str());
+   for (const auto& [what, st] : {std::pair{"in its own CPU time:", &longestCpuStall},
+                                  std::pair{"wall clock:         ", &longestStall}}) {
+      std::printf("   %s %.1f us (keys %llu to %llu, %ld page faults, during:%s)\n", what, st->us,
+                  (unsigned long long)st->fromKey, (unsigned long long)st->atKey, st->faults,
+                  st->during.c_str());
+   }
    std::printf("shared-memory bytes per 1-via entry at %llu keys: %.1f\n",
                (unsigned long long)kKeys, bytesPerEntry);
    std::filesystem::remove_all(benchRoot());

@@ -17,9 +17,11 @@ namespace {
 constexpr uint32_t kInitialBytes = 16 * 1024;
 constexpr uint32_t kMinInitialEntries = 8;
 // A growth step formats every new entry, and the first touch of each fresh page of the shared file
-// is a page fault: about 1.3 ms per MiB here, all inside one write, with no critical-task yield in
-// the slab layer. 2 MiB keeps a growth near 3 ms; a larger table just grows more often.
-constexpr uint32_t kMaxStepBytes = 2 * 1024 * 1024;
+// is a page fault: about 1.3 ms per MiB on a quiet machine and several times that on a loaded one,
+// all inside one write, with no critical-task yield in the slab layer. 512 KiB keeps a growth step
+// near a millisecond, a small part of the writer's critical-task budget; a larger table just grows
+// more often (one ftruncate and mremap a step).
+constexpr uint32_t kMaxStepBytes = 512 * 1024;
 
 uint64_t loadMagic(const SlabHeader& h) {
    return h.magic.load(std::memory_order_acquire);

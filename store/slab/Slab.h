@@ -5,7 +5,7 @@
 // Sizing policy (one slab per size class):
 //   initial entries  enough to fill 16 KiB, at least 8;
 //   growth step      the current entry count (the slab doubles), at least the initial count and
-//                    at most 2 MiB worth of entries per step: a step formats every new entry,
+//                    at most 512 KiB worth of entries per step: a step formats every new entry,
 //                    faulting in each fresh page, inside one write (see kMaxStepBytes).
 #pragma once
 

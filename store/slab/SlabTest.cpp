@@ -213,10 +213,10 @@ TEST_F(SlabWriterTest, CreateChainsEveryEntryThenAllocFreeReuseGrowthAndLookups)
    EXPECT_EQ(errorText([&] { w.addFreeEntries(0, 1); }),
              "slab.00::addFreeEntries() free-list isn't empty");
    EXPECT_DEATH((w.free(5), w.free(5)), "assertion failed: freeing unoccupied entry 5 of slab.00");
-   // Growth steps: at least the initial size, at most 2 MiB of entries.
+   // Growth steps: at least the initial size, at most 512 KiB of entries.
    EXPECT_EQ(Tessel::growthStep(1, kEntry), n);
    EXPECT_EQ(Tessel::growthStep(1000, kEntry), 1000u);
-   EXPECT_EQ(Tessel::growthStep(10'000'000, kEntry), 2u * 1024 * 1024 / kEntry);
+   EXPECT_EQ(Tessel::growthStep(10'000'000, kEntry), 512u * 1024 / kEntry);
    EXPECT_EQ(Tessel::growthStep(100, 1 << 24), Tessel::initialEntries(1 << 24));
 }
 

@@ -167,7 +167,9 @@ SlabValue WriterAllocator::store(uint32_t client, const uint8_t* bytes, uint32_t
    // The bytes go in with atomic stores (format/SharedBytes.h) since such a reader may be copying
    // them. The entry's check is folded in the same pass (EntryCheck.h).
    const Offset offset = alloc(length + kEntryOverhead);
-   SlabEntryHeader* entry = lookup(offset);
+   // The entry alloc just reserved: in range and mapped, so the slab's getEntry, without
+   // lookup's occupancy checks and second slab look-up.
+   SlabEntryHeader* entry = slabs_[offset.slab()]->getEntry(offset.index());
    EntryCheck check(int32_t(length), client);
    Dock::copyToSharedFolding(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes,
                              length, [&check](uint64_t w) { check.fold(w); });
