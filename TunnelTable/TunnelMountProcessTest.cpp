@@ -68,11 +68,6 @@ struct KeyCounter : Vela::Entity::Notifiee {
       }
    }
 };
-// The reader's consistent copies of slot values, and the notifications it applied.
-std::pair<uint64_t, uint64_t> copiesAndNotifications(const LdpTunnelTable& table) {
-   const auto& c = table.store()->reader()->readerCounters();
-   return {c.slotsCopied, c.notifications};
-}
 
 // Says in the test's log which check of a reader failed (and for which key), and returns its code.
 int failed(int code, const char* what, uint64_t key = 0) {
@@ -103,7 +98,8 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
    }
    ready.send('r');
    if (release.receive(milliseconds(30000)) != 'g') return 15;
-   const auto before = copiesAndNotifications(*table);
+   const auto& counters = table->store()->reader()->readerCounters();
+   const uint64_t copiedBefore = counters.slotsCopied - counters.notifications;
 
    // The first writer's state, notified key by key (lookups alone read the writer's slots and
    // may run ahead of the notifications), before the test restarts the writer.
@@ -113,8 +109,7 @@ int readerAgent(const Pipe& ready, const Pipe& release) {
    };
    if (!runUntil(loop, firstState, milliseconds(30000))) return failed(21, "no first state");
    // Each change copied out of shared memory once: the callback's read used that copy.
-   const auto after = copiesAndNotifications(*table);
-   if (after.first - before.first != after.second - before.second) {
+   if (counters.slotsCopied - counters.notifications != copiedBefore) {
       return failed(23, "a change copied more than once");
    }
    for (uint64_t k = 1; k <= 40; ++k) {

@@ -69,10 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    // The files, then the walk.
    writeFile(dir() + "/slots", slots, split);
    writeFile(dir() + "/slab.01", slab, slabLen);
-   // Nothing changes these files: one walk, and its confirmations without pauses.
+   // Nothing changes these files: one walk, no confirmation.
    Dock::ValidatePatience once;
    once.walks = 1;
-   once.confirm[0] = once.confirm[1] = std::chrono::milliseconds(0);
+   once.confirm.clear();
    try {
       Dock::validateTableFiles(dir(), 704, once);
    } catch (const std::exception&) {

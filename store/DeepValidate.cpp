@@ -15,6 +15,7 @@
 #include "store/FileChecks.h"
 #include "store/format/Offset.h"
 #include "store/format/SeqRead.h"
+#include "store/format/SharedBytes.h"
 #include "store/format/SlotTable.h"
 #include "store/slab/SlotEntryCheck.h"
 
@@ -29,8 +30,10 @@ namespace {
 // The slot walk over `n` slots. A finding on a slot whose flags word changed while it was made
 // sets `moved` and skips the slot (only a live writer changes it).
 DeepValidateCounts walkSlots(const SlotTableHeader& header, const Slot* slots, uint32_t n,
-                             Tessel::WriterAllocator& slabs, bool& moved) {
+                             Tessel::WriterAllocator& slabs, bool& moved,
+                             const KeyHashOf& keyHash = {}) {
    DeepValidateCounts counts;
+   std::vector<uint8_t> value;
    std::vector<bool> free(n, false);
    for (uint32_t i = header.freeSlots.load(std::memory_order_acquire); i != kNone;) {
       if (i >= n)
@@ -55,6 +58,13 @@ DeepValidateCounts walkSlots(const SlotTableHeader& header, const Slot* slots, u
          const auto offset = Tessel::Offset::fromWord(read.load(slots[i].offset));
          const uint32_t length = read.load(slots[i].length);
          Tessel::checkSlotEntry(i, offset, length, *slabs.lookup(offset), slabs.maxPayload(offset));
+         if (keyHash) {
+            value.resize(length);
+            copyFromShared(value.data(), slabs.payload(offset), length);
+            const uint32_t stored = read.load(slots[i].keyHash);
+            const uint32_t computed = keyHash(value.data(), length, header.hashSeed);
+            if (stored != computed) corrupt(keyHashMismatch(i, stored, computed));
+         }
       } catch (const std::exception&) {
          if (read.unchanged()) throw;
          moved = true;
@@ -112,7 +122,7 @@ struct Walk {
    bool moved = false;  // a slot changed while its finding was made
 };
 
-Walk walkOnce(const std::string& dir, uint32_t maxAllocSize) {
+Walk walkOnce(const std::string& dir, uint32_t maxAllocSize, const KeyHashOf& keyHash) {
    Walk w;
    try {
       const std::string path = dir + "/" + kSlotsFile;
@@ -130,7 +140,7 @@ Walk walkOnce(const std::string& dir, uint32_t maxAllocSize) {
       }
       Tessel::WriterAllocator slabs(dir, Tessel::LinearSizeConfig(maxAllocSize), stamped);
       slabs.attachReadOnly();
-      w.counts = walkSlots(*header, SlotTable::slots(header), n, slabs, w.moved);
+      w.counts = walkSlots(*header, SlotTable::slots(header), n, slabs, w.moved, keyHash);
       // Every file carries the relume of the writer the relume file names.
       const uint32_t relume = checkRelumeFile(dir);
       if (stamped != relume) corrupt(fmt::format("bad relume:{} wanted:{}", stamped, relume));
@@ -153,16 +163,20 @@ Walk walkOnce(const std::string& dir, uint32_t maxAllocSize) {
 
 }  // namespace
 
+std::string keyHashMismatch(uint32_t slot, uint32_t stored, uint32_t computed) {
+   return fmt::format("slot:{} keyHash:{:#x} but its key hashes to {:#x}", slot, stored, computed);
+}
+
 DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAllocator& slabs) {
    bool moved = false;
    return walkSlots(header, SlotTable::slots(&header), SlotTable::numSlots(header), slabs, moved);
 }
 
 DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocSize,
-                                      const ValidatePatience& patience) {
+                                      const ValidatePatience& patience, const KeyHashOf& keyHash) {
    for (uint32_t walk = 1; walk <= patience.walks; ++walk) {
       const std::string before = tableState(dir);
-      Walk w = walkOnce(dir, maxAllocSize);
+      Walk w = walkOnce(dir, maxAllocSize, keyHash);
       if (!w.finding) {
          w.counts.walks = walk;
          return w.counts;
@@ -171,7 +185,7 @@ DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocS
       for (const auto pause : patience.confirm) {
          if (!still) break;
          std::this_thread::sleep_for(pause);
-         const Walk again = walkOnce(dir, maxAllocSize);
+         const Walk again = walkOnce(dir, maxAllocSize, keyHash);
          still = again.finding && again.text == w.text && !again.moved && tableState(dir) == before;
       }
       if (still) std::rethrow_exception(w.finding);

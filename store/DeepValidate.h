@@ -29,7 +29,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "Vela/Exception.h"
 #include "store/format/Layout.h"
@@ -50,15 +52,27 @@ class TableBusy : public Vela::Exception {
    using Vela::Exception::Exception;
 };
 
+// The hash under `hashSeed` of the key of the value whose byte form is value[0, length), as the
+// table's KeyTraits computes it (it throws for bytes that are no value). The store is untyped;
+// whoever knows the table's value type passes it, so that the walk can check the keyHash word
+// readers compare before anything else: a damaged one hides its key from every lookup.
+using KeyHashOf = std::function<uint32_t(const uint8_t* value, uint32_t length, uint32_t hashSeed)>;
+
+// The finding for a slot whose keyHash word is not its key's hash.
+std::string keyHashMismatch(uint32_t slot, uint32_t stored, uint32_t computed);
+
 // REQUIRES: header's validateHeader passed for the mapping that holds `header` and the slots,
-// and no other process changes the table (the writer's own check).
+// and no other process changes the table (the writer's own check; the writer checks each slot's
+// keyHash as it rebuilds its index).
 DeepValidateCounts deepValidate(const SlotTableHeader& header, Tessel::WriterAllocator& slabs);
 
 // How long validateTableFiles keeps trying against a table that changes.
 struct ValidatePatience {
    uint32_t walks = 20;  // whole walks before the answer is TableBusy
-   std::chrono::milliseconds confirm[2] = {std::chrono::milliseconds(5),
-                                           std::chrono::milliseconds(50)};
+   // The pauses before each walk that must find the same thing again; none for files nothing
+   // changes (a tool's own copy, a test).
+   std::vector<std::chrono::milliseconds> confirm = {std::chrono::milliseconds(5),
+                                                     std::chrono::milliseconds(50)};
 };
 
 // The whole check of a table directory, read-only, against a live writer or none: the slot table
@@ -66,8 +80,10 @@ struct ValidatePatience {
 // slabs (attached read-only), the relume file and every slot and slab header's relume against
 // it, the bucket file, the herald and the intent file. Throws Loom::CorruptionException with
 // a confirmed finding, Region::Error when a file cannot be opened (the same confirmation), or
-// TableBusy. `maxAllocSize` is the table's LinearSizeConfig bound.
+// TableBusy. `maxAllocSize` is the table's LinearSizeConfig bound; with `keyHash`, every occupied
+// slot's keyHash word is checked against its value's key.
 DeepValidateCounts validateTableFiles(const std::string& dir, uint32_t maxAllocSize,
-                                      const ValidatePatience& patience = {});
+                                      const ValidatePatience& patience = {},
+                                      const KeyHashOf& keyHash = {});
 
 }  // namespace Dock

@@ -2,10 +2,9 @@
 // callbacks, writer restart and re-format, shrink moves, validation against the queue. Its index:
 // sorted split-ordered chains, growth by splitting, update-in-place. The plain reader: lookups
 // through the writer's shared chains, iteration with hints, values by slot, attach steps and their
-// texts, the chain anomalies it refuses to loop on, an odd resize counter left by a killed rehash,
-// a killed writer's restart. Both readers: stable damage is corruption, never a value. Consistent
-// copies: the header copy retries until its version word is stable, and a slot copy racing a
-// writer is never torn.
+// texts, chain anomalies, a killed rehash's odd resize counter, a killed writer's restart. Both:
+// stable damage is corruption, never a value. Consistent copies: the header copy retries until
+// its version word is stable, and a slot copy racing a writer is never torn.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -254,9 +253,7 @@ TEST_F(DockShadowTest, ReaderFollowsWriterRestartAndReformat) {
    ASSERT_TRUE(followed(*r, *w));
    EXPECT_EQ(seen.values, contents(*w));
    std::vector<uint64_t> gone;
-   for (uint64_t k = 4; k <= 41; ++k) {
-      if (k != 5 && k != 20) gone.push_back(k);
-   }
+   for (uint64_t k = 4; k <= 41; ++k) k != 5 && k != 20 ? gone.push_back(k) : void();
    EXPECT_EQ(seen.removedSorted(), gone);
    EXPECT_EQ(r->members(), 5u);
    for (uint64_t k : {1, 2, 3, 20, 99}) EXPECT_EQ(r->lookup(k), *w->lookup(k)) << k;
@@ -315,19 +312,15 @@ TEST_F(DockShadowTest, ShrinkMovesKeysWithoutReportingThemRemoved) {
    for (uint64_t k = 291; k <= 300; ++k) EXPECT_EQ(r->lookup(k), Value(k, 1, 1));
 }
 
+// The handler reads the queue, then drains the socket: a change posted and woken for in between
+// (here by the quiesced callback) is applied by the same handler's second look.
 TEST_F(DockShadowTest, AWakeDrainedAfterTheQueueWasReadStillGetsItsChangeApplied) {
    auto w = writer("drain", 1);
    auto r = follow(w->directory());
-   // The handler reads the queue, then drains the socket: a change posted and woken for in
-   // between (here from the quiesced callback) must be applied by the same handler's second look,
-   // since the datagram that announced it is gone.
    Region::Notify<uint64_t, Value> n;
    n.onValue = [&](const Value& v) { seen.values[v.key] = v; };
    n.onQuiesced = [&](bool q) {
-      if (q && !seen.values.count(2)) {
-         w->write(Value(2, 1, 1));
-         w->flush();
-      }
+      if (q && !seen.values.count(2)) w->write(Value(2, 1, 1)), w->flush();
    };
    r->notifyIs(n);
    w->write(Value(1, 2, 1));
@@ -337,21 +330,19 @@ TEST_F(DockShadowTest, AWakeDrainedAfterTheQueueWasReadStillGetsItsChangeApplied
    EXPECT_EQ(seen.values, contents(*w));
 }
 
-// A Value that counts its deserializations.
-struct CountedValue : Value {
+struct CountedValue : Value {  // counts its deserializations
    static inline uint64_t deserialized = 0;
    using Value::Value;
-   void deserialize(const void* b, uint32_t n) {
-      ++deserialized;
-      Value::deserialize(b, n);
-   }
+   void deserialize(const void* b, uint32_t n) { ++deserialized, Value::deserialize(b, n); }
 };
 
 TEST_F(DockShadowTest, ReadingANotifiedKeyCostsOneCopyAndOneDeserializationAndIsNeverStale) {
+   using Cost = std::pair<uint64_t, uint64_t>;
+   using Read = std::vector<std::optional<Value>>;
    auto w = writer("once", 0);
    DockShadow<uint64_t, CountedValue, KeyOf, KeyShadowSlot> r("once", w->directory(), loop);
    std::function<void(uint64_t)> beforeRead;  // what the writer does before the callback reads
-   std::vector<std::optional<Value>> read;
+   Read read;
    Region::Notify<uint64_t, CountedValue> n;
    n.onKey = [&](const uint64_t& k) {
       if (beforeRead) std::exchange(beforeRead, nullptr)(k);
@@ -359,14 +350,13 @@ TEST_F(DockShadowTest, ReadingANotifiedKeyCostsOneCopyAndOneDeserializationAndIs
    };
    r.notifyIs(n);
    ASSERT_TRUE(r.initialize());
-   auto cost = [&, copies = r.readerCounters().slotsCopied,
-                des = CountedValue::deserialized]() mutable {
-      const auto c =
-          std::make_pair(r.readerCounters().slotsCopied - copies, CountedValue::deserialized - des);
-      copies = r.readerCounters().slotsCopied;
-      des = CountedValue::deserialized;
-      return c;
+   Cost last;
+   const auto cost = [&] {  // slot copies and deserializations since the last call
+      const Cost now(r.readerCounters().slotsCopied, CountedValue::deserialized);
+      const Cost spent(now.first - last.first, now.second - last.second);
+      return last = now, spent;
    };
+   cost();
    const auto apply = [&](const std::vector<Value>& values) {
       read.clear();
       for (const Value& v : values) w->write(v);
@@ -375,26 +365,27 @@ TEST_F(DockShadowTest, ReadingANotifiedKeyCostsOneCopyAndOneDeserializationAndIs
    };
    // Inserts, then replacements up to the largest value: each read in its callback.
    std::vector<Value> inserts, changes;
-   for (uint64_t k = 1; k <= 8; ++k) inserts.push_back(Value(k, 1, 2));
-   for (uint64_t k = 1; k <= 8; ++k) changes.push_back(Value(k, 2, k == 8 ? 600 : 1));
-   ASSERT_TRUE(apply(inserts));
-   EXPECT_EQ(read, std::vector<std::optional<Value>>(inserts.begin(), inserts.end()));
-   ASSERT_TRUE(apply(changes));
-   EXPECT_EQ(read, std::vector<std::optional<Value>>(changes.begin(), changes.end()));
-   EXPECT_EQ(cost(), std::make_pair(uint64_t(16), uint64_t(16)));
+   for (uint64_t k = 1; k <= 8; ++k) {
+      inserts.push_back(Value(k, 1, 2));
+      changes.push_back(Value(k, 2, k == 8 ? 600 : 1));
+   }
+   for (const auto* values : {&inserts, &changes}) {
+      ASSERT_TRUE(apply(*values));
+      EXPECT_EQ(read, Read(values->begin(), values->end()));
+   }
+   EXPECT_EQ(cost(), Cost(16, 16));
    // Read a turn later, as a consumer batching its keys does: nothing copied again.
    for (uint64_t k = 1; k <= 8; ++k) EXPECT_EQ(r.lookup(k), changes[k - 1]);
-   EXPECT_EQ(cost(), std::make_pair(uint64_t(0), uint64_t(0)));
-
+   EXPECT_EQ(cost(), Cost(0, 0));
    // Changed, or removed, again before the read: the newer state, never the notified one.
    beforeRead = [&](uint64_t k) { w->write(Value(k, 4, 3)); };
    ASSERT_TRUE(apply({Value(1, 3, 1)}));
-   EXPECT_EQ(read, (std::vector<std::optional<Value>>{Value(1, 4, 3), Value(1, 4, 3)}));
+   EXPECT_EQ(read, (Read{Value(1, 4, 3), Value(1, 4, 3)}));
    beforeRead = [&](uint64_t k) { w->remove(k); };
    ASSERT_TRUE(apply({Value(2, 3, 1)}));
-   EXPECT_EQ(read, std::vector<std::optional<Value>>{std::nullopt});
-   // Written while the reader does not run: a lookup copies afresh. So does any lookup after a
-   // resize, whose re-initialized slots could bring an old flags word back.
+   EXPECT_EQ(read, Read{std::nullopt});
+   // Written while the reader does not run, or after a resize (whose re-initialized slots could
+   // bring an old flags word back): a lookup copies afresh.
    w->write(Value(3, 5, 1));
    EXPECT_EQ(r.lookup(3), Value(3, 5, 1));
    const uint32_t slots = w->capacity();
@@ -402,7 +393,7 @@ TEST_F(DockShadowTest, ReadingANotifiedKeyCostsOneCopyAndOneDeserializationAndIs
    ASSERT_GT(w->capacity(), slots);
    cost();
    EXPECT_EQ(r.lookup(5), changes[4]);
-   EXPECT_EQ(cost(), std::make_pair(uint64_t(1), uint64_t(1)));
+   EXPECT_EQ(cost(), Cost(1, 1));
 }
 
 TEST_F(DockShadowTest, ValidationAgainstTheQueueFindsAForeignNotification) {
@@ -529,9 +520,8 @@ TEST(DockReader, LooksUpAndIteratesEveryKeyAndFollowsGrowth) {
    std::set<uint64_t> keys;
    IterHint hint;
    Value v;
-   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v)) {
-      EXPECT_TRUE(keys.insert(v.key).second) << v.key;
-   }
+   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v))
+      EXPECT_TRUE(keys.insert(v.key).second);
    EXPECT_EQ(keys.size(), 1999u);
    EXPECT_FALSE(hint.valid());
    // Change the hinted slot between steps: the step restarts from the hinted bucket.
@@ -627,10 +617,9 @@ TEST(DockReader, ChainAnomaliesAndEachMissingPieceAreReported) {
    EXPECT_EQ(bad.lastStatus(), "failed to attach to buckets");
 }
 
-// Damage no concurrent write explains, made stable in a real writer's files: both readers report
-// it as corruption with its reason within the copy's bound, never a value. (More keys than the
-// shadow keeps recent copies of: key 3 is read from the files again, not from the copy it made
-// while the bytes were sound.)
+// Damage no concurrent write explains, in a real writer's files: both readers report it as
+// corruption with its reason, never a value. (More keys than the shadow keeps recent copies of:
+// key 3 is read from the files again.) Each damage is undone by doing it again.
 TEST_F(DockShadowTest, StableDamageIsCorruptionForBothReadersNeverAValue) {
    auto w = writer("damage", 2 * Dock::RecentCopies<Value>::kCapacity, 3);
    auto shadow = follow(w->directory());
@@ -643,30 +632,21 @@ TEST_F(DockShadowTest, StableDamageIsCorruptionForBothReadersNeverAValue) {
    uint8_t* payload = w->allocator().payload(offset);
    std::vector<uint8_t> flipped(payload, payload + slot.length.load());
    flipped[20] ^= 0x40;  // a via byte
-   struct Case {
-      std::function<void()> damage, undo;
-      std::string message;
-   };
-   const std::vector<Case> cases = {
+   const std::pair<std::function<void()>, std::string> cases[] = {
        {[&] {
-           slot.flags.fetch_or(kLookaside);
-           h->lookaside.slot.store(other);
-        },
-        [&] {
-           slot.flags.fetch_and(~kLookaside);
-           h->lookaside.slot.store(lookaside);
+           slot.flags.fetch_xor(kLookaside);
+           h->lookaside.slot.store(h->lookaside.slot.load() == other ? lookaside : other);
         },
         fmt::format("slot:{} LOOKASIDE set but lookaside names slot:{}", s, other)},
-       {[&] { payload[20] ^= 0x40; }, [&] { payload[20] ^= 0x40; },
+       {[&] { payload[20] ^= 0x40; },
         fmt::format("slot:{} offset:{} entry check mismatch: computed:{:#018x} stored:{:#018x}", s,
                     offset, Tessel::entryCheck(flipped.data(), uint32_t(flipped.size()), s),
                     w->allocator().lookup(offset)->check.load())}};
-   for (const Case& c : cases) {
-      c.damage();
-      EXPECT_EQ(Testing::errorText<Loom::CorruptionException>([&] { shadow->lookup(3); }),
-                c.message);
-      EXPECT_EQ(Testing::errorText<Loom::CorruptionException>([&] { plain.lookup(3); }), c.message);
-      c.undo();
+   for (const auto& [damage, message] : cases) {
+      damage();
+      EXPECT_EQ(Testing::errorText<Loom::CorruptionException>([&] { shadow->lookup(3); }), message);
+      EXPECT_EQ(Testing::errorText<Loom::CorruptionException>([&] { plain.lookup(3); }), message);
+      damage();
       EXPECT_EQ(plain.lookup(3), Value(3, 1, 3));
    }
 }
@@ -695,17 +675,16 @@ TEST(DockReader, OddResizeCounterOfAKilledRehashStillFindsEveryKeyOnce) {
    ASSERT_TRUE(r.attach()) << r.lastStatus();
    for (uint64_t k = 1; k <= 60; ++k) EXPECT_EQ(r.lookup(k), Value(k, 1, 1)) << k;
    EXPECT_FALSE(r.lookup(61).has_value());
-   std::multiset<uint64_t> keys;
+   std::set<uint64_t> keys;
    IterHint hint;
    Value v;
-   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v)) keys.insert(v.key);
+   for (bool ok = r.first(hint, v); ok; ok = r.next(hint, v))
+      EXPECT_TRUE(keys.insert(v.key).second);
    EXPECT_EQ(keys.size(), 60u);
-   EXPECT_EQ(std::set<uint64_t>(keys.begin(), keys.end()).size(), 60u);
 }
 
-// A writer process killed, then a new writer with other values (in another size class, so the
-// reader needs new slab files): over the kept files, and over files removed and re-created. The
-// plain reader's lookups answer from the new files; nothing is thrown to the caller.
+// A writer process killed, then a new writer with values in another size class (new slab files),
+// over the kept files or over files removed and re-created: the plain reader answers from them.
 TEST(DockReader, ReadsThroughAKilledWritersRestartAndRemoval) {
    Testing::TempRoot root;
    for (const bool removed : {false, true}) {

@@ -66,26 +66,23 @@ TEST(LinearSizeConfig, ClassBoundariesAndEveryClassHoldsItsWholeRange) {
 TEST(EntryCheck, GoldenValuesAndEveryFlippedBitChangesIt) {
    std::vector<uint8_t> bytes(21);
    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 37 + 1);
-   struct Case {
-      uint32_t size, client;
-      uint64_t check;
-   };
-   for (const Case& c : {Case{0, 0, 0x109a3608dc7f50ffull}, Case{0, 7, 0x00efa48f1e2491faull},
-                         Case{8, 7, 0x07ae972e7cece185ull}, Case{21, 7, 0x1e0686b7da7f6fe2ull},
-                         Case{21, kNone, 0x97e3943cc6a87dc0ull}}) {
-      SCOPED_TRACE(c.size);
-      EXPECT_EQ(Tessel::entryCheck(bytes.data(), c.size, c.client), c.check);
-      EXPECT_NE(Tessel::entryCheck(bytes.data(), c.size, c.client ^ 0x100), c.check);
-      for (uint32_t bit = 0; bit < c.size * 8; ++bit) {
-         std::vector<uint8_t> flipped(bytes.begin(), bytes.begin() + c.size);
+   using C = std::tuple<uint32_t, uint32_t, uint64_t>;  // size, client, check
+   for (const auto& [size, client, check] :
+        {C{0, 0, 0x109a3608dc7f50ffull}, C{0, 7, 0x00efa48f1e2491faull},
+         C{8, 7, 0x07ae972e7cece185ull}, C{21, 7, 0x1e0686b7da7f6fe2ull},
+         C{21, kNone, 0x97e3943cc6a87dc0ull}}) {
+      EXPECT_EQ(Tessel::entryCheck(bytes.data(), size, client), check) << size;
+      EXPECT_NE(Tessel::entryCheck(bytes.data(), size, client ^ 0x100), check) << size;
+      for (uint32_t bit = 0; bit < size * 8; ++bit) {
+         auto flipped = bytes;
          flipped[bit / 8] ^= uint8_t(1u << (bit % 8));
-         ASSERT_NE(Tessel::entryCheck(flipped.data(), c.size, c.client), c.check) << bit;
+         ASSERT_NE(Tessel::entryCheck(flipped.data(), size, client), check) << bit;
       }
-      Tessel::EntryCheck folded(int32_t(c.size), c.client);
-      std::vector<uint8_t> shared(24);
-      Dock::copyToSharedFolding(shared.data() + 1, bytes.data(), c.size,  // an unaligned copy
+      Tessel::EntryCheck folded(int32_t(size), client);
+      std::vector<uint8_t> shared(24);  // copied to an unaligned address, folding as it goes
+      Dock::copyToSharedFolding(shared.data() + 1, bytes.data(), size,
                                 [&](uint64_t w) { folded.fold(w); });
-      EXPECT_EQ(folded.value(), c.check);
+      EXPECT_EQ(folded.value(), check) << size;
    }
 }
 

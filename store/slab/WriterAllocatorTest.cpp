@@ -114,38 +114,38 @@ TEST(DynamicSlotAllocator, ReadsValuesBackAndChecksTheSlotTheyNameByOffset) {
    a.create();
    DynamicSlotAllocator<Value> d(a);
    std::vector<Tessel::SlabValue> stored;
+   // Slot i naming `sv`'s entry and recording `length`: validateSlot's finding.
+   const auto check = [&](uint32_t i, const Tessel::SlabValue& sv, uint32_t length) {
+      Dock::Slot slot{};
+      slot.offset.store(sv.offset.value);
+      slot.length.store(length);
+      return errorText([&] { d.validateSlot(i, slot); });
+   };
    // The smallest and largest values, and the two sides of the first class boundary.
    const uint32_t counts[] = {1, 18, 19, 600};
    for (uint32_t i = 0; i < 4; ++i) {
       stored.push_back(storeValue(a, i, Value(1000 + i, 1, counts[i])));
       EXPECT_EQ(d.getValue(stored[i].offset), Value(1000 + i, 1, counts[i]));
-      Dock::Slot slot{};
-      slot.offset.store(stored[i].offset.value);
-      slot.length.store(stored[i].length);
-      EXPECT_NO_THROW(d.validateSlot(i, slot));
+      EXPECT_EQ(check(i, stored[i], stored[i].length), "(no exception)");
    }
-   // A slot naming another slot's entry; an Offset's word and text.
+   // An Offset's word and text.
    EXPECT_EQ(Offset::make(17, 123456).value, (123456u << 5) | 17u);
    EXPECT_EQ(fmt::format("{}", Offset::make(0, Offset::kMaxIndex)),
              "Offset{ slab: 0 index: 134217727 }");
    // A slot naming another slot's entry, recording another length, or naming damaged bytes.
-   Dock::Slot slot{};
-   slot.offset.store(stored[2].offset.value);
-   slot.length.store(stored[2].length);
-   EXPECT_EQ(errorText([&] { d.validateSlot(3, slot); }),
+   const std::string at = stored[2].offset.toString();
+   const uint32_t length = stored[2].length;
+   EXPECT_EQ(check(3, stored[2], length),
              fmt::format("Clientdata mismatch, slot 3 contains offset: {} but slabEntry "
                          "references slot: 2",
-                         stored[2].offset.toString()));
-   slot.length.store(stored[2].length + 1);
-   EXPECT_EQ(errorText([&] { d.validateSlot(2, slot); }),
-             fmt::format("slot:2 offset:{} payloadSize:{} but slot length:{}",
-                         stored[2].offset.toString(), stored[2].length, stored[2].length + 1));
-   slot.length.store(stored[2].length);
+                         at));
+   EXPECT_EQ(
+       check(2, stored[2], length + 1),
+       fmt::format("slot:2 offset:{} payloadSize:{} but slot length:{}", at, length, length + 1));
    a.payload(stored[2].offset)[5] ^= 0x10;
-   EXPECT_EQ(errorText([&] { d.validateSlot(2, slot); }),
-             fmt::format("slot:2 offset:{} entry check mismatch: stored:{:#018x}",
-                         stored[2].offset.toString(),
-                         a.lookup(stored[2].offset)->check.load(std::memory_order_relaxed)));
+   EXPECT_EQ(check(2, stored[2], length),
+             fmt::format("slot:2 offset:{} entry check mismatch: stored:{:#018x}", at,
+                         a.lookup(stored[2].offset)->check.load()));
 }
 
 TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
@@ -160,10 +160,11 @@ TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
    auto sv = storeValue(a, 9, v);
    ReaderAllocator::Copied entry;
    ASSERT_EQ(r.copy(sv.offset, buf.data(), kViaM, entry), int64_t(sv.length));
-   EXPECT_EQ(entry.clientData, 9u);
-   EXPECT_EQ(entry.stored, Tessel::entryCheck(buf.data(), sv.length, 9));
-   EXPECT_TRUE(entry.intact());
-   EXPECT_TRUE(Tessel::entryIntact(*a.lookup(sv.offset), a.maxPayload(sv.offset)));
+   const auto intact = [&] {
+      return Tessel::entryIntact(*a.lookup(sv.offset), a.maxPayload(sv.offset));
+   };
+   EXPECT_EQ(std::tuple(entry.clientData, entry.stored, entry.intact(), intact()),
+             std::tuple(9u, Tessel::entryCheck(buf.data(), sv.length, 9), true, true));
    Value back;
    back.deserialize(buf.data(), sv.length);
    EXPECT_EQ(back, v);
@@ -171,8 +172,8 @@ TEST(ReaderAllocator, CopiesEntriesAndRefusesWhatItCannotTrust) {
    a.payload(sv.offset)[sv.length - 1] ^= 0x10;
    EXPECT_EQ(r.copy(sv.offset, buf.data(), kViaM), -1);
    EXPECT_EQ(r.copy(sv.offset, buf.data(), kViaM, entry), int64_t(sv.length));
-   EXPECT_EQ(entry.computed, Tessel::entryCheck(buf.data(), sv.length, 9));
-   EXPECT_FALSE(Tessel::entryIntact(*a.lookup(sv.offset), a.maxPayload(sv.offset)));
+   EXPECT_EQ(std::pair(entry.computed, intact()),
+             std::pair(Tessel::entryCheck(buf.data(), sv.length, 9), false));
    a.payload(sv.offset)[sv.length - 1] ^= 0x10;
    // A short buffer gets a prefix; the size says how much there was.
    std::vector<uint8_t> small(10, 0xee);
@@ -339,14 +340,14 @@ TEST(SlabRepair, EveryInterruptedOperationIsRepairedOnlyWhenRecorded) {
    // The walk's findings on slab 30, and what validation of a consistent file says.
    auto listed = [](int free, int occupied, int entries) {
       return fmt::format(
-          "slab.30::validate() found {} entries on free-list and {} occupied "
-          "entries, but header's numEntries: {}",
+          "slab.30::validate() found {} entries on free-list and {} occupied entries, "
+          "but header's numEntries: {}",
           free, occupied, entries);
    };
    auto counted = [](int found, int header) {
       return fmt::format(
-          "slab.30::validate() found {} occupied entries, but header's "
-          "numOccupied: {}",
+          "slab.30::validate() found {} occupied entries, but header's numOccupied: "
+          "{}",
           found, header);
    };
    const std::string kConsistent = "(no exception)";
@@ -535,9 +536,8 @@ TEST(SlabRepair, HalfCreatedSlabFilesAreRemovedOnAttachAndCleanup) {
    EXPECT_FALSE(fs::exists(dir + "/" + Tessel::kIntentFile));
 }
 
-// A table's files after a burst: each has the mode the README states, whatever the umask, and the
-// slot file and the slabs hold no more pages than their format needs for what is left, their
-// lengths kept (README).
+// A table's files after a burst: each has its mode, whatever the umask; the slot file and the slabs
+// hold no more pages than their format needs for what is left, their lengths kept.
 TEST(WriterAllocator, ATablesFilesAfterABurst) {
    Testing::TempRoot root;
    const mode_t mask = ::umask(077);
@@ -548,12 +548,9 @@ TEST(WriterAllocator, ATablesFilesAfterABurst) {
    ::umask(mask);
    size_t files = 0;
    for (const auto& e : fs::recursive_directory_iterator(root.path() + "/m")) {
-      const bool wake = e.path().filename() == "wake";
       files += e.is_regular_file();
-      EXPECT_EQ(uint32_t(e.status().permissions()), wake               ? 01777u
-                                                    : e.is_directory() ? 0755u
-                                                                       : 0644u)
-          << e.path();
+      const uint32_t mode = e.path().filename() == "wake" ? 01777 : e.is_directory() ? 0755 : 0644;
+      EXPECT_EQ(uint32_t(e.status().permissions()), mode) << e.path();
    }
    EXPECT_EQ(files, 7u);  // slots, buckets, slab.00, herald, relume, owner, slabs.intent
    const Tessel::SlabWriter& slab = *w.allocator().attachedSlab(0);

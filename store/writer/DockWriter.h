@@ -24,6 +24,7 @@
 #include "Loom/CorruptionException.h"
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
+#include "store/DeepValidate.h"
 #include "store/DockConfig.h"
 #include "store/KeyTraits.h"
 #include "store/format/Layout.h"
@@ -235,6 +236,10 @@ class DockWriter final : public WriterCore, private WriterIndex {
       const V value = dynamic_->getValue(offsetOf(s));
       const K key = KeyOf()(value);
       const uint32_t hash = hash_->hashOf(key);
+      // Readers compare this word before the key: a damaged one hides the key from them.
+      if (const uint32_t stored = slot.keyHash.load(std::memory_order_relaxed); stored != hash) {
+         throw Loom::CorruptionException(keyHashMismatch(s, stored, hash));
+      }
       if (const uint32_t other = hash_->lookup(key, hash); other != kNone) {
          if (dropInterruptedMove(other, s)) return;
          throw Loom::CorruptionException(fmt::format("duplicate key in slot: {}", s));

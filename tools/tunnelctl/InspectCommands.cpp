@@ -11,6 +11,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <stdexcept>
 
 #include "Agent.h"
 #include "Commands.h"
@@ -21,7 +22,10 @@
 #include "Region/OwnerFile.h"
 #include "Region/StoreRoot.h"
 #include "StrictJson.h"
+#include "TunnelTable/EntryRecord.h"
+#include "TunnelTable/TunnelId.h"
 #include "store/DeepValidate.h"
+#include "store/KeyTraits.h"
 #include "store/format/Layout.h"
 #include "store/format/SlotTable.h"
 #include "store/slab/LinearSizeConfig.h"
@@ -165,8 +169,22 @@ int runValidate(std::ostream& out, const std::string& name, bool asJson) {
    const std::string storeName = table.path + "/" + kEntryCollection;
    Json verdict = {{"table", table.mountName}};
    try {
-      const auto counts =
-          Dock::validateTableFiles(dir, table.type->maxEntryLen + Tessel::kEntryOverhead);
+      // Every tunnel table is keyed by the entry's tunnel id: the first field after the record
+      // header, or the first 8 bytes of an mLDP entry. Its hash is checked against each slot's
+      // keyHash word.
+      const uint32_t keyAt = table.id == TunnelTableIdentifier::mldpTunnelTable
+                                 ? 0
+                                 : Tunnel::TunnelTable::Codec::kRecordHeaderLen;
+      const Dock::KeyHashOf keyHash = [keyAt](const uint8_t* value, uint32_t length,
+                                              uint32_t seed) -> uint32_t {
+         if (length < keyAt + 8) {
+            throw std::runtime_error("entry of " + std::to_string(length) + " bytes has no key");
+         }
+         const auto id = Tunnel::TunnelTable::TunnelId::deserialize(value + keyAt);
+         return Dock::KeyTraits<Tunnel::TunnelTable::TunnelId>::hash(id, seed);
+      };
+      const auto counts = Dock::validateTableFiles(
+          dir, table.type->maxEntryLen + Tessel::kEntryOverhead, {}, keyHash);
       if (asJson) {
          verdict["valid"] = true;
          verdict["occupiedSlots"] = counts.occupiedSlots;
