@@ -18,11 +18,12 @@
 // Writer restarts. Every read (lookup, getValue, first, next) first checks that the files it maps
 // are still the writer's: the slot table's relume is the one attached under (a restarted writer
 // re-stamps it in place) and the slot file is still linked (a writer that re-formats replaces the
-// files). A read that finds otherwise, or that fails during the read with WriterRestarted or with
-// an anomaly the restart explains, re-attaches ("writer restarted: {}; re-attaching", level 5) and
-// reads again from the new files, at most kReattachRounds times per read. While the new files
-// cannot be attached the read answers "nothing" and the next read tries again; a read never
-// throws a restart to its caller.
+// files; a system call, so made on every read that found nothing and otherwise at most every
+// 10 ms: a value read from replaced files is at most that old). A read that finds otherwise, or
+// that fails during the read with WriterRestarted or with an anomaly the restart explains,
+// re-attaches ("writer restarted: {}; re-attaching", level 5) and reads again from the new files,
+// at most kReattachRounds times per read. While the new files cannot be attached the read answers
+// "nothing" and the next read tries again; a read never throws a restart to its caller.
 #pragma once
 
 #include <sys/stat.h>
@@ -57,6 +58,8 @@ class DockReader {
    DockReader& operator=(const DockReader&) = delete;
 
    static constexpr uint32_t kReattachRounds = 3;
+   // How often a read that found its value checks that the files were not replaced.
+   static constexpr std::chrono::milliseconds kReplacedCheck{10};
 
    bool attach() {
       release();
@@ -149,20 +152,27 @@ class DockReader {
       for (uint32_t round = 0;; ++round) {
          if (!current() && (!wanted_ || round >= kReattachRounds || !reattach())) return R{};
          try {
-            return read();
+            R result = read();
+            // Nothing found may be the old files' answer: made sure of at once.
+            if (result || !restarted(true)) return result;
          } catch (const WriterRestarted& e) {
             SPOOR_TRACE(trace(), 5, "{} writer restarted: {}; re-attaching", name_, e.what());
          } catch (const Loom::CorruptionException& e) {
-            if (!restarted()) throw;
+            if (!restarted(true)) throw;
             SPOOR_TRACE(trace(), 5, "{} writer restarted: {}; re-attaching", name_, e.what());
          }
          release();
       }
    }
-   bool current() const { return attached() && !restarted(); }
-   // The files mapped are no longer the writer's: re-stamped, or replaced.
-   bool restarted() const {
+   bool current() { return attached() && !restarted(); }
+   // The files mapped are no longer the writer's: re-stamped (a word in the mapping, checked on
+   // every read), or replaced (the slot file unlinked: a system call, so made at most every
+   // kReplacedCheck, and on every read that failed).
+   bool restarted(bool failed = false) {
       if (writerRestarted(relume_, *header_, nullptr)) return true;
+      const auto now = std::chrono::steady_clock::now();
+      if (!failed && now - replacedChecked_ < kReplacedCheck) return false;
+      replacedChecked_ = now;
       struct stat st {};
       return ::fstat(slotsFile_->fd(), &st) == 0 && st.st_nlink == 0;
    }
@@ -238,6 +248,7 @@ class DockReader {
    uint32_t relume_ = 0;
    uint64_t events_ = 0;
    uint64_t reattaches_ = 0;
+   std::chrono::steady_clock::time_point replacedChecked_{};
    bool wanted_ = false;  // attach() called and detach() not since: reads re-attach
    std::string status_;
 };

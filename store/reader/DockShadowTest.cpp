@@ -710,6 +710,8 @@ TEST(DockReader, ReadsThroughAKilledWritersRestartAndRemoval) {
       Writer w(DockTest::tableConfig());
       w.initialize(name);
       for (uint64_t k = 1; k <= 20; ++k) w.write(Value(k, 2, 40));
+      // Replaced files are noticed by the next read that finds nothing, else within this.
+      if (removed) std::this_thread::sleep_for(Reader::kReplacedCheck);
       for (uint64_t k = 1; k <= 20; ++k) EXPECT_EQ(r.lookup(k), Value(k, 2, 40)) << k;
       EXPECT_EQ(r.reattaches(), 1u);
       EXPECT_EQ(r.relumeId(), w.relumeId());
