@@ -153,8 +153,7 @@ TEST(DecapRecords, ByteFormsReadBackAndDamagedBytesAreRefused) {
    padded[255] = 1;
    EXPECT_THROW(DecapGroupName::deserialize(padded.data()), Vela::Exception);
    auto empty = name;
-   empty[0] = 0;
-   empty[1] = empty[2] = 0;
+   empty[0] = empty[1] = empty[2] = 0;
    EXPECT_THROW(DecapGroupName::deserialize(empty.data()), Vela::Exception);
    EXPECT_THROW(DecapGroupName(Vela::String(256, 'x')), Vela::RangeException);
 }

@@ -118,9 +118,7 @@ TEST(MldpTunnelTableEntry, TruthEqualityAndOrderOfVias) {
 }
 
 TEST(MldpTunnelTableEntry, ByteAndTextFormsAreExact) {
-   MldpTunnelTableEntry e(mldpId(7), MulticastTreeId("abcde"));
-   e.viaIs(ViaIndex(0), via(1));
-   e.viaIs(ViaIndex(1), via(2));
+   const MldpTunnelTableEntry e = withVias(7, "abcde", {1, 2});
    ASSERT_EQ(e.serializeLen(), 173u);
    std::vector<uint8_t> buf(173, 0xEE);
    e.serialize(buf.data());
@@ -146,9 +144,7 @@ TEST(MldpTunnelTableEntry, ByteAndTextFormsAreExact) {
              uint32_t(room.size()));  // deserializeLen checks only the room
    EXPECT_THROW(back.deserialize(room.data(), uint32_t(room.size())), Vela::ArraySizeError);
 
-   MldpTunnelTableEntry t(mldpId(1), MulticastTreeId("t"));
-   t.viaIs(ViaIndex(0), via(1));
-   EXPECT_EQ(valueToStrep(t),
+   EXPECT_EQ(valueToStrep(withVias(1, "t", {1})),
              "Value('Tunnel::TunnelTable::MldpTunnelTableEntry', ** {'tunnelId': " +
                  valueToStrep(mldpId(1)) +
                  ", 'mcastTreeId': Value('Routing::Multicast::MulticastTreeId', ** {'text': "

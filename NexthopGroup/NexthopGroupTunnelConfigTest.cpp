@@ -132,9 +132,7 @@ TEST(NexthopGroupConfigProcess, AReaderFollowsTheWriterKeyByKey) {
       auto config =
           TunnelTable::mountStoreEntity<Config>(*service, kNexthopGroupConfigPath, true, loop);
       if (!mounted.send() || !go.receive()) return 3;
-      config->entryIs(entry(1));
-      config->entryIs(entry(2));
-      config->entryIs(entry(3));
+      for (const uint32_t n : {1u, 2u, 3u}) config->entryIs(entry(n));
       if (!go.receive()) return 4;
       config->entryIs(entry(1));      // unchanged: nothing reaches the reader
       config->entryIs(entry(2, 99));  // replaced

@@ -6,7 +6,6 @@
 // writer killed and replaced midway.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <functional>
 #include <map>
@@ -82,35 +81,27 @@ struct OrderChecker : Vela::Entity::Notifiee {
 // child answering on `done` after each.
 struct ChildWriter {
    using Step = std::function<void(const TunnelTableMounter&)>;
-   pid_t start(const std::vector<Step>& steps) {
-      if (::pipe(done) != 0 || ::pipe(go) != 0) return -1;
-      return pid = Testing::forkChild([this, steps] {
-                Loom::EventLoop loop;
-                auto service = Vela::makePtr<Vault::MountService>();
-                TunnelTableMounter mounter(service, loop);
-                char c = 0;
-                for (const Step& step : steps) {
-                   step(mounter);
-                   loop.runOnce(std::chrono::milliseconds(0));
-                   if (::write(done[1], &c, 1) != 1 || ::read(go[0], &c, 1) != 1) return 3;
-                }
-                for (;;) loop.runOnce(std::chrono::milliseconds(50));
-             });
+   void start(const std::vector<Step>& steps) {
+      done.emplace(), go.emplace();
+      pid = Testing::forkChild([this, steps] {
+         Loom::EventLoop loop;
+         auto service = Vela::makePtr<Vault::MountService>();
+         TunnelTableMounter mounter(service, loop);
+         for (const Step& step : steps) {
+            step(mounter);
+            loop.runOnce(std::chrono::milliseconds(0));
+            if (!done->send() || !go->receive(std::chrono::minutes(10))) return 3;
+         }
+         for (;;) loop.runOnce(std::chrono::milliseconds(50));
+      });
    }
-   bool stepDone() {
-      char c;
-      return ::read(done[0], &c, 1) == 1;
-   }
-   void next() {
-      char c = 0;
-      ASSERT_EQ(::write(go[1], &c, 1), 1);
-   }
+   bool stepDone() { return done->receive(std::chrono::minutes(10)); }
+   void next() { ASSERT_TRUE(go->send()); }
    void kill() {
       ::kill(pid, SIGKILL);
       Testing::waitChild(pid);
-      for (int fd : {done[0], done[1], go[0], go[1]}) ::close(fd);
    }
-   int done[2], go[2];
+   std::optional<Testing::Pipe> done, go;
    pid_t pid = -1;
 };
 

@@ -4,7 +4,6 @@
 // TunnelRedistConfigTest.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <map>
 #include <random>

@@ -1,7 +1,6 @@
 // The redistribution configuration: its values' text and byte forms, its entries, and the config
 // published by one process and read by another.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <map>
 

@@ -4,7 +4,6 @@
 // holds every candidate class of every endpoint with its tunnels.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <map>
 #include <random>

@@ -177,12 +177,10 @@ TEST(ColoredTunnelEndpointTest, ByteFormIsPrefixColorFlagAndZeroPaddingAndHashed
    }
 
    CteBytes bad = kGolden;
-   bad[28] = 2;
-   EXPECT_THROW(ColoredTunnelEndpoint::deserialize(bad.data()), ByteFormatError);
-   for (int pad : {29, 30, 31}) {
+   for (const int at : {28, 29, 30, 31}) {  // the flag byte 2, a padding byte 1
       bad = kGolden;
-      bad[pad] = 1;
-      EXPECT_THROW(ColoredTunnelEndpoint::deserialize(bad.data()), ByteFormatError) << pad;
+      bad[at] = at == 28 ? 2 : 1;
+      EXPECT_THROW(ColoredTunnelEndpoint::deserialize(bad.data()), ByteFormatError) << at;
    }
    bad = kGolden;
    bad[20] = 33;  // an IPv4 prefix length of 33

@@ -6,8 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
+#include <optional>
 #include <set>
 #include <type_traits>
 #include <vector>
@@ -41,14 +40,10 @@ class Recorder : public Vela::Entity::Notifiee {
    void onAttribute(Vela::AttributeId attr, const void* key) override {
       events.emplace_back(attr.value, key ? static_cast<const TunnelId*>(key)->value() : 0);
    }
-   size_t count(Vela::AttributeId attr, const TunnelId& key) const {
+   // Those of `attr`, and of `key` if given.
+   size_t count(Vela::AttributeId attr, std::optional<TunnelId> key = {}) const {
       size_t n = 0;
-      for (const auto& [a, k] : events) n += (a == attr.value && k == key.value());
-      return n;
-   }
-   size_t count(Vela::AttributeId attr) const {
-      size_t n = 0;
-      for (const auto& [a, k] : events) n += (a == attr.value);
+      for (const auto& [a, k] : events) n += (a == attr.value && (!key || k == key->value()));
       return n;
    }
    std::vector<std::pair<uint32_t, uint64_t>> events;
@@ -100,9 +95,7 @@ class TunnelTableFamilyTest : public ::testing::Test {
    }
    static TunnelId key(uint64_t index) { return TunnelEntryKey()(make(index, 0)); }
    static const TunnelTableType& type() { return M::type(); }
-   std::string path() const {
-      return std::string("tunnel/table/") + "t" + std::to_string(int(type().tableId));
-   }
+   std::string path() const { return "tunnel/table/t" + std::to_string(int(type().tableId)); }
 
    Vela::Ptr<Table> writerTable() {
       auto table = M::factory("writer");
@@ -110,7 +103,6 @@ class TunnelTableFamilyTest : public ::testing::Test {
       table->notifieeAdd(&recorder_);
       return table;
    }
-   ~TunnelTableFamilyTest() override = default;
 
    Testing::TempRoot root_;
    Loom::EventLoop loop_;

@@ -19,17 +19,15 @@ namespace {
 TEST(ProcessStart, RunningProcessesHaveOneEndedAndZombieOnesNone) {
    const unsigned long long self = Region::processStartTime(::getpid());
    EXPECT_GT(self, 0u);
-   int ready[2];
-   ASSERT_EQ(::pipe(ready), 0);
+   Testing::Pipe ready;
    const pid_t child = Testing::forkChild([&] {
       // Blanks and parentheses in the command name: fields count from its last ')'.
       ::prctl(PR_SET_NAME, "a) 1 2 (b");
-      if (::write(ready[1], "r", 1) != 1) return 1;
+      if (!ready.send()) return 1;
       ::pause();
       return 0;
    });
-   char c = 0;
-   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+   ASSERT_TRUE(ready.receive());
    EXPECT_GE(Region::processStartTime(child), self);
    ::kill(child, SIGKILL);
    // Killed but not reaped: a zombie has ended all the same.
@@ -41,8 +39,6 @@ TEST(ProcessStart, RunningProcessesHaveOneEndedAndZombieOnesNone) {
    EXPECT_EQ(zombie, 0u);
    EXPECT_EQ(Testing::waitChild(child), 128 + SIGKILL);
    EXPECT_EQ(Region::processStartTime(child), 0u);
-   ::close(ready[0]);
-   ::close(ready[1]);
 }
 
 TEST(OwnerFile, TextNamesThisProcessAndParsesBack) {
@@ -68,19 +64,14 @@ TEST(OwnerFile, TextNamesThisProcessAndParsesBack) {
 
 TEST(OwnerFile, ProcessesContendAndACrashedOwnerIsTakenOver) {
    Testing::TempRoot root;
-   int ready[2];
-   ASSERT_EQ(::pipe(ready), 0);
+   Testing::Pipe ready;
    pid_t holder = Testing::forkChild([&] {
       auto owner = Region::OwnerFile::acquire(root.path());
-      char c = 'r';
-      if (::write(ready[1], &c, 1) != 1) return 2;
+      if (!ready.send()) return 2;
       ::pause();  // until killed
       return 0;
    });
-   char c = 0;
-   ASSERT_EQ(::read(ready[0], &c, 1), 1);
-   ::close(ready[0]);
-   ::close(ready[1]);
+   ASSERT_TRUE(ready.receive());
 
    // Refused while the holder lives, naming it.
    EXPECT_EQ(
