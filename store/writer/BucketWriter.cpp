@@ -119,6 +119,7 @@ void BucketWriter::beginResize(uint32_t newCount, CriticalYield* yield) {
    if (file_->fileSize() < size) {
       file_->resize(size);
       map();
+      if (yield) yield->afterUncutPiece();
    }
    reserveMirror(newCount, yield);
    for (uint32_t i = numBuckets_; i < newCount; ++i) {

@@ -36,6 +36,14 @@ class CriticalYield {
          start_ = Loom::Clock::ticks();
       }
    }
+   // After a piece that cannot be cut (resizing a mapped file: ftruncate and mremap, which may
+   // move the mapping): the pending tasks run now, so that the gap such a piece makes is the
+   // piece itself, never the piece on top of a budget already nearly spent.
+   void afterUncutPiece() {
+      if (!enabled_) return;
+      if (Loom::runPendingCriticalTasks() > 0) ++yields_;
+      start_ = Loom::Clock::ticks();
+   }
    // Budgets that ran out, plus the start if tasks were pending then.
    uint64_t yields() const { return yields_; }
 
