@@ -41,6 +41,7 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -113,14 +114,23 @@ struct Shared {
 };
 
 void futexWait(std::atomic<uint32_t>& w, uint32_t v) {
-   ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&w), FUTEX_WAIT, v, nullptr, nullptr, 0);
+   const timespec second{1, 0};
+   ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&w), FUTEX_WAIT, v, &second, nullptr, 0);
 }
 void futexWake(std::atomic<uint32_t>& w) {
    ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&w), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
-// Waits until `w` differs from `v`.
-void awaitChange(std::atomic<uint32_t>& w, uint32_t v) {
-   while (w.load(std::memory_order_acquire) == v) futexWait(w, v);
+// Waits until `w` differs from `v`; a wait of over 10 s names `what` and ends the program, rather
+// than hang: the other side never got what it waits for.
+void awaitChange(std::atomic<uint32_t>& w, uint32_t v, const char* what = "ack", int round = -1) {
+   const auto start = std::chrono::steady_clock::now();
+   while (w.load(std::memory_order_acquire) == v) {
+      futexWait(w, v);
+      if (std::chrono::steady_clock::now() - start > std::chrono::seconds(10)) {
+         std::fprintf(stderr, "NotifyLatency: no %s of round %d after 10 s\n", what, round);
+         std::abort();
+      }
+   }
 }
 void bump(std::atomic<uint32_t>& w) {
    w.fetch_add(1, std::memory_order_release);
@@ -201,9 +211,16 @@ int readerProcess(Shared* sh, const std::string& stampDir, int bareFd) {
    Bench::Mounted agent;
    Loom::EventLoop& loop = agent.loop;
    agent.loop.fdHandlerIs(bareFd, EPOLLIN, [&](uint32_t) {
-      record(sh, kBare, sh->round.load(std::memory_order_acquire));
+      const int round = sh->round.load(std::memory_order_acquire);
+      record(sh, kBare, round);
       char byte;
       while (::recv(bareFd, &byte, 1, MSG_DONTWAIT) == 1) {
+      }
+      // The ack may have started the next round, and its datagram may be among those just
+      // drained, which would leave no wake for it: record it now (as the store's readers look at
+      // their queue again after draining their wake socket).
+      if (const int next = sh->round.load(std::memory_order_acquire); next != round) {
+         record(sh, kBare, next);
       }
    });
    Shadow stamps("latency", stampDir, loop);
@@ -275,7 +292,7 @@ void NotifyLatency(benchmark::State& state) {
          } else {
             ldp->entryIs(entry);
          }
-         awaitChange(sh->ack, ack);
+         awaitChange(sh->ack, ack, kKindNames[kind], r);
       }
       sh->round.store(kRounds, std::memory_order_release);
    }

@@ -136,10 +136,10 @@ TEST(DeepValidate, ConsistentTablePassesAndEveryFindingIsReachedOnADamagedTable)
         [](Table& t) {
            Tessel::SlabWriter extra(t.slabs->slabPath(20), t.slabs->config().entrySize(20), 7);
            extra.create();
-           extra.header()->version = 3;
+           extra.header()->version = 4;
         },
-        "slab.20::validateUnattached, validation failed on an empty slab, reason: bad version: 3 "
-        "wanted: 2",
+        "slab.20::validateUnattached, validation failed on an empty slab, reason: bad version: 4 "
+        "wanted: 3",
         true},
    };
    Testing::TempRoot root;

@@ -191,7 +191,7 @@ static_assert(sizeof(Slot) == kSlotSize);
 //
 //   offset  width  field
 //        0      8  magic          "TESSLSLB" (0x424c534c53534554)
-//        8      4  version        2 (the 16-byte entry header)
+//        8      4  version        3 (the 16-byte entry header; the check of EntryCheck.h)
 //       12      4  relume
 //       16      4  resizeCounter  changed on every resize; version word of the header copy
 //       20      4  numEntries
@@ -200,7 +200,7 @@ static_assert(sizeof(Slot) == kSlotSize);
 //       32      4  hash           4-byte hash of entrySize
 //       36      4  freeList       first free entry, kNone when none is free
 constexpr uint64_t kSlabMagic = 0x424c534c53534554ull;  // "TESSLSLB"
-constexpr uint32_t kSlabVersion = 2;
+constexpr uint32_t kSlabVersion = 3;
 constexpr uint32_t kSlabHeaderSize = 40;
 
 struct SlabHeader {

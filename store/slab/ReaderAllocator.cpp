@@ -39,7 +39,7 @@ int64_t ReaderAllocator::copy(Offset offset, uint8_t* out, uint32_t maxLen, Copi
    entry.stored = e->check.load(std::memory_order_relaxed);
    EntryCheck check(size, entry.clientData);
    Dock::copyFromSharedFolding(out, payloadOf(*e), std::min<uint32_t>(uint32_t(size), maxLen),
-                               [&check](uint64_t w) { check.fold(w); });
+                               check);
    entry.computed = check.value();
    return size;
 }

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -64,13 +65,13 @@ TEST(LinearSizeConfig, ClassBoundariesAndEveryClassHoldsItsWholeRange) {
 // The entry check pinned on golden inputs (computed independently of this code), and the
 // guarantee it is built for: any one flipped payload bit changes it; the copy pass agrees.
 TEST(EntryCheck, GoldenValuesAndEveryFlippedBitChangesIt) {
-   std::vector<uint8_t> bytes(21);
+   std::vector<uint8_t> bytes(45);
    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 37 + 1);
    using C = std::tuple<uint32_t, uint32_t, uint64_t>;  // size, client, check
    for (const auto& [size, client, check] :
-        {C{0, 0, 0x109a3608dc7f50ffull}, C{0, 7, 0x00efa48f1e2491faull},
-         C{8, 7, 0x07ae972e7cece185ull}, C{21, 7, 0x1e0686b7da7f6fe2ull},
-         C{21, kNone, 0x97e3943cc6a87dc0ull}}) {
+        {C{0, 0, 0x666407bf02a8a4a2ull}, C{0, 7, 0x1b5cdeb0882e2783ull},
+         C{8, 7, 0x8b3a4fb39d249ac4ull}, C{21, 7, 0x4b5e8da2205a477dull},
+         C{45, 7, 0x10b5f84d3246866aull}, C{45, kNone, 0x169005b2ad8d8ebeull}}) {
       EXPECT_EQ(Tessel::entryCheck(bytes.data(), size, client), check) << size;
       EXPECT_NE(Tessel::entryCheck(bytes.data(), size, client ^ 0x100), check) << size;
       for (uint32_t bit = 0; bit < size * 8; ++bit) {
@@ -78,11 +79,18 @@ TEST(EntryCheck, GoldenValuesAndEveryFlippedBitChangesIt) {
          flipped[bit / 8] ^= uint8_t(1u << (bit % 8));
          ASSERT_NE(Tessel::entryCheck(flipped.data(), size, client), check) << bit;
       }
-      Tessel::EntryCheck folded(int32_t(size), client);
-      std::vector<uint8_t> shared(24);  // copied to an unaligned address, folding as it goes
-      Dock::copyToSharedFolding(shared.data() + 1, bytes.data(), size,
-                                [&](uint64_t w) { folded.fold(w); });
-      EXPECT_EQ(folded.value(), check) << size;
+      // The copy passes agree: word blocks at an aligned address, bytes at an unaligned one.
+      uint64_t shared[7] = {};
+      for (const size_t at : {size_t(0), size_t(1)}) {
+         auto* dst = reinterpret_cast<uint8_t*>(shared) + at;
+         Tessel::EntryCheck in(int32_t(size), client), out(int32_t(size), client);
+         Dock::copyToSharedFolding(dst, bytes.data(), size, in);
+         std::vector<uint8_t> back(size);
+         Dock::copyFromSharedFolding(back.data(), dst, size, out);
+         EXPECT_EQ(in.value(), check) << size << " at " << at;
+         EXPECT_EQ(out.value(), check) << size << " at " << at;
+         EXPECT_TRUE(std::equal(back.begin(), back.end(), bytes.begin())) << size;
+      }
    }
 }
 
@@ -100,9 +108,9 @@ TEST(SlabHeader, FormatBytesStringAndEveryValidationFailure) {
    // version, relume, resize counter, numEntries, numOccupied, entrySize, hash, freeList
    std::vector<uint32_t> words(8);
    std::memcpy(words.data(), p + 8, 32);
-   EXPECT_EQ(words, (std::vector<uint32_t>{2, 5, 0, 8, 0, 64, Vela::oneAtATimeOf(64u), kNone}));
+   EXPECT_EQ(words, (std::vector<uint32_t>{3, 5, 0, 8, 0, 64, Vela::oneAtATimeOf(64u), kNone}));
    EXPECT_EQ(Tessel::slabHeaderString(*b.header()),
-             "magic:424c534c53534554 version:2 relume:5 numEntries:8 entrySize:64 "
+             "magic:424c534c53534554 version:3 relume:5 numEntries:8 entrySize:64 "
              "freeList:4294967295");
    std::string reason;
    EXPECT_TRUE(Tessel::validateSlabHeader(*b.header(), 40 + 8 * 64, 5, reason)) << reason;
@@ -119,7 +127,7 @@ TEST(SlabHeader, FormatBytesStringAndEveryValidationFailure) {
         "bad file size:68719476736"},
        {[](SlabHeader* h, size_t&, uint32_t&) { h->magic = 0x1234; },
         "bad magic: 1234 wanted: 424c534c53534554"},
-       {[](SlabHeader* h, size_t&, uint32_t&) { h->version = 1; }, "bad version: 1 wanted: 2"},
+       {[](SlabHeader* h, size_t&, uint32_t&) { h->version = 1; }, "bad version: 1 wanted: 3"},
        {[](SlabHeader*, size_t&, uint32_t& w) { w = 6; }, "bad relume:5 wanted:6"},
        {[](SlabHeader* h, size_t&, uint32_t&) { h->hash ^= 1; },
         fmt::format("checksum fail: {:x} != {:x}", Vela::oneAtATimeOf(64u),

@@ -109,6 +109,9 @@ class SlabWriter {
    const Region::MappedFile& file() const { return file_; }
 
   private:
+   // Starts the cache misses of the next allocation's stores into entry `e`, just freed, which
+   // held `payload` bytes.
+   void prefetchForReuse(const SlabEntryHeader* e, uint32_t payload) const;
    SlabEntryHeader* entry(uint32_t index) const {
       return reinterpret_cast<SlabEntryHeader*>(entryAt(file_.data(), entrySize_, index));
    }

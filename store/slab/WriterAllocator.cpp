@@ -172,7 +172,7 @@ SlabValue WriterAllocator::store(uint32_t client, const uint8_t* bytes, uint32_t
    SlabEntryHeader* entry = slabs_[offset.slab()]->getEntry(offset.index());
    EntryCheck check(int32_t(length), client);
    Dock::copyToSharedFolding(reinterpret_cast<uint8_t*>(entry) + Dock::kSlabEntryHeaderSize, bytes,
-                             length, [&check](uint64_t w) { check.fold(w); });
+                             length, check);
    entry->check.store(check.value(), std::memory_order_relaxed);
    entry->clientData.store(client, std::memory_order_relaxed);
    // Release: a reader that sees this size (acquire) sees the payload, check and clientData.
