@@ -87,12 +87,6 @@ Vela::String MplsVia::dumpLine(int indent) const {
    return dumpIndent(indent) + stringValue() + "\n";
 }
 
-void MplsVia::serialize(uint8_t* out) const noexcept {
-   nextHop_.serialize(out);
-   intfId_.serialize(out + 20);
-   labels_.serialize(out + 28);
-}
-
 MplsVia MplsVia::deserializeChecked(const uint8_t* in) {
    return MplsVia(Wirekit::IpGenAddr::deserialize(in), Wirekit::IntfId::deserialize(in + 20),
                   Wirekit::MplsLabelOperation::deserialize(in + 28));

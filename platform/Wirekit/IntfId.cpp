@@ -236,10 +236,6 @@ uint32_t IntfId::hash() const noexcept {
    return Vela::oneAtATimeOf(code_);
 }
 
-void IntfId::serialize(uint8_t* out) const noexcept {
-   ByteForm::storeLe<uint64_t>(out, code_);
-}
-
 IntfId DynamicTunnelIntfId::tunnelIdToIntfId(uint64_t tunnelIdValue) {
    if (tunnelIdValue > kMaxTunnelIdValue) {
       throw Vela::RangeException::forType("Wirekit::DynamicTunnelIntfId", "tunnelId", "minTunnelId",

@@ -82,7 +82,7 @@ class IntfId {
    // One-at-a-time over the 8 code bytes, least significant first.
    uint32_t hash() const noexcept;
 
-   void serialize(uint8_t* out) const noexcept;
+   void serialize(uint8_t* out) const noexcept { ByteForm::storeLe<uint64_t>(out, code_); }
    // Reads exactly kSerializedSize bytes; throws FormatError on a code no interface has.
    static IntfId deserialize(const uint8_t* in) {
       const auto code = ByteForm::loadLe<uint64_t>(in);

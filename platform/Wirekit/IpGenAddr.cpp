@@ -83,11 +83,6 @@ std::string IpGenAddr::stringValue() const {
    return std::string(s);
 }
 
-void IpGenAddr::serialize(uint8_t* out) const noexcept {
-   ByteForm::storeLe<uint32_t>(out, static_cast<uint32_t>(family_));
-   std::memcpy(out + 4, bytes_.data(), bytes_.size());
-}
-
 IpGenAddr IpGenAddr::deserializeChecked(const uint8_t* in) {
    const auto family = ByteForm::loadLe<uint32_t>(in);
    IpGenAddr a;

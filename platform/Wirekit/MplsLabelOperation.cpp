@@ -100,16 +100,6 @@ std::string MplsLabelOperation::stringValue() const {
    return MplsText::format(pops_, labels());
 }
 
-void MplsLabelOperation::serialize(uint8_t* out) const noexcept {
-   out[0] = kind_;
-   out[1] = count_;
-   out[2] = pops_;
-   out[3] = 0;
-   for (size_t i = 0; i < kMaxLabels; ++i) {
-      ByteForm::storeLe<uint32_t>(out + 4 + 4 * i, labels_[i]);
-   }
-}
-
 MplsLabelOperation MplsLabelOperation::deserializeChecked(const uint8_t* in) {
    const unsigned kind = in[0];
    const unsigned count = in[1];
