@@ -25,19 +25,81 @@ struct NoFold {
 
 namespace Detail {
 
-inline void storeWord(uint8_t* dst, uint64_t w) {
-   std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t*>(dst)).store(w, std::memory_order_relaxed);
+// The accesses of one copy: relaxed atomics on the shared side, plain ones on the private side.
+template <bool kShared>
+inline uint64_t readWord(const uint8_t* src) {
+   if constexpr (kShared) {
+      return std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t*>(const_cast<uint8_t*>(src)))
+          .load(std::memory_order_relaxed);
+   } else {
+      uint64_t w;
+      std::memcpy(&w, src, 8);
+      return w;
+   }
+}
+template <bool kShared>
+inline void writeWord(uint8_t* dst, uint64_t w) {
+   if constexpr (kShared) {
+      std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t*>(dst))
+          .store(w, std::memory_order_relaxed);
+   } else {
+      std::memcpy(dst, &w, 8);
+   }
+}
+template <bool kShared>
+inline uint8_t readByte(const uint8_t* src) {
+   if constexpr (kShared) {
+      return std::atomic_ref<uint8_t>(*const_cast<uint8_t*>(src)).load(std::memory_order_relaxed);
+   } else {
+      return *src;
+   }
+}
+template <bool kShared>
+inline void writeByte(uint8_t* dst, uint8_t b) {
+   if constexpr (kShared) {
+      std::atomic_ref<uint8_t>(*dst).store(b, std::memory_order_relaxed);
+   } else {
+      *dst = b;
+   }
 }
 
-inline uint64_t loadWord(const uint8_t* src) {
-   return std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t*>(const_cast<uint8_t*>(src)))
-       .load(std::memory_order_relaxed);
-}
-
-inline uint64_t privateWord(const uint8_t* src) {
-   uint64_t w;
-   std::memcpy(&w, src, 8);
-   return w;
+// Copies `len` bytes into shared memory (kToShared: dst is shared) or out of it (src is shared),
+// folding them into `fold`. Words while the shared address allows, four at a time, then bytes.
+template <bool kToShared, class Fold>
+inline void copyFolding(uint8_t* dst, const uint8_t* src, size_t len, Fold& fold) {
+   constexpr bool kFromShared = !kToShared;
+   const void* shared = kToShared ? static_cast<const void*>(dst) : src;
+   size_t i = 0;
+   if ((reinterpret_cast<uintptr_t>(shared) & 7) == 0) {
+      for (; i + 32 <= len; i += 32) {
+         const uint64_t a = readWord<kFromShared>(src + i), b = readWord<kFromShared>(src + i + 8),
+                        c = readWord<kFromShared>(src + i + 16),
+                        d = readWord<kFromShared>(src + i + 24);
+         writeWord<kToShared>(dst + i, a);
+         writeWord<kToShared>(dst + i + 8, b);
+         writeWord<kToShared>(dst + i + 16, c);
+         writeWord<kToShared>(dst + i + 24, d);
+         fold.fold4(a, b, c, d);
+      }
+      for (; i + 8 <= len; i += 8) {
+         const uint64_t w = readWord<kFromShared>(src + i);
+         writeWord<kToShared>(dst + i, w);
+         fold.fold(w);
+      }
+   }
+   uint64_t w = 0;
+   unsigned n = 0;
+   for (; i < len; ++i) {
+      const uint8_t b = readByte<kFromShared>(src + i);
+      writeByte<kToShared>(dst + i, b);
+      w |= uint64_t(b) << (8 * n);
+      if (++n == 8) {
+         fold.fold(w);
+         w = 0;
+         n = 0;
+      }
+   }
+   if (n != 0) fold.fold(w);
 }
 
 }  // namespace Detail
@@ -45,72 +107,14 @@ inline uint64_t privateWord(const uint8_t* src) {
 // Copies `len` bytes into shared memory (dst), folding them into `fold`.
 template <class Fold>
 inline void copyToSharedFolding(uint8_t* dst, const uint8_t* src, size_t len, Fold& fold) {
-   size_t i = 0;
-   if ((reinterpret_cast<uintptr_t>(dst) & 7) == 0) {
-      for (; i + 32 <= len; i += 32) {
-         const uint64_t a = Detail::privateWord(src + i), b = Detail::privateWord(src + i + 8),
-                        c = Detail::privateWord(src + i + 16),
-                        d = Detail::privateWord(src + i + 24);
-         Detail::storeWord(dst + i, a);
-         Detail::storeWord(dst + i + 8, b);
-         Detail::storeWord(dst + i + 16, c);
-         Detail::storeWord(dst + i + 24, d);
-         fold.fold4(a, b, c, d);
-      }
-      for (; i + 8 <= len; i += 8) {
-         const uint64_t w = Detail::privateWord(src + i);
-         Detail::storeWord(dst + i, w);
-         fold.fold(w);
-      }
-   }
-   uint64_t w = 0;
-   unsigned n = 0;
-   for (; i < len; ++i) {
-      std::atomic_ref<uint8_t>(dst[i]).store(src[i], std::memory_order_relaxed);
-      w |= uint64_t(src[i]) << (8 * n);
-      if (++n == 8) {
-         fold.fold(w);
-         w = 0;
-         n = 0;
-      }
-   }
-   if (n != 0) fold.fold(w);
+   Detail::copyFolding<true>(dst, src, len, fold);
 }
 
 // The same out of shared memory (src, possibly mapped read-only: atomic loads of lock-free types
 // do not write).
 template <class Fold>
 inline void copyFromSharedFolding(uint8_t* dst, const uint8_t* src, size_t len, Fold& fold) {
-   auto* s = const_cast<uint8_t*>(src);
-   size_t i = 0;
-   if ((reinterpret_cast<uintptr_t>(src) & 7) == 0) {
-      for (; i + 32 <= len; i += 32) {
-         const uint64_t a = Detail::loadWord(src + i), b = Detail::loadWord(src + i + 8),
-                        c = Detail::loadWord(src + i + 16), d = Detail::loadWord(src + i + 24);
-         std::memcpy(dst + i, &a, 8);
-         std::memcpy(dst + i + 8, &b, 8);
-         std::memcpy(dst + i + 16, &c, 8);
-         std::memcpy(dst + i + 24, &d, 8);
-         fold.fold4(a, b, c, d);
-      }
-      for (; i + 8 <= len; i += 8) {
-         const uint64_t w = Detail::loadWord(src + i);
-         std::memcpy(dst + i, &w, 8);
-         fold.fold(w);
-      }
-   }
-   uint64_t w = 0;
-   unsigned n = 0;
-   for (; i < len; ++i) {
-      dst[i] = std::atomic_ref<uint8_t>(s[i]).load(std::memory_order_relaxed);
-      w |= uint64_t(dst[i]) << (8 * n);
-      if (++n == 8) {
-         fold.fold(w);
-         w = 0;
-         n = 0;
-      }
-   }
-   if (n != 0) fold.fold(w);
+   Detail::copyFolding<false>(dst, src, len, fold);
 }
 
 // dst is shared memory.
