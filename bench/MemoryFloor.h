@@ -1,12 +1,12 @@
 // MemoryFloor: the memory cost a writer's replacement cannot go below, measured over private copies
 // of the regions it touches, with the same sizes, page kinds and geometry, doing no other work.
 //
-// A replacement of a key that heads its bucket chain (load <= 1: most keys) misses the cache on
-// four lines at random, every other line it touches being hot (headers, the lookaside, the intent
-// word, the herald's ring position, and the new slab entry, which is the one the previous
-// replacement freed):
-//   1. the bucket head in the writer's private mirror (8 bytes a bucket, 2 MiB pages), whose slot
-//      index and prefetch hint name the three below;
+// A replacement of a key first or second in its bucket chain (load <= 1: nine keys in ten)
+// misses the cache on four lines at random, every other line it touches being hot (headers, the
+// lookaside, the intent word, the herald's ring position, and the new slab entry, which is the
+// one the previous replacement freed):
+//   1. the bucket's chain start in the writer's private mirror (32 bytes a bucket, 2 MiB pages),
+//      whose slot index and prefetch hint name the three below;
 //   2. the slot in the shared slot file (24 bytes, 4 KiB pages), stored to;
 //   3. the slot's private record (key, hash, link, hint; 2 MiB pages), compared and stored to;
 //   4. the header of the slab entry holding the old value (4 KiB pages), stored to when freed.
@@ -32,6 +32,7 @@
 #include "store/format/SlotTable.h"
 #include "store/slab/LinearSizeConfig.h"
 #include "store/slab/Slab.h"
+#include "store/writer/BucketWriter.h"
 #include "store/writer/HugePageBuffer.h"
 
 namespace Bench {
@@ -78,7 +79,8 @@ class MemoryFloor {
       Head* heads = mirror_.as<Head>();
       for (uint32_t b = 0; b < r.buckets; ++b) {
          x = next(x);
-         heads[b] = Head{uint32_t((x >> 32) % r.slots), uint32_t(x % r.entries)};
+         heads[b].first = uint32_t((x >> 32) % r.slots);
+         heads[b].firstHint = uint32_t(x % r.entries);
       }
       std::memset(records_.data(), 0, records_.size());
       std::memset(slotFile_.data(), 0, slotFile_.size());
@@ -94,10 +96,8 @@ class MemoryFloor {
    const FloorRegions& regions() const { return r_; }
 
   private:
-   struct Head {
-      uint32_t slot;
-      uint32_t hint;
-   };
+   // The writer's chain start, of which the floor uses the first slot and its hint.
+   using Head = Dock::BucketWriter::ChainStart;
    static uint64_t next(uint64_t x) { return x * 0x9e3779b97f4a7c15ull + 0x632be59bd9b4e019ull; }
    static size_t recordChunks(const FloorRegions& r) {
       // As SlotWriterTable::Slots: 2^16 records a chunk, each chunk its own 2 MiB-rounded buffer.
@@ -122,10 +122,10 @@ class MemoryFloor {
       for (uint64_t i = 0; i < n; ++i) {
          x = next(x ^ carry);
          const Head h = heads[uint32_t(x >> 32) & mask];  // 1
-         Dock::Slot& s = slots[h.slot];                   // 2
-         uint8_t* rec = record(h.slot);                   // 3
+         Dock::Slot& s = slots[h.first];                  // 2
+         uint8_t* rec = record(h.first);                  // 3
          auto* e = reinterpret_cast<Dock::SlabEntryHeader*>(
-             Tessel::entryAt(slabFile_.data(), r_.entrySize, h.hint));  // 4
+             Tessel::entryAt(slabFile_.data(), r_.entrySize, h.firstHint));  // 4
          uint32_t recHash, recHint;
          std::memcpy(&recHash, rec + 4, 4);
          std::memcpy(&recHint, rec + r_.recordSize - 4, 4);

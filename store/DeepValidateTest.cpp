@@ -68,7 +68,7 @@ struct Table {
       slot(i).offset.store(stored.offset.value);
       slot(i).length.store(stored.length);
       slot(i).next.store(buckets.head(0));
-      buckets.headIs(0, i);
+      buckets.headIs(0, {i});
       slot(i).flags.store((slot(i).flags.load() + Dock::kWriteStep) | Dock::kOccupied);
       header()->occupiedSlots.fetch_add(1);
       return i;

@@ -54,19 +54,19 @@ void BucketWriter::map() {
 void BucketWriter::reserveMirror(uint32_t count, CriticalYield* yield) {
    if (count <= mirrorCapacity_) return;
    // Huge pages once the mirror is large enough to be worth a 2 MiB page.
-   const size_t bytes = size_t(count) * sizeof(MirrorHead);
+   const size_t bytes = size_t(count) * sizeof(ChainStart);
    HugePageBuffer grown(bytes, bytes >= HugePageBuffer::kHugePage / 2);
    // Copied in pieces: the copy faults in the new pages, a few milliseconds at a million heads.
    constexpr uint32_t kPiece = 1u << 15;
    for (uint32_t i = 0; mirror_ && i < numBuckets_; i += kPiece) {
-      std::memcpy(grown.as<MirrorHead>() + i, mirror_ + i,
-                  size_t(std::min(kPiece, numBuckets_ - i)) * sizeof(MirrorHead));
+      std::memcpy(grown.as<ChainStart>() + i, mirror_ + i,
+                  size_t(std::min(kPiece, numBuckets_ - i)) * sizeof(ChainStart));
       if (yield) yield->check();
    }
    mirrorBuffer_ = std::move(grown);
-   mirror_ = mirrorBuffer_.as<MirrorHead>();
+   mirror_ = mirrorBuffer_.as<ChainStart>();
    mirrorCapacity_ =
-       uint32_t(std::min<size_t>(mirrorBuffer_.size() / sizeof(MirrorHead), UINT32_MAX));
+       uint32_t(std::min<size_t>(mirrorBuffer_.size() / sizeof(ChainStart), UINT32_MAX));
 }
 
 void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t hashSeed,
@@ -97,7 +97,7 @@ void BucketWriter::create(const std::string& path, uint32_t relume, uint32_t has
    reserveMirror(numBuckets);
    for (uint32_t i = 0; i < numBuckets; ++i) {
       heads_[i].store(kNone, std::memory_order_relaxed);
-      mirror_[i] = MirrorHead{kNone, kNone};
+      mirror_[i] = ChainStart{};
    }
    numBuckets_ = numBuckets;
    header_->sizeWord.store(makeSizeWord(counter + 1, numBuckets), std::memory_order_release);
@@ -124,7 +124,7 @@ void BucketWriter::beginResize(uint32_t newCount, CriticalYield* yield) {
    reserveMirror(newCount, yield);
    for (uint32_t i = numBuckets_; i < newCount; ++i) {
       heads_[i].store(kNone, std::memory_order_relaxed);
-      mirror_[i] = MirrorHead{kNone, kNone};
+      mirror_[i] = ChainStart{};
       if (yield && i % 8192 == 8191) yield->check();
    }
    const uint64_t old = header_->sizeWord.load(std::memory_order_relaxed);

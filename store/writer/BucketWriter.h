@@ -14,11 +14,13 @@
 //
 // The writer reads heads from a private mirror (a HugePageBuffer) and stores every change to both:
 // the lookup of a replacement reads one head at random, and the shared mapping, on 4 KiB pages,
-// added a TLB miss to that cache miss. Next to each head the mirror keeps the head slot's value
-// Offset word as a prefetch hint, so that a replacement can start on the slot's old slab entry
-// (a page walk and a miss of their own) at the same time as on the slot and its record, instead
-// of after them. Readers still see every head through the file, with the same release stores as
-// before; the mirror is never read by anyone else.
+// added a TLB miss to that cache miss. The mirror keeps more than the file: the first two slots of
+// each chain (at a load of one, about a third of the keys are second in their chain, a tenth
+// further down), each with its value Offset word as a prefetch hint. A replacement can then start
+// on the slot, its record and its old slab entry (a page walk and a miss of their own) all at
+// once, instead of finding the second key only after the first key's record arrives. Readers still
+// see every head through the file, with the same release stores as before; the mirror is never
+// read by anyone else, and its hints are only ever prefetched.
 #pragma once
 
 #include <atomic>
@@ -64,20 +66,47 @@ class BucketWriter {
    bool attached() const { return header_ != nullptr; }
 
    uint32_t numBuckets() const { return numBuckets_; }
-   // The writer's own view of a head (its private mirror), and the hint kept with it: the head
-   // slot's value Offset word when last told, kNone when not known. Only ever prefetched.
-   uint32_t head(uint32_t bucket) const { return mirror_[bucket].slot; }
-   uint32_t headHint(uint32_t bucket) const { return mirror_[bucket].hint; }
-   void headHintIs(uint32_t bucket, uint32_t hint) { mirror_[bucket].hint = hint; }
+
+   // The writer's own view of the start of a chain: its head (the same as the file's) and the
+   // slot after it (kNone: none), each with its value Offset word when last told (kNone when not
+   // known) and its key hash.
+   // With each slot's key hash, a replacement starts on the one slot its key can be in. 32
+   // bytes, so that no chain start straddles two cache lines.
+   struct alignas(32) ChainStart {
+      uint32_t first = kNone;
+      uint32_t firstHint = kNone;
+      uint32_t firstHash = 0;
+      uint32_t second = kNone;
+      uint32_t secondHint = kNone;
+      uint32_t secondHash = 0;
+   };
+   const ChainStart& chainStart(uint32_t bucket) const { return mirror_[bucket]; }
+   uint32_t head(uint32_t bucket) const { return mirror_[bucket].first; }
+   // The slot after the head changed (the file holds it in the head slot's next word).
+   void secondIs(uint32_t bucket, uint32_t slot, uint32_t hint, uint32_t hash) {
+      ChainStart& c = mirror_[bucket];
+      c.second = slot;
+      c.secondHint = hint;
+      c.secondHash = hash;
+   }
+   // `slot`, one of the bucket's first two, has a new value Offset word.
+   void hintIs(uint32_t bucket, uint32_t slot, uint32_t hint) {
+      ChainStart& c = mirror_[bucket];
+      if (c.first == slot) {
+         c.firstHint = hint;
+      } else if (c.second == slot) {
+         c.secondHint = hint;
+      }
+   }
    // The head as readers see it in the file.
    uint32_t sharedHead(uint32_t bucket) const {
       return heads_[bucket].load(std::memory_order_relaxed);
    }
    // Release: the slot's words, stored before it is linked, are visible to a reader that
    // acquires the head.
-   void headIs(uint32_t bucket, uint32_t slot, uint32_t hint = kNone) {
-      mirror_[bucket] = MirrorHead{slot, hint};
-      heads_[bucket].store(slot, std::memory_order_release);
+   void headIs(uint32_t bucket, const ChainStart& start) {
+      mirror_[bucket] = start;
+      heads_[bucket].store(start.first, std::memory_order_release);
    }
    uint32_t bucketOf(uint32_t keyHash) const { return keyHash & (numBuckets_ - 1); }
 
@@ -102,12 +131,8 @@ class BucketWriter {
    BucketHeader* header_ = nullptr;
    std::atomic<uint32_t>* heads_ = nullptr;
    uint32_t numBuckets_ = 0;
-   struct MirrorHead {
-      uint32_t slot;  // the same as the file's head
-      uint32_t hint;  // the head slot's value Offset word, or kNone
-   };
    HugePageBuffer mirrorBuffer_;
-   MirrorHead* mirror_ = nullptr;  // numBuckets_ heads
+   ChainStart* mirror_ = nullptr;  // numBuckets_ chain starts
    uint32_t mirrorCapacity_ = 0;
 };
 

@@ -66,22 +66,28 @@ class DockWriter final : public WriterCore, private WriterIndex {
    void write(const V& value) {
       const K key = KeyOf()(value);
       const uint32_t hash = hash_->hashOf(key);
-      // Most keys head their chain (load <= 1): the head's record, its slot line and its old slab
-      // entry (by the hint kept with the head) are prefetched together, so that the three misses,
-      // two of them with page walks in the shared mappings, overlap.
-      const BucketWriter& buckets = bucketFile();
-      const uint32_t bucket = buckets.bucketOf(hash);
-      const uint32_t first = buckets.head(bucket);
-      if (first != kNone) {
-         __builtin_prefetch(&table_.slot(first), 1);
-         prefetchEntry(buckets.headHint(bucket));
-         __builtin_prefetch(&table_.records()[first], 0);
+      // Nine keys in ten are first or second in their chain (load <= 1). The chain start names
+      // both with their key hashes, so the walk starts at the second slot when the hash is not
+      // the head's, and the record, the slot line and the old slab entry (by the hint kept with
+      // it) of the slot the hash matches are prefetched together: the misses, two with page
+      // walks in the shared mappings, overlap instead of following the chain record by record.
+      const BucketWriter::ChainStart start = bucketFile().chainStart(bucketFile().bucketOf(hash));
+      const bool pastFirst = start.first != kNone && start.firstHash != hash;
+      const uint32_t from = pastFirst ? start.second : start.first;
+      if (from != kNone) {
+         if (!pastFirst) {
+            prefetchSlotOf(from, start.firstHint);
+         } else if (start.secondHash == hash) {
+            prefetchSlotOf(from, start.secondHint);
+         } else {
+            __builtin_prefetch(&table_.records()[from], 0);  // the walk goes on from there
+         }
       }
       // The value is serialized (private work, often the larger part of a replacement) while
-      // those misses are in flight; the record is touched only after it.
+      // those misses are in flight; the records are touched only after it.
       const uint32_t length = serializeToScratch(value);
-      const uint32_t s = hash_->lookupFrom(first, key, hash);
-      if (s != kNone && s != first) prefetchSlot(s);
+      const uint32_t s = hash_->lookupFrom(from, key, hash);
+      if (s != kNone && s != from) prefetchSlot(s);
       openDirect(s, key, hash);
       publish(length);
    }
@@ -214,6 +220,12 @@ class DockWriter final : public WriterCore, private WriterIndex {
    void prefetchSlot(uint32_t s) {
       __builtin_prefetch(&table_.slot(s), 1);
       prefetchEntry(table_.records()[s].offsetHint);
+   }
+   // The same for a slot whose hint is known, and its record too.
+   void prefetchSlotOf(uint32_t s, uint32_t hint) {
+      __builtin_prefetch(&table_.records()[s], 0);
+      __builtin_prefetch(&table_.slot(s), 1);
+      prefetchEntry(hint);
    }
 
    // ---------------------------------------------------------------------------------------

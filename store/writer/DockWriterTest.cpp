@@ -147,8 +147,19 @@ TEST_F(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
       const uint32_t nb = w.buckets();
       for (uint32_t b = 0; b < nb; ++b) {
          uint32_t last = 0;
-         // The writer's private mirror of the heads agrees with the file.
-         ASSERT_EQ(w.bucketFile().head(b), w.bucketFile().sharedHead(b));
+         // The writer's private mirror of each chain's first two slots agrees with the file, and
+         // its prefetch hints name the slots' current entries.
+         const auto& start = w.bucketFile().chainStart(b);
+         ASSERT_EQ(start.first, w.bucketFile().sharedHead(b));
+         if (start.first != Dock::kNone) {
+            ASSERT_EQ(start.second, w.table().slot(start.first).next.load());
+            ASSERT_EQ(start.firstHint, w.table().slot(start.first).offset.load());
+            ASSERT_EQ(start.firstHash, w.table().slot(start.first).keyHash.load());
+         }
+         if (start.second != Dock::kNone) {
+            ASSERT_EQ(start.secondHint, w.table().slot(start.second).offset.load());
+            ASSERT_EQ(start.secondHash, w.table().slot(start.second).keyHash.load());
+         }
          for (uint32_t s = w.bucketFile().sharedHead(b); s != Dock::kNone;
               s = w.table().slot(s).next.load()) {
             ASSERT_TRUE(w.flagsOf(s) & Dock::kOccupied);
@@ -163,6 +174,8 @@ TEST_F(DockWriter, BucketDoublingKeepsEveryKeyFindable) {
       }
       EXPECT_EQ(reachable, w.members());
    };
+   // Replacements move values to new entries: the hints follow.
+   for (size_t i = 0; i < keys.size(); i += 3) w.write(Value(keys[i], 2, 1 + i % 7));
    checkSharedChains();
    // Removing most keys halves the buckets again; the rest stay findable.
    for (size_t i = 0; i < keys.size() - 10; ++i) ASSERT_TRUE(w.remove(keys[i]));

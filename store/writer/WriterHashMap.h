@@ -151,7 +151,7 @@ class WriterHashMap {
          if (s == kNone) continue;
          // The partner is empty (beginResize): hang the tail there first, then cut it off, so a
          // writer-side walk never loses it.
-         buckets_.headIs(b + oldCount, s, rec[s].offsetHint);
+         buckets_.headIs(b + oldCount, startingAt(s));
          setNext(prev, b, kNone);
          yield.check();
       }
@@ -178,7 +178,7 @@ class WriterHashMap {
             yield.check();
          }
          setNext(tail, lo, upper);
-         buckets_.headIs(b, kNone);
+         buckets_.headIs(b, {});
          yield.check();
       }
       buckets_.endResize(newCount);
@@ -189,8 +189,7 @@ class WriterHashMap {
    void offsetHintIs(uint32_t slot, uint32_t word) {
       auto& r = table_.records()[slot];
       r.offsetHint = word;
-      const uint32_t b = buckets_.bucketOf(r.hash);
-      if (buckets_.head(b) == slot) buckets_.headHintIs(b, word);
+      buckets_.hintIs(buckets_.bucketOf(r.hash), slot, word);
    }
 
    // Iteration: the first slot in (reversed hash, key) order, or kNone.
@@ -234,13 +233,34 @@ class WriterHashMap {
       }
       return kNone;
    }
+   // Makes `next` follow `prev` (or head the bucket, for prev == kNone), in the records, the
+   // shared slots or bucket file, and the mirror's chain start.
    void setNext(uint32_t prev, uint32_t bucket, uint32_t next) {
       if (prev == kNone) {
-         buckets_.headIs(bucket, next, next == kNone ? kNone : table_.records()[next].offsetHint);
-      } else {
-         table_.records()[prev].next = next;
-         table_.slot(prev).next.store(next, std::memory_order_release);
+         buckets_.headIs(bucket, startingAt(next));
+         return;
       }
+      table_.records()[prev].next = next;
+      table_.slot(prev).next.store(next, std::memory_order_release);
+      if (buckets_.head(bucket) != prev) return;
+      if (next == kNone) {
+         buckets_.secondIs(bucket, kNone, kNone, 0);
+      } else {
+         const auto& r = table_.records()[next];
+         buckets_.secondIs(bucket, next, r.offsetHint, r.hash);
+      }
+   }
+   // The chain start of a chain whose head is `first` (kNone: empty), from the records.
+   BucketWriter::ChainStart startingAt(uint32_t first) const {
+      if (first == kNone) return {};
+      const auto& rec = table_.records();
+      BucketWriter::ChainStart c{first, rec[first].offsetHint, rec[first].hash};
+      if (const uint32_t second = rec[first].next; second != kNone) {
+         c.second = second;
+         c.secondHint = rec[second].offsetHint;
+         c.secondHash = rec[second].hash;
+      }
+      return c;
    }
 
    Table& table_;
