@@ -16,11 +16,12 @@
 // the lookup of a replacement reads one head at random, and the shared mapping, on 4 KiB pages,
 // added a TLB miss to that cache miss. The mirror keeps more than the file: the first two slots of
 // each chain (at a load of one, about a third of the keys are second in their chain, a tenth
-// further down), each with its value Offset word as a prefetch hint. A replacement can then start
-// on the slot, its record and its old slab entry (a page walk and a miss of their own) all at
-// once, instead of finding the second key only after the first key's record arrives. Readers still
-// see every head through the file, with the same release stores as before; the mirror is never
-// read by anyone else, and its hints are only ever prefetched.
+// further down), each with its key hash and its value Offset word as a prefetch hint. A
+// replacement picks the one its hash matches and starts on that slot, its record and its old slab
+// entry (a page walk and a miss of their own) all at once, instead of finding the second key only
+// after the first key's record arrives. Readers still see every head through the file, with the
+// same release stores as before; the mirror is never read by anyone else, and its hints are only
+// ever prefetched.
 #pragma once
 
 #include <atomic>
@@ -68,10 +69,8 @@ class BucketWriter {
    uint32_t numBuckets() const { return numBuckets_; }
 
    // The writer's own view of the start of a chain: its head (the same as the file's) and the
-   // slot after it (kNone: none), each with its value Offset word when last told (kNone when not
-   // known) and its key hash.
-   // With each slot's key hash, a replacement starts on the one slot its key can be in. 32
-   // bytes, so that no chain start straddles two cache lines.
+   // slot after it (kNone: none), each with its key hash and its value Offset word when last told
+   // (kNone when not known). 32 bytes, so that no chain start straddles two cache lines.
    struct alignas(32) ChainStart {
       uint32_t first = kNone;
       uint32_t firstHint = kNone;
@@ -89,7 +88,7 @@ class BucketWriter {
       c.secondHint = hint;
       c.secondHash = hash;
    }
-   // `slot`, one of the bucket's first two, has a new value Offset word.
+   // `slot` has a new value Offset word: kept when it is one of the bucket's first two.
    void hintIs(uint32_t bucket, uint32_t slot, uint32_t hint) {
       ChainStart& c = mirror_[bucket];
       if (c.first == slot) {
