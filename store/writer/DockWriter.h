@@ -72,10 +72,9 @@ class DockWriter final : public WriterCore, private WriterIndex {
       // it) of the slot the hash matches are prefetched together: the misses, two with page
       // walks in the shared mappings, overlap instead of following the chain record by record.
       const BucketWriter::ChainStart start = bucketFile().chainStart(bucketFile().bucketOf(hash));
-      const bool pastFirst = start.first != kNone && start.firstHash != hash;
-      const uint32_t from = pastFirst ? start.second : start.first;
+      const uint32_t from = hash_->walkStart(start, hash);
       if (from != kNone) {
-         if (!pastFirst) {
+         if (from == start.first) {
             prefetchSlotOf(from, start.firstHint);
          } else if (start.secondHash == hash) {
             prefetchSlotOf(from, start.secondHint);

@@ -67,9 +67,14 @@ class WriterHashMap {
 
    // The slot holding `key`, or kNone.
    uint32_t lookup(const K& key, uint32_t hash) const {
-      return lookupFrom(buckets_.head(buckets_.bucketOf(hash)), key, hash);
+      return lookupFrom(walkStart(buckets_.chainStart(buckets_.bucketOf(hash)), hash), key, hash);
    }
-   // The same, from the chain's first slot already read (a caller that prefetches by it).
+   // Where the walk for `hash` starts in a chain: a key whose hash is not the head's is not the
+   // head, so its walk starts at the second slot, without reading the head's record.
+   static uint32_t walkStart(const BucketWriter::ChainStart& c, uint32_t hash) {
+      return c.first != kNone && c.firstHash != hash ? c.second : c.first;
+   }
+   // The same as lookup, from the walkStart already found (a caller that prefetches by it).
    uint32_t lookupFrom(uint32_t first, const K& key, uint32_t hash) const {
       auto& rec = table_.records();
       for (uint32_t s = first; s != kNone; s = rec[s].next) {
