@@ -81,13 +81,9 @@ class BucketWriter {
    };
    const ChainStart& chainStart(uint32_t bucket) const { return mirror_[bucket]; }
    uint32_t head(uint32_t bucket) const { return mirror_[bucket].first; }
-   // The slot after the head changed (the file holds it in the head slot's next word).
-   void secondIs(uint32_t bucket, uint32_t slot, uint32_t hint, uint32_t hash) {
-      ChainStart& c = mirror_[bucket];
-      c.second = slot;
-      c.secondHint = hint;
-      c.secondHash = hash;
-   }
+   // The mirror alone, for a change behind an unchanged head (the slot after it, which the file
+   // holds in the head slot's next word).
+   void chainStartIs(uint32_t bucket, const ChainStart& start) { mirror_[bucket] = start; }
    // `slot` has a new value Offset word: kept when it is one of the bucket's first two.
    void hintIs(uint32_t bucket, uint32_t slot, uint32_t hint) {
       ChainStart& c = mirror_[bucket];

@@ -247,13 +247,7 @@ class WriterHashMap {
       }
       table_.records()[prev].next = next;
       table_.slot(prev).next.store(next, std::memory_order_release);
-      if (buckets_.head(bucket) != prev) return;
-      if (next == kNone) {
-         buckets_.secondIs(bucket, kNone, kNone, 0);
-      } else {
-         const auto& r = table_.records()[next];
-         buckets_.secondIs(bucket, next, r.offsetHint, r.hash);
-      }
+      if (buckets_.head(bucket) == prev) buckets_.chainStartIs(bucket, startingAt(prev));
    }
    // The chain start of a chain whose head is `first` (kNone: empty), from the records.
    BucketWriter::ChainStart startingAt(uint32_t first) const {
