@@ -14,14 +14,17 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <iosfwd>
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "Wirekit/ByteForm.h"
 #include "Wirekit/MplsLabel.h"
@@ -77,14 +80,20 @@ class MplsLabelOperation {
 
    std::string stringValue() const;
 
-   // Inline, as the readers are: entries write up to 600 operations in a row.
+   // Inline, as the readers are: entries write up to 600 operations in a row. On a
+   // little-endian host the object's own image is the byte form (kind, count, pops, a zero pad
+   // byte, the eleven places), so it goes out as three 16-byte moves instead of fifteen stores.
    void serialize(uint8_t* out) const noexcept {
-      out[0] = kind_;
-      out[1] = count_;
-      out[2] = pops_;
-      out[3] = 0;
-      for (size_t i = 0; i < kMaxLabels; ++i) {
-         ByteForm::storeLe<uint32_t>(out + 4 + 4 * i, labels_[i]);
+      if constexpr (std::endian::native == std::endian::little) {
+         std::memcpy(out, this, kSerializedSize);
+      } else {
+         out[0] = kind_;
+         out[1] = count_;
+         out[2] = pops_;
+         out[3] = 0;
+         for (size_t i = 0; i < kMaxLabels; ++i) {
+            ByteForm::storeLe<uint32_t>(out + 4 + 4 * i, labels_[i]);
+         }
       }
    }
    // Reads exactly kSerializedSize bytes; throws FormatError when they are not the byte form of
@@ -137,9 +146,11 @@ class MplsLabelOperation {
    uint8_t kind_ = 0;
    uint8_t count_ = 0;
    uint8_t pops_ = 0;
-   uint8_t pad_ = 0;
+   uint8_t pad_ = 0;  // always 0: serialize writes it as the byte form's pad byte
    std::array<uint32_t, kMaxLabels> labels_{};  // places >= count_ are zero
 };
+static_assert(std::is_trivially_copyable_v<MplsLabelOperation> &&
+              sizeof(MplsLabelOperation) == MplsLabelOperation::kSerializedSize);
 
 // smush(outer, inner) == outer.smush(inner).
 inline MplsLabelOperation smush(const MplsLabelOperation& outer, const MplsLabelOperation& inner) {
