@@ -6,6 +6,13 @@
 // otherwise. This is what the hardware does for a memcpy anyway; spelling it as atomics keeps the
 // protocol a data-race-free program (and ThreadSanitizer quiet). Ordering comes from the fences and
 // version words around the copy, never from these accesses.
+//
+// A copy into shared memory prefetches its destination kWriteAhead bytes ahead of its stores. An
+// entry that large was usually last written long ago, so each line it overwrites is first read
+// from memory, and 8-byte stores alone keep too few of those reads in flight (the store queue
+// covers a few lines): 46 KB took about 4.7 us to cold memory, 2.9 with the prefetches. The writer
+// prefetches the first kWriteAhead bytes of an entry when it frees it for reuse
+// (SlabWriter::prefetchForReuse), so the copy finds them on the way and starts ahead of them.
 #pragma once
 
 #include <atomic>
@@ -14,6 +21,9 @@
 #include <cstring>
 
 namespace Dock {
+
+// How far ahead of its stores a copy into shared memory prefetches (64 lines). A multiple of 64.
+constexpr size_t kWriteAhead = 4096;
 
 // A checksum folded in the same pass as a copy (slab/EntryCheck.h): handed each 8-byte
 // little-endian word of the bytes in order, the last one zero-padded, one at a time (fold) or
@@ -63,24 +73,37 @@ inline void writeByte(uint8_t* dst, uint8_t b) {
    }
 }
 
+// Copies and folds four words at `i`.
+template <bool kToShared, class Fold>
+inline void copyFour(uint8_t* dst, const uint8_t* src, size_t i, Fold& fold) {
+   constexpr bool kFromShared = !kToShared;
+   const uint64_t a = readWord<kFromShared>(src + i), b = readWord<kFromShared>(src + i + 8),
+                  c = readWord<kFromShared>(src + i + 16), d = readWord<kFromShared>(src + i + 24);
+   writeWord<kToShared>(dst + i, a);
+   writeWord<kToShared>(dst + i + 8, b);
+   writeWord<kToShared>(dst + i + 16, c);
+   writeWord<kToShared>(dst + i + 24, d);
+   fold.fold4(a, b, c, d);
+}
+
 // Copies `len` bytes into shared memory (kToShared: dst is shared) or out of it (src is shared),
-// folding them into `fold`. Words while the shared address allows, four at a time, then bytes.
+// folding them into `fold`. Words while the shared address allows, four at a time (into shared
+// memory with the destination prefetched kWriteAhead ahead while it lies within the copy), then
+// bytes.
 template <bool kToShared, class Fold>
 inline void copyFolding(uint8_t* dst, const uint8_t* src, size_t len, Fold& fold) {
    constexpr bool kFromShared = !kToShared;
    const void* shared = kToShared ? static_cast<const void*>(dst) : src;
    size_t i = 0;
    if ((reinterpret_cast<uintptr_t>(shared) & 7) == 0) {
-      for (; i + 32 <= len; i += 32) {
-         const uint64_t a = readWord<kFromShared>(src + i), b = readWord<kFromShared>(src + i + 8),
-                        c = readWord<kFromShared>(src + i + 16),
-                        d = readWord<kFromShared>(src + i + 24);
-         writeWord<kToShared>(dst + i, a);
-         writeWord<kToShared>(dst + i + 8, b);
-         writeWord<kToShared>(dst + i + 16, c);
-         writeWord<kToShared>(dst + i + 24, d);
-         fold.fold4(a, b, c, d);
+      if constexpr (kToShared) {
+         for (; i + kWriteAhead + 64 <= len; i += 64) {
+            __builtin_prefetch(dst + i + kWriteAhead, 1);
+            copyFour<true>(dst, src, i, fold);
+            copyFour<true>(dst, src, i + 32, fold);
+         }
       }
+      for (; i + 32 <= len; i += 32) copyFour<kToShared>(dst, src, i, fold);
       for (; i + 8 <= len; i += 8) {
          const uint64_t w = readWord<kFromShared>(src + i);
          writeWord<kToShared>(dst + i, w);

@@ -15,6 +15,7 @@
 #include "Spoor/Trace.h"
 #include "Vela/Assert.h"
 #include "store/format/Offset.h"
+#include "store/format/SharedBytes.h"
 
 namespace Tessel {
 
@@ -232,9 +233,9 @@ void SlabWriter::prefetchForReuse(const SlabEntryHeader* e, uint32_t payload) co
    // The free list is last in, first out: the next allocation of this class takes this entry, and
    // a replacement's next value is usually about the size of the value freed. Its body is cold
    // (only the header line was touched), so the misses of those stores are started here, to
-   // overlap with the next operation's index look-ups. At most 4 KiB: beyond that the stores
-   // stream and the hardware prefetcher keeps up.
-   constexpr uintptr_t kLine = 64, kMost = 4096;
+   // overlap with the next operation's index look-ups. At most the distance the copy prefetches
+   // ahead of itself (format/SharedBytes.h), which takes over from there.
+   constexpr uintptr_t kLine = 64, kMost = Dock::kWriteAhead;
    const auto first = reinterpret_cast<uintptr_t>(e) & ~(kLine - 1);
    const uintptr_t end = reinterpret_cast<uintptr_t>(e) + Dock::kSlabEntryHeaderSize +
                          std::min<uintptr_t>(payload, kMost);
