@@ -111,19 +111,34 @@ class MplsLabelOperation {
    // gathered rather than branched on; deserialize is the reader of record: it accepts the same
    // bytes and names the first thing wrong with the others.
    bool readWellFormed(const uint8_t* in) noexcept {
-      kind_ = in[0];
-      count_ = in[1];
-      pops_ = in[2];
-      // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
-      const bool headerOk = in[3] == 0 && count_ <= kMaxLabels &&
-                            static_cast<uint8_t>(mplsOpKindOf(pops_, count_)) == kind_;
-      const auto& forbidden = kForbiddenBits[headerOk ? count_ : 0];
-      uint32_t stray = 0;
-      for (size_t i = 0; i < kMaxLabels; ++i) {
-         labels_[i] = ByteForm::loadLe<uint32_t>(in + 4 + 4 * i);
-         stray |= labels_[i] & forbidden[i];
+      if constexpr (std::endian::native == std::endian::little) {
+         // The byte form is the object's image (serialize): one copy, then the places checked
+         // two at a time.
+         std::memcpy(this, in, kSerializedSize);
+         const bool headerOk = pad_ == 0 && count_ <= kMaxLabels &&
+                               static_cast<uint8_t>(mplsOpKindOf(pops_, count_)) == kind_;
+         pad_ = 0;
+         const auto& forbidden = kForbiddenPairs[headerOk ? count_ : 0];
+         uint64_t stray = ByteForm::loadLe<uint32_t>(in + 44) & forbidden[5];
+         for (size_t k = 0; k < 5; ++k) {
+            stray |= ByteForm::loadLe<uint64_t>(in + 4 + 8 * k) & forbidden[k];
+         }
+         return headerOk && stray == 0;
+      } else {
+         kind_ = in[0];
+         count_ = in[1];
+         pops_ = in[2];
+         // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
+         const bool headerOk = in[3] == 0 && count_ <= kMaxLabels &&
+                               static_cast<uint8_t>(mplsOpKindOf(pops_, count_)) == kind_;
+         const auto& forbidden = kForbiddenBits[headerOk ? count_ : 0];
+         uint32_t stray = 0;
+         for (size_t i = 0; i < kMaxLabels; ++i) {
+            labels_[i] = ByteForm::loadLe<uint32_t>(in + 4 + 4 * i);
+            stray |= labels_[i] & forbidden[i];
+         }
+         return headerOk && stray == 0;
       }
-      return headerOk && stray == 0;
    }
 
    friend bool operator==(const MplsLabelOperation&, const MplsLabelOperation&) noexcept = default;
@@ -139,6 +154,17 @@ class MplsLabelOperation {
       std::array<std::array<uint32_t, kMaxLabels>, kMaxLabels + 1> rows{};
       for (size_t c = 0; c <= kMaxLabels; ++c) {
          for (size_t i = 0; i < kMaxLabels; ++i) rows[c][i] = i < c ? ~kMaxMplsLabel : ~uint32_t{0};
+      }
+      return rows;
+   }();
+   // The same rows as little-endian pairs of places (0-1, ..., 8-9), then place 10 alone.
+   static constexpr auto kForbiddenPairs = [] {
+      std::array<std::array<uint64_t, 6>, kMaxLabels + 1> rows{};
+      for (size_t c = 0; c <= kMaxLabels; ++c) {
+         for (size_t k = 0; k < 5; ++k) {
+            rows[c][k] = kForbiddenBits[c][2 * k] | uint64_t{kForbiddenBits[c][2 * k + 1]} << 32;
+         }
+         rows[c][5] = kForbiddenBits[c][10];
       }
       return rows;
    }();
