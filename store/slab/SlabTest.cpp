@@ -92,6 +92,21 @@ TEST(EntryCheck, GoldenValuesAndEveryFlippedBitChangesIt) {
          EXPECT_TRUE(std::equal(back.begin(), back.end(), bytes.begin())) << size;
       }
    }
+   // Copies long enough to prefetch ahead of their stores: every byte lands and is folded once,
+   // at the prefetch loop's last step, one past it and well beyond.
+   for (const size_t size :
+        {Dock::kWriteAhead + 64 + 43, Dock::kWriteAhead + 63, 3 * Dock::kWriteAhead + 8}) {
+      std::vector<uint8_t> src(size), back(size);
+      for (size_t i = 0; i < size; ++i) src[i] = uint8_t(i * 131 + 7);
+      std::vector<uint64_t> shared(size / 8 + 1);
+      auto* dst = reinterpret_cast<uint8_t*>(shared.data());
+      Tessel::EntryCheck in(int32_t(size), 3), out(int32_t(size), 3);
+      Dock::copyToSharedFolding(dst, src.data(), size, in);
+      Dock::copyFromSharedFolding(back.data(), dst, size, out);
+      const uint64_t check = Tessel::entryCheck(src.data(), uint32_t(size), 3);
+      EXPECT_EQ(std::tuple(in.value(), out.value(), back == src), std::tuple(check, check, true))
+          << size;
+   }
 }
 
 // A header in an aligned buffer, formatted for 8 entries of 64 bytes.
