@@ -107,22 +107,27 @@ class MplsLabelOperation {
    }
 
    // Inline, without building an error: reads a well-formed byte form into *this and answers
-   // true, or answers false (*this is then unspecified). The label checks are one mask per place,
+   // true, or answers false (*this is then unspecified, its pad byte possibly set: callers
+   // discard it). The label checks are one mask per place,
    // gathered rather than branched on; deserialize is the reader of record: it accepts the same
    // bytes and names the first thing wrong with the others.
    bool readWellFormed(const uint8_t* in) noexcept {
       if constexpr (std::endian::native == std::endian::little) {
-         // The byte form is the object's image (serialize): one copy, then the places checked
-         // two at a time.
+         // The byte form is the object's image (serialize): one copy, then the header and the
+         // places (two at a time) checked from the bytes read. Nothing is stored into the copy
+         // afterwards (a nonzero pad byte is refused, not cleared): a store into its middle
+         // would keep the caller's read of the whole object from being forwarded.
          std::memcpy(this, in, kSerializedSize);
-         const bool headerOk = pad_ == 0 && count_ <= kMaxLabels &&
-                               static_cast<uint8_t>(mplsOpKindOf(pops_, count_)) == kind_;
-         pad_ = 0;
-         const auto& forbidden = kForbiddenPairs[headerOk ? count_ : 0];
-         uint64_t stray = ByteForm::loadLe<uint32_t>(in + 44) & forbidden[5];
-         for (size_t k = 0; k < 5; ++k) {
-            stray |= ByteForm::loadLe<uint64_t>(in + 4 + 8 * k) & forbidden[k];
-         }
+         const uint32_t head = ByteForm::loadLe<uint32_t>(in);
+         const uint8_t kind = uint8_t(head), count = uint8_t(head >> 8), pops = uint8_t(head >> 16);
+         const bool headerOk = (head >> 24) == 0 && count <= kMaxLabels &&
+                               static_cast<uint8_t>(mplsOpKindOf(pops, count)) == kind;
+         const auto& forbidden = kForbiddenPairs[headerOk ? count : 0];
+         const auto pair = [&](size_t k) {
+            return ByteForm::loadLe<uint64_t>(in + 4 + 8 * k) & forbidden[k];
+         };
+         const uint64_t stray = (pair(0) | pair(1)) | (pair(2) | pair(3)) |
+                                (pair(4) | (ByteForm::loadLe<uint32_t>(in + 44) & forbidden[5]));
          return headerOk && stray == 0;
       } else {
          kind_ = in[0];
@@ -172,7 +177,7 @@ class MplsLabelOperation {
    uint8_t kind_ = 0;
    uint8_t count_ = 0;
    uint8_t pops_ = 0;
-   uint8_t pad_ = 0;  // always 0: serialize writes it as the byte form's pad byte
+   uint8_t pad_ = 0;  // 0 in every operation handed out: serialize writes it as the pad byte
    std::array<uint32_t, kMaxLabels> labels_{};  // places >= count_ are zero
 };
 static_assert(std::is_trivially_copyable_v<MplsLabelOperation> &&
