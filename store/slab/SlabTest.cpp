@@ -92,8 +92,8 @@ TEST(EntryCheck, GoldenValuesAndEveryFlippedBitChangesIt) {
          EXPECT_TRUE(std::equal(back.begin(), back.end(), bytes.begin())) << size;
       }
    }
-   // Copies long enough to prefetch ahead of their stores: every byte lands and is folded once,
-   // at the prefetch loop's last step, one past it and well beyond.
+   // Copies around the length that prefetches ahead of its stores: every byte lands and is folded
+   // once, with one prefetching step, one byte too short for any, and many.
    for (const size_t size :
         {Dock::kWriteAhead + 64 + 43, Dock::kWriteAhead + 63, 3 * Dock::kWriteAhead + 8}) {
       std::vector<uint8_t> src(size), back(size);
