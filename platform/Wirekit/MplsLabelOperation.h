@@ -112,17 +112,19 @@ class MplsLabelOperation {
    // gathered rather than branched on; deserialize is the reader of record: it accepts the same
    // bytes and names the first thing wrong with the others.
    bool readWellFormed(const uint8_t* in) noexcept {
+      const uint32_t head = ByteForm::loadLe<uint32_t>(in);
+      const uint8_t kind = uint8_t(head), count = uint8_t(head >> 8), pops = uint8_t(head >> 16);
+      // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
+      const bool headerOk = (head >> 24) == 0 && count <= kMaxLabels &&
+                            static_cast<uint8_t>(mplsOpKindOf(pops, count)) == kind;
+      const size_t row = headerOk ? count : 0;
       if constexpr (std::endian::native == std::endian::little) {
-         // The byte form is the object's image (serialize): one copy, then the header and the
-         // places (two at a time) checked from the bytes read. Nothing is stored into the copy
-         // afterwards (a nonzero pad byte is refused, not cleared): a store into its middle
-         // would keep the caller's read of the whole object from being forwarded.
+         // The byte form is the object's image (serialize): one copy, then the places checked
+         // two at a time from the bytes read. Nothing is stored into the copy afterwards (a
+         // nonzero pad byte is refused, not cleared): a store into its middle would keep the
+         // caller's read of the whole object from being forwarded.
          std::memcpy(this, in, kSerializedSize);
-         const uint32_t head = ByteForm::loadLe<uint32_t>(in);
-         const uint8_t kind = uint8_t(head), count = uint8_t(head >> 8), pops = uint8_t(head >> 16);
-         const bool headerOk = (head >> 24) == 0 && count <= kMaxLabels &&
-                               static_cast<uint8_t>(mplsOpKindOf(pops, count)) == kind;
-         const auto& forbidden = kForbiddenPairs[headerOk ? count : 0];
+         const auto& forbidden = kForbiddenPairs[row];
          const auto pair = [&](size_t k) {
             return ByteForm::loadLe<uint64_t>(in + 4 + 8 * k) & forbidden[k];
          };
@@ -130,17 +132,13 @@ class MplsLabelOperation {
                                 (pair(4) | (ByteForm::loadLe<uint32_t>(in + 44) & forbidden[5]));
          return headerOk && stray == 0;
       } else {
-         kind_ = in[0];
-         count_ = in[1];
-         pops_ = in[2];
-         // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
-         const bool headerOk = in[3] == 0 && count_ <= kMaxLabels &&
-                               static_cast<uint8_t>(mplsOpKindOf(pops_, count_)) == kind_;
-         const auto& forbidden = kForbiddenBits[headerOk ? count_ : 0];
+         kind_ = kind;
+         count_ = count;
+         pops_ = pops;
          uint32_t stray = 0;
          for (size_t i = 0; i < kMaxLabels; ++i) {
             labels_[i] = ByteForm::loadLe<uint32_t>(in + 4 + 4 * i);
-            stray |= labels_[i] & forbidden[i];
+            stray |= labels_[i] & kForbiddenBits[row][i];
          }
          return headerOk && stray == 0;
       }

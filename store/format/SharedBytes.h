@@ -7,11 +7,11 @@
 // protocol a data-race-free program (and ThreadSanitizer quiet). Ordering comes from the fences and
 // version words around the copy, never from these accesses.
 //
-// A copy into shared memory prefetches its destination kWriteAhead bytes ahead of its stores. An
-// entry that large was usually last written long ago, so each line it overwrites is first read
-// from memory, and 8-byte stores alone keep too few of those reads in flight (the store queue
-// covers a few lines): 46 KB took about 4.7 us to cold memory, 2.9 with the prefetches. The writer
-// prefetches the first kWriteAhead bytes of an entry when it frees it for reuse
+// A copy into shared memory prefetches its destination kWriteAhead bytes ahead of its stores. A
+// value that long goes into an entry usually last written long ago, so each line it overwrites is
+// first read from memory, and 8-byte stores alone keep too few of those reads in flight (the store
+// queue covers a few lines): 46 KB took about 4.7 us to cold memory, 2.9 with the prefetches. The
+// writer prefetches the first kWriteAhead bytes of an entry when it frees it for reuse
 // (SlabWriter::prefetchForReuse), so the copy finds them on the way and starts ahead of them.
 #pragma once
 
