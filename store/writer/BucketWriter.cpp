@@ -56,7 +56,8 @@ void BucketWriter::reserveMirror(uint32_t count, CriticalYield* yield) {
    // Huge pages once the mirror is large enough to be worth a 2 MiB page.
    const size_t bytes = size_t(count) * sizeof(ChainStart);
    HugePageBuffer grown(bytes, bytes >= HugePageBuffer::kHugePage / 2);
-   // Copied in pieces: the copy faults in the new pages, a few milliseconds at a million heads.
+   // Faulted in first, a huge page at a time; then copied in pieces of a millisecond or less.
+   if (yield) grown.faultIn(0, grown.size(), *yield);
    constexpr uint32_t kPiece = 1u << 15;
    for (uint32_t i = 0; mirror_ && i < numBuckets_; i += kPiece) {
       std::memcpy(grown.as<ChainStart>() + i, mirror_ + i,
@@ -119,7 +120,7 @@ void BucketWriter::beginResize(uint32_t newCount, CriticalYield* yield) {
    if (file_->fileSize() < size) {
       file_->resize(size);
       map();
-      if (yield) yield->afterUncutPiece();
+      if (yield) yield->runNow();
    }
    reserveMirror(newCount, yield);
    for (uint32_t i = numBuckets_; i < newCount; ++i) {

@@ -7,7 +7,8 @@
 // in the same loop task never adds to the step's first budget. After that, every check() that
 // finds 10 ms (0.01 of the calibrated tick rate) gone since the last run runs them again and
 // starts a new budget. Callers check often enough that one piece of work between two checks stays
-// well under a millisecond: the longest gap between critical runs is then the budget plus that.
+// well under a millisecond, and bracket what cannot be cut with runNow(): the longest gap between
+// critical runs is then the budget plus such a piece, or one uncut piece.
 #pragma once
 
 #include <cstdint>
@@ -36,10 +37,12 @@ class CriticalYield {
          start_ = Loom::Clock::ticks();
       }
    }
-   // After a piece that cannot be cut (resizing a mapped file: ftruncate and mremap, which may
-   // move the mapping): the pending tasks run now, so that the gap such a piece makes is the
-   // piece itself, never the piece on top of a budget already nearly spent.
-   void afterUncutPiece() {
+   // At the edge of a piece that cannot be cut: the pending tasks run now and a new budget
+   // starts, so that the gap such a piece makes is the piece itself, never the piece on top of a
+   // budget already nearly spent. Called after resizing a mapped file (ftruncate and mremap,
+   // which may move the mapping) and before each first touch of a 2 MiB huge page (one fault
+   // that clears the whole page: several milliseconds when a hypervisor must back it too).
+   void runNow() {
       if (!enabled_) return;
       if (Loom::runPendingCriticalTasks() > 0) ++yields_;
       start_ = Loom::Clock::ticks();

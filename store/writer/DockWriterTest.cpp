@@ -445,4 +445,34 @@ TEST(HugePageBuffer, IsAlignedZeroFilledAndRoundedToWholeHugePages) {
    EXPECT_EQ(other.as<uint32_t>()[3], 42u);
 }
 
+// Faulting in a range keeps what the buffer holds and lets the pending critical tasks run before
+// each 2 MiB unit it touches, whatever the budget: one huge page's fault cannot be cut.
+TEST(HugePageBuffer, FaultsInOneHugePageAtATimeKeepingContents) {
+   constexpr size_t kHuge = Dock::HugePageBuffer::kHugePage;
+   Loom::EventLoop loop;
+   int ran = 0;
+   std::function<void()> probe = [&] {
+      ++ran;
+      loop.postCritical(probe);
+   };
+   int before = -1;
+   loop.post([&] {
+      Dock::HugePageBuffer b(4 * kHuge);
+      b.data()[kHuge + 5] = 9;
+      b.data()[3 * kHuge - 1] = 4;
+      loop.postCritical(probe);
+      Dock::CriticalYield y(true);
+      before = ran;
+      b.faultIn(kHuge + 5, 3 * kHuge + 1, y);  // three units: the second, third and fourth
+      EXPECT_EQ(ran - before, 3);
+      EXPECT_EQ(b.data()[kHuge + 5], 9);
+      EXPECT_EQ(b.data()[3 * kHuge - 1], 4);
+      EXPECT_EQ(b.data()[3 * kHuge], 0);
+      b.faultIn(0, 0, y);
+      EXPECT_EQ(ran - before, 3);
+   });
+   loop.runOnce(std::chrono::milliseconds(0));
+   EXPECT_EQ(before, 1);
+}
+
 }  // namespace

@@ -15,10 +15,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <new>
 #include <utility>
+
+#include "store/writer/CriticalYield.h"
 
 namespace Dock {
 
@@ -68,8 +71,35 @@ class HugePageBuffer {
    HugePageBuffer(const HugePageBuffer&) = delete;
    HugePageBuffer& operator=(const HugePageBuffer&) = delete;
 
-   uint8_t* data() const { return data_; }
-   size_t size() const { return size_; }
+   // Faults in the pages of bytes [from, to) now, one 2 MiB unit at a time, with the pending
+   // critical tasks run before each unit (`yield` may be disabled). The kernel clears a huge page
+   // in a single fault that no check can cut, and under a hypervisor that must back the page
+   // too it takes several milliseconds; after this, the caller's loops over the range take no
+   // faults. Contents are kept: MADV_POPULATE_WRITE, or where the kernel lacks it a read and
+   // write back of one byte per page (the buffer is private to this thread).
+   void faultIn(size_t from, size_t to, CriticalYield& yield) {
+      to = std::min(to, size_);
+      const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+      for (size_t unit = from & ~(kHugePage - 1); unit < to; unit += kHugePage) {
+         yield.runNow();
+         const size_t begin = std::max(unit, from) & ~(page - 1);
+         const size_t end = std::min(unit + kHugePage, to);
+#ifdef MADV_POPULATE_WRITE
+         if (::madvise(data_ + begin, end - begin, MADV_POPULATE_WRITE) == 0) continue;
+#endif
+         for (size_t at = begin; at < end; at += page) {
+            volatile uint8_t* const p = data_ + at;
+            *p = *p;
+         }
+      }
+   }
+
+   uint8_t* data() const {
+      return data_;
+   }
+   size_t size() const {
+      return size_;
+   }
    template <class T>
    T* as() const {
       return reinterpret_cast<T*>(data_);

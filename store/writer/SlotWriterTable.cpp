@@ -110,7 +110,7 @@ void SlotFile::grow(uint32_t newNumSlots, CriticalYield* yield) {
    const size_t needed = SlotTable::fileSizeFor(newNumSlots);
    if (file_->size() < needed) {
       file_->resize(needed);
-      if (yield) yield->afterUncutPiece();
+      if (yield) yield->runNow();
    }
    const uint32_t old = numSlots_;
    header_ = reinterpret_cast<SlotTableHeader*>(file_->data());

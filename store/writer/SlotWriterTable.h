@@ -18,6 +18,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -150,9 +151,16 @@ class SlotWriterTable : public SlotFile {
          // Chunks come zero-filled and untouched; only records [size_, n) are laid down, so a
          // small table touches a few pages. The first chunk takes huge pages only if the table
          // already needs half of it. Records kept from an earlier, larger size start out default
-         // again. First touch is a page fault per page: check the budget every 8192 records.
+         // again. Under a budget the new records' pages are faulted in first, a huge page at a
+         // time; then the budget is checked every 8192 records.
          while (uint64_t(chunks_.size()) * kChunk < n) {
             chunks_.emplace_back(sizeof(Record) * kChunk, !chunks_.empty() || n >= kChunk / 2);
+         }
+         for (uint32_t c = size_ >> kChunkBits; yield && n > size_ && c <= (n - 1) >> kChunkBits;
+              ++c) {
+            const uint32_t first = std::max(size_, c << kChunkBits) & (kChunk - 1);
+            const uint32_t end = std::min<uint64_t>(n - (uint64_t(c) << kChunkBits), kChunk);
+            chunks_[c].faultIn(sizeof(Record) * first, sizeof(Record) * end, *yield);
          }
          for (uint32_t i = size_; i < n; ++i) {
             new (&(*this)[i]) Record{};
