@@ -114,15 +114,27 @@ Map& table() {
       double lastCpu = threadCpuUs();
       long lastFaults = threadFaults();
       uint64_t lastKey = 0;
+      // A step's sizes change when it starts. A gap's steps are those whose sizes changed inside
+      // it, and the one under way when it opened: a probe run from a yield inside a batch's
+      // write is inside a step, the one whose sizes differ from the batch's start.
+      bool inBatch = false;
+      uint32_t capacityAtBatch = 0, bucketsAtBatch = 0;
+      std::string stepsAtOpen;
+      const auto stepsSince = [&](uint32_t capacity, uint32_t buckets, std::string steps) {
+         if (m->writer()->capacity() != capacity && steps.find("slot") == std::string::npos) {
+            steps += " slot-file growth";
+         }
+         if (m->writer()->buckets() != buckets && steps.find("bucket") == std::string::npos) {
+            steps += " bucket growth";
+         }
+         return steps;
+      };
       std::function<void()> probe = [&] {
          const uint64_t now = Loom::Clock::ticks();
          const double us = double(now - last) * usPerTick;
          const double cpuUs = threadCpuUs() - lastCpu;
          if (us > longestStall.us || cpuUs > longestCpuStall.us) {
-            // Sizes change when a step starts, so a probe run from inside a step sees it too.
-            std::string during;
-            if (m->writer()->capacity() != capacityBefore) during += " slot-file growth";
-            if (m->writer()->buckets() != bucketsBefore) during += " bucket growth";
+            std::string during = stepsSince(capacityBefore, bucketsBefore, stepsAtOpen);
             if (during.empty()) during = " writes (slab growth or none)";
             const long faults = threadFaults() - lastFaults;
             if (us > longestStall.us) longestStall = Stall{us, lastKey, k, faults, during};
@@ -131,6 +143,7 @@ Map& table() {
          }
          capacityBefore = m->writer()->capacity();
          bucketsBefore = m->writer()->buckets();
+         stepsAtOpen = inBatch ? stepsSince(capacityAtBatch, bucketsAtBatch, "") : "";
          lastKey = k;
          lastFaults = threadFaults();
          last = Loom::Clock::ticks();
@@ -138,7 +151,11 @@ Map& table() {
          if (!done) loop.postCritical(probe);
       };
       std::function<void()> batch = [&] {
+         inBatch = true;
+         capacityAtBatch = m->writer()->capacity();
+         bucketsAtBatch = m->writer()->buckets();
          for (int i = 0; i < 64 && k < kKeys; ++i, ++k) m->safeWrite(Value(k, 0, 1), false);
+         inBatch = false;
          if (k < kKeys) {
             loop.post(batch);
          } else {
