@@ -230,6 +230,8 @@ TEST_F(DockWriter, IterationVisitsEveryKeyOnceAndSurvivesRemovalOfTheCurrentKey)
    EXPECT_EQ(removed, keys);
    EXPECT_EQ(w.members(), 0u);
    EXPECT_LT(w.buckets(), bucketsBefore);
+   EXPECT_TRUE(
+       cap.contains(fmt::format("shrinking from: {} to: {}", 2 * w.buckets(), w.buckets())));
 }
 
 TEST_F(DockWriter, SlotFileGrowsUpToMaxSlotsThenReportsTableFull) {

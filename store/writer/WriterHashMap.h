@@ -169,7 +169,7 @@ class WriterHashMap {
       const uint32_t oldCount = buckets_.numBuckets();
       if (oldCount <= kInitialBuckets) return;
       const uint32_t newCount = oldCount / 2;
-      SPOOR_TRACE(trace, 5, "growing from: {} to: {}", oldCount, newCount);
+      SPOOR_TRACE(trace, 5, "shrinking from: {} to: {}", oldCount, newCount);
       auto& rec = table_.records();
       CriticalYield yield(criticalCheck);
       buckets_.beginResize(oldCount, &yield);
