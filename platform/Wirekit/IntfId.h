@@ -97,6 +97,44 @@ class IntfId {
       return isWellFormedCode(code_);
    }
 
+   // Inline, without building an error: true for the codes fromCode accepts (fromCode, the reader
+   // of record, names what is wrong with the others): those that set none of forbiddenBits(code)
+   // and, for a Vlan, carry a number in range. The numbers' bounds are those of the ordinary
+   // kinds' table in the source; a test holds the two to the same codes.
+   static constexpr bool isWellFormedCode(uint64_t code) noexcept {
+      return (code & forbiddenBits(code)) == 0 && numberInRange(code);
+   }
+   // forbiddenBits depends on these bits of a code alone (kind, count, reserved bits), so a
+   // reader of many codes of one shape works it out once (MplsVia::deserializeRun).
+   static constexpr uint64_t kShapeBits = 0xFF000000000000FF;
+   // The bits a code of this shape may not set: all of them for a kind or count no interface has
+   // (the kind's own bits then refuse the code), all but the kind for empty.
+   static constexpr uint64_t forbiddenBits(uint64_t code) noexcept {
+      switch (static_cast<IntfKind>(code >> kKindShift)) {
+         case IntfKind::empty:
+            return kPayloadMask;
+         case IntfKind::dynamicTunnel:
+            return 0;
+         case IntfKind::tunnel:
+            return kPayloadMask & ~uint64_t{UINT32_MAX};
+         case IntfKind::ethernet:
+            return ordinaryForbiddenBits(code, 3);
+         case IntfKind::management:
+            return ordinaryForbiddenBits(code, 2);
+         case IntfKind::loopback:
+         case IntfKind::portChannel:
+         case IntfKind::vxlan:
+         case IntfKind::vlan:
+            return ordinaryForbiddenBits(code, 1);
+      }
+      return ~uint64_t{0};
+   }
+   // The one rule no mask states: a Vlan's number is 1..4094 (true for every other kind).
+   static constexpr bool numberInRange(uint64_t code) noexcept {
+      const uint64_t first = (code >> 40) & 0xFFFF;
+      return static_cast<IntfKind>(code >> kKindShift) != IntfKind::vlan || first - 1 < 4094;
+   }
+
    friend constexpr bool operator==(const IntfId&, const IntfId&) noexcept = default;
    friend constexpr auto operator<=>(const IntfId&, const IntfId&) noexcept = default;
 
@@ -109,39 +147,13 @@ class IntfId {
    }
    explicit constexpr IntfId(uint64_t code) noexcept : code_(code) {}
 
-   // Inline, without building an error: true for the codes fromCode accepts (fromCode, the reader
-   // of record, names what is wrong with the others). The numbers' bounds are those of the
-   // ordinary kinds' table in the source; a test holds the two to the same codes.
-   static constexpr bool isWellFormedCode(uint64_t code) noexcept {
-      switch (static_cast<IntfKind>(code >> kKindShift)) {
-         case IntfKind::empty:
-            return code == 0;
-         case IntfKind::dynamicTunnel:
-            return true;
-         case IntfKind::tunnel:
-            return (code & kPayloadMask) <= UINT32_MAX;
-         case IntfKind::ethernet:
-            return ordinaryFits(code, 3);
-         case IntfKind::management:
-            return ordinaryFits(code, 2);
-         case IntfKind::loopback:
-         case IntfKind::portChannel:
-         case IntfKind::vxlan:
-            return ordinaryFits(code, 1);
-         case IntfKind::vlan: {
-            const uint64_t first = (code >> 40) & 0xFFFF;
-            return ordinaryFits(code, 1) && first >= 1 && first <= 4094;
-         }
-      }
-      return false;
-   }
    // An ordinary code of 1..maxNumbers numbers: reserved bits 7..2 clear and the number places
    // past the count zero (count 1: bits 39..8, count 2: bits 23..8).
-   static constexpr bool ordinaryFits(uint64_t code, unsigned maxNumbers) noexcept {
+   static constexpr uint64_t ordinaryForbiddenBits(uint64_t code, unsigned maxNumbers) noexcept {
       const auto count = static_cast<unsigned>(code & 3);
-      if ((code & 0xFC) != 0 || count == 0 || count > maxNumbers) return false;
+      if (count == 0 || count > maxNumbers) return ~uint64_t{0};
       const unsigned unusedBits = 32 - 16 * (count - 1);
-      return ((code >> 8) & ((uint64_t{1} << unusedBits) - 1)) == 0;
+      return 0xFC | ((uint64_t{1} << unusedBits) - 1) << 8;
    }
 
    uint64_t code_ = 0;

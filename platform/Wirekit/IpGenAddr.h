@@ -90,13 +90,29 @@ class IpGenAddr {
       const auto family = ByteForm::loadLe<uint32_t>(in);
       const auto low = ByteForm::loadLe<uint64_t>(in + 4);    // address bytes 0..7
       const auto high = ByteForm::loadLe<uint64_t>(in + 12);  // address bytes 8..15
-      bool ok = false;
-      if (family == static_cast<uint32_t>(AddressFamily::ipv4)) ok = ((low >> 32) | high) == 0;
-      if (family == static_cast<uint32_t>(AddressFamily::ipv6)) ok = true;
-      if (family == static_cast<uint32_t>(AddressFamily::none)) ok = (low | high) == 0;
+      const AddressBits forbidden = forbiddenAddressBits(family);
       family_ = static_cast<AddressFamily>(family);
       std::memcpy(bytes_.data(), in + 4, bytes_.size());
-      return ok;
+      return isKnownFamily(family) && ((low & forbidden.low) | (high & forbidden.high)) == 0;
+   }
+   // For readers that check many addresses of one family (a via array) and for readWellFormed:
+   // a byte form is well formed when its family is known and its address sets none of the
+   // family's forbidden bits (as little-endian loads of address bytes 0..7 and 8..15).
+   struct AddressBits {
+      uint64_t low, high;
+   };
+   static constexpr bool isKnownFamily(uint32_t family) noexcept {
+      return family == static_cast<uint32_t>(AddressFamily::none) ||
+             family == static_cast<uint32_t>(AddressFamily::ipv4) ||
+             family == static_cast<uint32_t>(AddressFamily::ipv6);
+   }
+   // Every byte for none, all but the first four for ipv4, none for ipv6 (and for unknown
+   // families, which isKnownFamily refuses).
+   static constexpr AddressBits forbiddenAddressBits(uint32_t family) noexcept {
+      if (family == static_cast<uint32_t>(AddressFamily::none)) return {~uint64_t{0}, ~uint64_t{0}};
+      if (family == static_cast<uint32_t>(AddressFamily::ipv4))
+         return {~uint64_t{UINT32_MAX}, ~uint64_t{0}};
+      return {0, 0};
    }
 
    // Family first, then the address bytes.

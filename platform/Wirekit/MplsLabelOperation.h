@@ -108,40 +108,50 @@ class MplsLabelOperation {
 
    // Inline, without building an error: reads a well-formed byte form into *this and answers
    // true, or answers false (*this is then unspecified, its pad byte possibly set: callers
-   // discard it). The label checks are one mask per place,
-   // gathered rather than branched on; deserialize is the reader of record: it accepts the same
-   // bytes and names the first thing wrong with the others.
+   // discard it). The checks are masks over the image, gathered rather than branched on;
+   // deserialize is the reader of record: it accepts the same bytes and names the first thing
+   // wrong with the others.
    bool readWellFormed(const uint8_t* in) noexcept {
       const uint32_t head = ByteForm::loadLe<uint32_t>(in);
-      const uint8_t kind = uint8_t(head), count = uint8_t(head >> 8), pops = uint8_t(head >> 16);
-      // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
-      const bool headerOk = (head >> 24) == 0 && count <= kMaxLabels &&
-                            static_cast<uint8_t>(mplsOpKindOf(pops, count)) == kind;
-      const size_t row = headerOk ? count : 0;
+      const bool headerOk = isWellFormedHeader(head);
+      const size_t row = headerOk ? uint8_t(head >> 8) : 0;
       if constexpr (std::endian::native == std::endian::little) {
-         // The byte form is the object's image (serialize): one copy, then the places checked
-         // two at a time from the bytes read. Nothing is stored into the copy afterwards (a
-         // nonzero pad byte is refused, not cleared): a store into its middle would keep the
+         // The byte form is the object's image (serialize): one copy, then the image checked
+         // eight bytes at a time from the bytes read. Nothing is stored into the copy afterwards
+         // (a nonzero pad byte is refused, not cleared): a store into its middle would keep the
          // caller's read of the whole object from being forwarded.
          std::memcpy(this, in, kSerializedSize);
-         const auto& forbidden = kForbiddenPairs[row];
-         const auto pair = [&](size_t k) {
-            return ByteForm::loadLe<uint64_t>(in + 4 + 8 * k) & forbidden[k];
+         const auto& forbidden = kForbiddenImage[row];
+         const auto word = [&](size_t k) {
+            return ByteForm::loadLe<uint64_t>(in + 8 * k) & forbidden[k];
          };
-         const uint64_t stray = (pair(0) | pair(1)) | (pair(2) | pair(3)) |
-                                (pair(4) | (ByteForm::loadLe<uint32_t>(in + 44) & forbidden[5]));
+         const uint64_t stray = (word(0) | word(1)) | (word(2) | word(3)) | (word(4) | word(5));
          return headerOk && stray == 0;
       } else {
-         kind_ = kind;
-         count_ = count;
-         pops_ = pops;
-         uint32_t stray = 0;
+         kind_ = uint8_t(head);
+         count_ = uint8_t(head >> 8);
+         pops_ = uint8_t(head >> 16);
+         uint32_t stray = head >> 24;
          for (size_t i = 0; i < kMaxLabels; ++i) {
             labels_[i] = ByteForm::loadLe<uint32_t>(in + 4 + 4 * i);
             stray |= labels_[i] & kForbiddenBits[row][i];
          }
          return headerOk && stray == 0;
       }
+   }
+
+   // For readers that check many operations of one header (a via array) and for
+   // readWellFormed: a byte form is well formed when its first four bytes, read as a
+   // little-endian word, are a consistent header (pad byte aside) and its image, read as six
+   // little-endian words, sets none of the bits forbiddenImage(count) gives.
+   static constexpr bool isWellFormedHeader(uint32_t head) noexcept {
+      const uint8_t kind = uint8_t(head), count = uint8_t(head >> 8), pops = uint8_t(head >> 16);
+      // mplsOpKindOf answers a kind, so an unknown kind code never matches it.
+      return count <= kMaxLabels && static_cast<uint8_t>(mplsOpKindOf(pops, count)) == kind;
+   }
+   // REQUIRES: count <= kMaxLabels.
+   static constexpr const std::array<uint64_t, 6>& forbiddenImage(size_t count) noexcept {
+      return kForbiddenImage[count];
    }
 
    friend bool operator==(const MplsLabelOperation&, const MplsLabelOperation&) noexcept = default;
@@ -160,14 +170,16 @@ class MplsLabelOperation {
       }
       return rows;
    }();
-   // The same rows as little-endian pairs of places (0-1, ..., 8-9), then place 10 alone.
-   static constexpr auto kForbiddenPairs = [] {
+   // The same rows laid over the whole image as little-endian words: the pad byte, then each
+   // place at byte 4 + 4i.
+   static constexpr auto kForbiddenImage = [] {
       std::array<std::array<uint64_t, 6>, kMaxLabels + 1> rows{};
       for (size_t c = 0; c <= kMaxLabels; ++c) {
-         for (size_t k = 0; k < 5; ++k) {
-            rows[c][k] = kForbiddenBits[c][2 * k] | uint64_t{kForbiddenBits[c][2 * k + 1]} << 32;
+         rows[c][0] = uint64_t{0xFF} << 24;
+         for (size_t i = 0; i < kMaxLabels; ++i) {
+            const size_t bit = 32 * (i + 1);
+            rows[c][bit / 64] |= uint64_t{kForbiddenBits[c][i]} << (bit % 64);
          }
-         rows[c][5] = kForbiddenBits[c][10];
       }
       return rows;
    }();
