@@ -194,6 +194,10 @@ struct FieldTraits<Wirekit::UnboundedMplsLabelOperation> {
 
 template <>
 struct FieldTraits<MplsVia> : BlockTraits<MplsVia, BlockCheck::exact> {
+   // Entries carry up to 600 in a row: read as one run (see MplsVia::deserializeRun).
+   static void readRun(MplsVia* places, const uint8_t* in, uint32_t count) {
+      MplsVia::deserializeRun(places, in, count);
+   }
    static Vela::String text(const MplsVia& v) { return valueToStrep(v); }
    static MplsVia parse(std::string_view raw) { return fromText<MplsVia>(raw); }
    static Vela::String dumpText(const MplsVia& v) { return v.stringValue(); }
@@ -265,8 +269,9 @@ struct LiveArrayTraits {
       for (const T& e : a) Element::write(w, e);
    }
    // When every place is there, the places are built in the array's storage from one bounds
-   // check. Otherwise they are read one by one, so that the record is refused with the same
-   // error (a bad place before the end, or the truncation at the place that runs out).
+   // check (as one run where the element reads runs). Otherwise they are read one by one, so that
+   // the record is refused with the same error (a bad place before the end, or the truncation at
+   // the place that runs out).
    static void read(ByteReader& r, Array& a) {
       const size_t countAt = r.offset();
       const uint32_t count = r.u32();
@@ -280,9 +285,13 @@ struct LiveArrayTraits {
             const size_t at = r.offset();
             const uint8_t* in = r.take(len);
             T* places = a.data();
-            for (uint32_t i = 0; i < count; ++i) {
-               const size_t off = size_t{i} * Element::kFixedLen;
-               ::new (static_cast<void*>(places + i)) T(Element::readFrom(in + off, at + off));
+            if constexpr (requires { Element::readRun(places, in, count); }) {
+               Element::readRun(places, in, count);
+            } else {
+               for (uint32_t i = 0; i < count; ++i) {
+                  const size_t off = size_t{i} * Element::kFixedLen;
+                  ::new (static_cast<void*>(places + i)) T(Element::readFrom(in + off, at + off));
+               }
             }
             a.setCountUnchecked(count);
             return;

@@ -2,6 +2,9 @@
 #include "TunnelTable/Via.h"
 
 #include <bit>
+#include <cstring>
+#include <new>
+#include <type_traits>
 #include <vector>
 
 #include "TunnelTable/ByteCursor.h"
@@ -90,6 +93,86 @@ Vela::String MplsVia::dumpLine(int indent) const {
 MplsVia MplsVia::deserializeChecked(const uint8_t* in) {
    return MplsVia(Wirekit::IpGenAddr::deserialize(in), Wirekit::IntfId::deserialize(in + 20),
                   Wirekit::MplsLabelOperation::deserialize(in + 28));
+}
+
+namespace {
+
+using Lanes = uint64_t __attribute__((vector_size(16)));
+
+// Below this many vias, learning a shape costs more than it saves.
+constexpr size_t kShortRun = 4;
+
+Lanes lanesAt(const uint8_t* in) {
+   Lanes v;
+   std::memcpy(&v, in, sizeof v);
+   return v;
+}
+
+// A run's current shape and the bits its vias may not set, as masks over the 16-byte reads of
+// the address (bytes 4..19) and of the label operation (bytes 28..75). A Vlan's number range is
+// the one rule left outside them.
+struct ViaShape {
+   uint32_t family = ~0u;  // no family has it: the first via learns its shape
+   uint64_t intf = 0;
+   uint32_t labelHead = 0;
+   Lanes address{};
+   Lanes labels[3]{};
+   uint64_t intfForbidden = 0;
+   bool ranged = false;  // the interface kind's number has a range (Vlan)
+
+   bool is(uint32_t f, uint64_t code, uint32_t head) const {
+      return f == family && (code & Wirekit::IntfId::kShapeBits) == intf && head == labelHead;
+   }
+   // False for a family or label header no via has (the via is then refused part by part). An
+   // interface shape no interface has forbids every bit of the code, so its vias are refused.
+   bool learn(uint32_t f, uint64_t code, uint32_t head) {
+      if (!Wirekit::IpGenAddr::isKnownFamily(f) ||
+          !Wirekit::MplsLabelOperation::isWellFormedHeader(head)) {
+         return false;
+      }
+      family = f;
+      intf = code & Wirekit::IntfId::kShapeBits;
+      labelHead = head;
+      const auto a = Wirekit::IpGenAddr::forbiddenAddressBits(f);
+      address = Lanes{a.low, a.high};
+      const auto& image = Wirekit::MplsLabelOperation::forbiddenImage(uint8_t(head >> 8));
+      for (size_t k = 0; k < 3; ++k) labels[k] = Lanes{image[2 * k], image[2 * k + 1]};
+      intfForbidden = Wirekit::IntfId::forbiddenBits(code);
+      ranged = !Wirekit::IntfId::numberInRange(intf);  // number 0 is out of any range there is
+      return true;
+   }
+};
+
+}  // namespace
+
+void MplsVia::deserializeRun(MplsVia* out, const uint8_t* in, size_t count) {
+   static_assert(std::is_trivially_destructible_v<MplsVia>);
+   if (std::endian::native != std::endian::little || count < kShortRun) {
+      for (size_t i = 0; i < count; ++i)
+         ::new (out + i) MplsVia(deserialize(in + i * kSerializedSize));
+   } else {
+      ViaShape shape;
+      for (size_t i = 0; i < count; ++i, in += kSerializedSize) {
+         const auto family = Wirekit::ByteForm::loadLe<uint32_t>(in);
+         const auto code = Wirekit::ByteForm::loadLe<uint64_t>(in + 20);
+         const auto head = Wirekit::ByteForm::loadLe<uint32_t>(in + 28);
+         bool ok = shape.is(family, code, head) || shape.learn(family, code, head);
+         const Lanes stray =
+             (lanesAt(in + 4) & shape.address) | (lanesAt(in + 28) & shape.labels[0]) |
+             (lanesAt(in + 44) & shape.labels[1]) | (lanesAt(in + 60) & shape.labels[2]);
+         ok = ok && ((stray[0] | stray[1]) | (code & shape.intfForbidden)) == 0 &&
+              (!shape.ranged || Wirekit::IntfId::numberInRange(code));
+         if (!ok) [[unlikely]] {
+            ::new (out + i) MplsVia(deserialize(in));  // throws the error of record
+            continue;
+         }
+         // The parts copy their bytes; their own answers are not needed (the masks gave them).
+         MplsVia* v = ::new (out + i) MplsVia;
+         (void)v->nextHop_.readWellFormed(in);
+         (void)v->intfId_.readWellFormed(in + 20);
+         (void)v->labels_.readWellFormed(in + 28);
+      }
+   }
 }
 
 Vela::String valueToStrep(const MplsVia& v) {

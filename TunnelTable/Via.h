@@ -92,6 +92,13 @@ class MplsVia {
       return v;
    }
 
+   // Reads `count` vias laid end to end into the storage at `out`, accepting exactly what
+   // deserialize accepts and throwing its error for the first via it refuses. The vias of one
+   // entry nearly always share a shape (address family, interface kind and count, label
+   // header): the bits a shape's values may not set are worked out when the shape changes, and
+   // each via is then checked with a few masked reads instead of part by part.
+   static void deserializeRun(MplsVia* out, const uint8_t* in, size_t count);
+
   private:
    static MplsVia deserializeChecked(const uint8_t* in);
 

@@ -1,6 +1,10 @@
-// The via kinds: hash, text and dump forms, and the tunnel-id via. (Their byte forms are pinned
-// inside the entries of EntryBytesTest.cpp.)
+// The via kinds: hash, text and dump forms, the tunnel-id via, and the run reader of MPLS vias.
+// (Their byte forms are pinned inside the entries of EntryBytesTest.cpp.)
 #include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <vector>
 
 #include "TunnelTable/Via.h"
 #include "Vela/Exception.h"
@@ -113,6 +117,65 @@ TEST(MplsCosViaTest, ClassesCompareAndPrint) {
    other.cosLabelsDelAll();
    EXPECT_EQ(other, MplsCosVia(v.nextHop(), v.intfId()));
    EXPECT_THROW(v.cosLabelsIs(8, MplsLabelOperation()), Vela::RangeException);
+}
+
+// The run reader accepts exactly the runs the via reader accepts, reads the same vias, and
+// throws the same error for the first via refused. Runs of five vias of one shape, every bit of
+// the first or the fourth flipped in turn: flips of a shape's bytes (family, interface kind and
+// count, label header) change the shape mid-run, flips of a value's bytes meet the shape's masks.
+TEST(MplsViaRun, AcceptsExactlyWhatTheViaReaderAccepts) {
+   constexpr size_t kRun = 5, kSize = MplsVia::kSerializedSize;
+   const std::vector<std::array<const char*, 3>> shapes = {
+       {"10.0.0.1", "Ethernet1", "push 100"},
+       {"10.0.0.1", "Ethernet1/2/3", "push 1048575 16 17 18 19 20 21 22 23 24 25"},
+       {"2001:db8::1", "Ethernet3/4", "swap 300"},
+       {"", "", ""},
+       {"10.1.1.1", "Management1/1", "pop 1"},
+       {"10.1.1.1", "Vlan1", "pop 2 push 5"},
+       {"10.1.1.1", "Vlan4094", "push 0"},
+       {"10.1.1.1", "Loopback7", "swap 16 17"},
+       {"fe80::2", "Port-Channel9", "pop 255"},
+       {"10.1.1.1", "Vxlan1", "push 3"},
+       {"10.1.1.1", "Tunnel4294967295", "push 3"},
+   };
+   const auto runOf = [&](const MplsVia& v) {
+      std::vector<uint8_t> bytes(kRun * kSize);
+      for (size_t i = 0; i < kRun; ++i) v.serialize(bytes.data() + i * kSize);
+      return bytes;
+   };
+   std::vector<MplsVia> bases;
+   for (const auto& [nextHop, intf, labels] : shapes) {
+      bases.emplace_back(*nextHop ? IpGenAddr(nextHop) : IpGenAddr(), IntfId(intf),
+                         MplsLabelOperation(labels));
+   }
+   bases.emplace_back(IpGenAddr("10.0.0.9"), Wirekit::DynamicTunnelIntfId::tunnelIdToIntfId(77));
+   size_t refused = 0, cases = 0;
+   for (const MplsVia& base : bases) {
+      for (size_t at : {size_t{0}, 3 * kSize}) {
+         for (size_t bit = 0; bit < 8 * kSize; ++bit) {
+            std::vector<uint8_t> bytes = runOf(base);
+            bytes[at + bit / 8] ^= uint8_t(1u << bit % 8);
+            std::vector<MplsVia> want;
+            const std::string wantError = Testing::errorText([&] {
+               for (size_t i = 0; i < kRun; ++i)
+                  want.push_back(MplsVia::deserialize(&bytes[i * kSize]));
+            });
+            alignas(MplsVia) std::array<uint8_t, kRun * sizeof(MplsVia)> storage;
+            auto* got = reinterpret_cast<MplsVia*>(storage.data());
+            const std::string gotError =
+                Testing::errorText([&] { MplsVia::deserializeRun(got, bytes.data(), kRun); });
+            ASSERT_EQ(gotError, wantError) << base.stringValue() << " bit " << at * 8 + bit;
+            if (want.size() == kRun) {
+               for (size_t i = 0; i < kRun; ++i) ASSERT_EQ(got[i], want[i]) << i;
+            }
+            refused += want.size() < kRun;
+            ++cases;
+         }
+      }
+   }
+   // Both outcomes were met, most bits refused (places, padding) but many kept (numbers, labels).
+   EXPECT_GT(refused, cases / 2);
+   EXPECT_LT(refused, cases);
 }
 
 }  // namespace
