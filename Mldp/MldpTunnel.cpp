@@ -91,10 +91,7 @@ void MldpTunnelTableEntry::deserialize(const void* buffer, uint32_t length) {
       throw Vela::Exception("MldpTunnelTableEntry: " + std::to_string(n) + " vias do not fit in " +
                             std::to_string(length) + " bytes");
    }
-   const uint8_t* p = in + base + 4;
-   for (uint32_t i = 0; i < n; ++i, p += MplsVia::kSerializedSize) {
-      via_.at(i) = MplsVia::deserialize(p);
-   }
+   MplsVia::deserializeRun(via_.data(), in + base + 4, n);
    via_.setCountUnchecked(n);
 }
 
