@@ -84,9 +84,7 @@ class HugePageBuffer {
          yield.runNow();
          const size_t begin = std::max(unit, from) & ~(page - 1);
          const size_t end = std::min(unit + kHugePage, to);
-#ifdef MADV_POPULATE_WRITE
-         if (::madvise(data_ + begin, end - begin, MADV_POPULATE_WRITE) == 0) continue;
-#endif
+         if (populateForWriting(data_ + begin, end - begin)) continue;
          for (size_t at = begin; at < end; at += page) {
             volatile uint8_t* const p = data_ + at;
             *p = *p;
@@ -94,18 +92,24 @@ class HugePageBuffer {
       }
    }
 
-   uint8_t* data() const {
-      return data_;
-   }
-   size_t size() const {
-      return size_;
-   }
+   uint8_t* data() const { return data_; }
+   size_t size() const { return size_; }
    template <class T>
    T* as() const {
       return reinterpret_cast<T*>(data_);
    }
 
   private:
+   // False where the kernel (or the C library's headers) lack MADV_POPULATE_WRITE.
+   static bool populateForWriting(uint8_t* at, size_t length) {
+#ifdef MADV_POPULATE_WRITE
+      return ::madvise(at, length, MADV_POPULATE_WRITE) == 0;
+#else
+      (void)at;
+      (void)length;
+      return false;
+#endif
+   }
    void release() {
       if (data_) ::munmap(data_, size_);
       data_ = nullptr;
