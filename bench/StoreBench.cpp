@@ -108,8 +108,6 @@ Map& table() {
       bool done = false;
       // Calibrates the clock before the first gap opens (the first call takes about 20 ms).
       const double usPerTick = 1e6 / Loom::Clock::ticksPerSecond();
-      uint32_t capacityBefore = m->writer()->capacity();
-      uint32_t bucketsBefore = m->writer()->buckets();
       uint64_t last = Loom::Clock::ticks();
       double lastCpu = threadCpuUs();
       long lastFaults = threadFaults();
@@ -117,33 +115,37 @@ Map& table() {
       // A step's sizes change when it starts. A gap's steps are those whose sizes changed inside
       // it, and the one under way when it opened: a probe run from a yield inside a batch's
       // write is inside a step, the one whose sizes differ from the batch's start.
-      bool inBatch = false;
-      uint32_t capacityAtBatch = 0, bucketsAtBatch = 0;
-      std::string stepsAtOpen;
-      const auto stepsSince = [&](uint32_t capacity, uint32_t buckets, std::string steps) {
-         if (m->writer()->capacity() != capacity && steps.find("slot") == std::string::npos) {
-            steps += " slot-file growth";
-         }
-         if (m->writer()->buckets() != buckets && steps.find("bucket") == std::string::npos) {
-            steps += " bucket growth";
-         }
-         return steps;
+      struct Sizes {
+         uint32_t capacity, buckets;
       };
+      struct Steps {
+         bool slotFile = false, buckets = false;
+      };
+      const auto sizesNow = [&] { return Sizes{m->writer()->capacity(), m->writer()->buckets()}; };
+      const auto stepsSince = [&](Sizes then) {
+         const Sizes now = sizesNow();
+         return Steps{now.capacity != then.capacity, now.buckets != then.buckets};
+      };
+      Sizes before = sizesNow(), atBatch = before;
+      bool inBatch = false;
+      Steps stepsAtOpen;
       std::function<void()> probe = [&] {
          const uint64_t now = Loom::Clock::ticks();
          const double us = double(now - last) * usPerTick;
          const double cpuUs = threadCpuUs() - lastCpu;
          if (us > longestStall.us || cpuUs > longestCpuStall.us) {
-            std::string during = stepsSince(capacityBefore, bucketsBefore, stepsAtOpen);
+            const Steps steps = stepsSince(before);
+            std::string during;
+            if (steps.slotFile || stepsAtOpen.slotFile) during += " slot-file growth";
+            if (steps.buckets || stepsAtOpen.buckets) during += " bucket growth";
             if (during.empty()) during = " writes (slab growth or none)";
             const long faults = threadFaults() - lastFaults;
             if (us > longestStall.us) longestStall = Stall{us, lastKey, k, faults, during};
             if (cpuUs > longestCpuStall.us)
                longestCpuStall = Stall{cpuUs, lastKey, k, faults, during};
          }
-         capacityBefore = m->writer()->capacity();
-         bucketsBefore = m->writer()->buckets();
-         stepsAtOpen = inBatch ? stepsSince(capacityAtBatch, bucketsAtBatch, "") : "";
+         before = sizesNow();
+         stepsAtOpen = inBatch ? stepsSince(atBatch) : Steps{};
          lastKey = k;
          lastFaults = threadFaults();
          last = Loom::Clock::ticks();
@@ -152,8 +154,7 @@ Map& table() {
       };
       std::function<void()> batch = [&] {
          inBatch = true;
-         capacityAtBatch = m->writer()->capacity();
-         bucketsAtBatch = m->writer()->buckets();
+         atBatch = sizesNow();
          for (int i = 0; i < 64 && k < kKeys; ++i, ++k) m->safeWrite(Value(k, 0, 1), false);
          inBatch = false;
          if (k < kKeys) {
