@@ -156,11 +156,12 @@ class SlotWriterTable : public SlotFile {
          while (uint64_t(chunks_.size()) * kChunk < n) {
             chunks_.emplace_back(sizeof(Record) * kChunk, !chunks_.empty() || n >= kChunk / 2);
          }
-         for (uint32_t c = size_ >> kChunkBits; yield && n > size_ && c <= (n - 1) >> kChunkBits;
-              ++c) {
-            const uint32_t first = std::max(size_, c << kChunkBits) & (kChunk - 1);
-            const uint32_t end = std::min<uint64_t>(n - (uint64_t(c) << kChunkBits), kChunk);
-            chunks_[c].faultIn(sizeof(Record) * first, sizeof(Record) * end, *yield);
+         if (yield && n > size_) {
+            for (uint32_t c = size_ >> kChunkBits; c <= (n - 1) >> kChunkBits; ++c) {
+               const uint32_t first = std::max(size_, c << kChunkBits) & (kChunk - 1);
+               const uint32_t end = std::min<uint64_t>(n - (uint64_t(c) << kChunkBits), kChunk);
+               chunks_[c].faultIn(sizeof(Record) * first, sizeof(Record) * end, *yield);
+            }
          }
          for (uint32_t i = size_; i < n; ++i) {
             new (&(*this)[i]) Record{};
